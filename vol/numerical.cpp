@@ -1,0 +1,645 @@
+#include "vol/numerical.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "vol/raw_volume.h"
+
+namespace {
+
+// ---- product accumulation --------------------------------------------------------------
+
+// One term of a product: the two entries multiply in double (exactly, since both are
+// floats), the sum is formed in double and rounded back to the float entry.
+inline float accumulate(float entry, float a, float b) {
+  return static_cast<float>(static_cast<double>(entry) +
+                            static_cast<double>(a) * static_cast<double>(b));
+}
+
+void report_mismatch() { std::fputs("Dimension mismatched\n", stderr); }
+
+bool is_usable(const PcdMatrix* a) {
+  return a != nullptr && a->m != nullptr && a->rows > 0 && a->cols > 0;
+}
+
+bool is_usable(const PcdVector* x) { return x != nullptr && x->data != nullptr && x->n > 0; }
+
+// Writes A * x into out[0 .. rows-1]; out must not alias x.
+void multiply_matrix_vector(const PcdMatrix* a, const float* x, float* out) {
+  for (int32_t i = 0; i < a->rows; ++i) {
+    const float* row = a->m[i];
+    float entry = 0.0f;
+    for (int32_t k = 0; k < a->cols; ++k) entry = accumulate(entry, row[k], x[k]);
+    out[i] = entry;
+  }
+}
+
+// ---- 1-based scratch arrays of the SVD ------------------------------------------------
+// These fail softly: the pseudo-inverse reports which one and returns null.
+
+// [0..rows][0..cols] in one block; row 0 and column 0 are padding for 1-based indexing.
+float** new_scratch_matrix(int rows, int cols) {
+  const size_t r = static_cast<size_t>(rows) + 1;
+  const size_t c = static_cast<size_t>(cols) + 1;
+  if (c != 0 && r > SIZE_MAX / sizeof(float) / c) return nullptr;
+  auto** p = static_cast<float**>(std::malloc(r * sizeof(float*)));
+  if (p == nullptr) return nullptr;
+  auto* block = static_cast<float*>(std::malloc(r * c * sizeof(float)));
+  if (block == nullptr) {
+    std::free(p);
+    return nullptr;
+  }
+  for (size_t i = 0; i < r; ++i) p[i] = block + i * c;
+  return p;
+}
+
+void free_scratch_matrix(float** p) {
+  if (p == nullptr) return;
+  std::free(p[0]);
+  std::free(p);
+}
+
+float* new_scratch_vector(int n, int copies = 1) {
+  return static_cast<float*>(
+      std::malloc((static_cast<size_t>(n) + 1) * static_cast<size_t>(copies) * sizeof(float)));
+}
+
+// ---- 1-based scratch arrays of the LU solver -------------------------------------------
+// These keep the classical behaviour: any failure ends the program.
+
+[[noreturn]] void numerical_error(const char* text) {
+  std::fputs("Numerical Recipes run-time error...\n", stderr);
+  std::fprintf(stderr, "%s\n", text);
+  std::fputs("...now exiting to system...\n", stderr);
+  std::exit(1);
+}
+
+float* lu_vector(int n) {
+  auto* v = static_cast<float*>(std::malloc((static_cast<size_t>(n) + 1) * sizeof(float)));
+  if (v == nullptr) numerical_error("allocation failure in vector()");
+  return v;
+}
+
+int* lu_ivector(int n) {
+  auto* v = static_cast<int*>(std::malloc((static_cast<size_t>(n) + 1) * sizeof(int)));
+  if (v == nullptr) numerical_error("allocation failure in ivector()");
+  return v;
+}
+
+float** lu_matrix(int n) {
+  const size_t r = static_cast<size_t>(n) + 1;
+  auto** p = static_cast<float**>(std::malloc(r * sizeof(float*)));
+  if (p == nullptr) numerical_error("allocation failure 1 in matrix()");
+  float* block = nullptr;
+  if (r <= SIZE_MAX / sizeof(float) / r)
+    block = static_cast<float*>(std::malloc(r * r * sizeof(float)));
+  if (block == nullptr) numerical_error("allocation failure 2 in matrix()");
+  for (size_t i = 0; i < r; ++i) p[i] = block + i * r;
+  return p;
+}
+
+// ---- singular value decomposition ----------------------------------------------------
+
+constexpr int kMaxSweeps = 1000;
+
+inline float with_sign_of(float magnitude, float sign) {
+  return sign >= 0.0f ? std::fabs(magnitude) : -std::fabs(magnitude);
+}
+
+// sqrt(a^2 + b^2) without overflow or destructive underflow of the squares.
+inline float hypotenuse(float a, float b) {
+  const double x = std::fabs(static_cast<double>(a));
+  const double y = std::fabs(static_cast<double>(b));
+  if (x > y) {
+    const double r = y / x;
+    return static_cast<float>(x * std::sqrt(1.0 + r * r));
+  }
+  if (y == 0.0) return 0.0f;
+  const double r = x / y;
+  return static_cast<float>(y * std::sqrt(1.0 + r * r));
+}
+
+// A value is negligible when adding it to the matrix norm does not change the norm in
+// single precision. The sum is kept in float on purpose: in double the test would almost
+// never succeed.
+inline bool negligible(float value, float norm) {
+  const float sum = std::fabs(value) + norm;
+  return sum == norm;
+}
+
+// Householder reduction of a[1..m][1..n] to upper bidiagonal form: the diagonal goes to
+// w, the superdiagonal to e (e[i] couples columns i-1 and i, e[1] = 0). The reflections
+// stay in a (columns below the diagonal, rows right of the superdiagonal) for the
+// accumulation steps. Returns the norm estimate used by the convergence tests.
+float bidiagonalise(float** a, int m, int n, float* w, float* e) {
+  float g = 0.0f;
+  float scale = 0.0f;
+  float norm = 0.0f;
+  for (int i = 1; i <= n; ++i) {
+    const int l = i + 1;
+    e[i] = scale * g;
+    g = 0.0f;
+    scale = 0.0f;
+    float s = 0.0f;
+    // Reflection from the left: zero column i below the diagonal.
+    if (i <= m) {
+      for (int k = i; k <= m; ++k) scale += std::fabs(a[k][i]);
+      if (scale != 0.0f) {
+        for (int k = i; k <= m; ++k) {
+          a[k][i] /= scale;
+          s += a[k][i] * a[k][i];
+        }
+        const float f = a[i][i];
+        g = -with_sign_of(std::sqrt(s), f);
+        const float h = f * g - s;
+        a[i][i] = f - g;
+        for (int j = l; j <= n; ++j) {
+          float dot = 0.0f;
+          for (int k = i; k <= m; ++k) dot += a[k][i] * a[k][j];
+          const float factor = dot / h;
+          for (int k = i; k <= m; ++k) a[k][j] += factor * a[k][i];
+        }
+        for (int k = i; k <= m; ++k) a[k][i] *= scale;
+      }
+    }
+    w[i] = scale * g;
+    // Reflection from the right: zero row i right of the superdiagonal.
+    g = 0.0f;
+    scale = 0.0f;
+    s = 0.0f;
+    if (i <= m && i != n) {
+      for (int k = l; k <= n; ++k) scale += std::fabs(a[i][k]);
+      if (scale != 0.0f) {
+        for (int k = l; k <= n; ++k) {
+          a[i][k] /= scale;
+          s += a[i][k] * a[i][k];
+        }
+        const float f = a[i][l];
+        g = -with_sign_of(std::sqrt(s), f);
+        const float h = f * g - s;
+        a[i][l] = f - g;
+        for (int k = l; k <= n; ++k) e[k] = a[i][k] / h;  // e[l..n] borrowed as scratch
+        for (int j = l; j <= m; ++j) {
+          float dot = 0.0f;
+          for (int k = l; k <= n; ++k) dot += a[j][k] * a[i][k];
+          for (int k = l; k <= n; ++k) a[j][k] += dot * e[k];
+        }
+        for (int k = l; k <= n; ++k) a[i][k] *= scale;
+      }
+    }
+    norm = std::max(norm, std::fabs(w[i]) + std::fabs(e[i]));
+  }
+  return norm;
+}
+
+// Builds V[1..n][1..n] from the right reflections stored in the rows of a.
+void accumulate_right(float** a, int n, float** v, const float* e) {
+  float g = 0.0f;
+  int l = n + 1;
+  for (int i = n; i >= 1; --i) {
+    if (i < n) {
+      if (g != 0.0f) {
+        // Two divisions instead of one product avoid an underflow in a[i][l] * g.
+        for (int j = l; j <= n; ++j) v[j][i] = (a[i][j] / a[i][l]) / g;
+        for (int j = l; j <= n; ++j) {
+          float dot = 0.0f;
+          for (int k = l; k <= n; ++k) dot += a[i][k] * v[k][j];
+          for (int k = l; k <= n; ++k) v[k][j] += dot * v[k][i];
+        }
+      }
+      for (int j = l; j <= n; ++j) {
+        v[i][j] = 0.0f;
+        v[j][i] = 0.0f;
+      }
+    }
+    v[i][i] = 1.0f;
+    g = e[i];
+    l = i;
+  }
+}
+
+// Turns the left reflections stored in the columns of a into U[1..m][1..n], in place.
+void accumulate_left(float** a, int m, int n, const float* w) {
+  for (int i = std::min(m, n); i >= 1; --i) {
+    const int l = i + 1;
+    float g = w[i];
+    for (int j = l; j <= n; ++j) a[i][j] = 0.0f;
+    if (g != 0.0f) {
+      g = 1.0f / g;
+      for (int j = l; j <= n; ++j) {
+        float dot = 0.0f;
+        for (int k = l; k <= m; ++k) dot += a[k][i] * a[k][j];
+        const float factor = (dot / a[i][i]) * g;
+        for (int k = i; k <= m; ++k) a[k][j] += factor * a[k][i];
+      }
+      for (int j = i; j <= m; ++j) a[j][i] *= g;
+    } else {
+      for (int j = i; j <= m; ++j) a[j][i] = 0.0f;
+    }
+    a[i][i] += 1.0f;
+  }
+}
+
+// Applies the plane rotation (c, s) to columns p and q of x[1..rows][..].
+inline void rotate_columns(float** x, int rows, int p, int q, float c, float s) {
+  for (int r = 1; r <= rows; ++r) {
+    const float xp = x[r][p];
+    const float xq = x[r][q];
+    x[r][p] = xp * c + xq * s;
+    x[r][q] = xq * c - xp * s;
+  }
+}
+
+// Implicit-shift QR on the bidiagonal (w, e) until every superdiagonal element has
+// vanished, updating U (u[1..m][1..n]) and V (v[1..n][1..n]) along the way.
+void diagonalise(float** u, int m, int n, float* w, float* e, float** v, float norm) {
+  for (int k = n; k >= 1; --k) {
+    for (int sweep = 1; sweep <= kMaxSweeps; ++sweep) {
+      // Find the top l of the unreduced block ending at k. Either e[l] is negligible
+      // (the block splits there) or w[l-1] is, and then e[l] must be chased out first.
+      // e[1] is always 0, so the search ends at l = 1 at the latest.
+      bool chase = true;
+      int l = k;
+      for (; l >= 1; --l) {
+        if (negligible(e[l], norm)) {
+          chase = false;
+          break;
+        }
+        if (negligible(w[l - 1], norm)) break;
+      }
+      if (chase) {
+        // w[l-1] is (nearly) zero: rotate e[l] .. e[k] away with rotations from the left.
+        const int nm = l - 1;
+        float c = 0.0f;
+        float s = 1.0f;
+        for (int i = l; i <= k; ++i) {
+          const float f = s * e[i];
+          e[i] = c * e[i];
+          if (negligible(f, norm)) break;
+          const float g = w[i];
+          float h = hypotenuse(f, g);
+          w[i] = h;
+          h = 1.0f / h;
+          c = g * h;
+          s = -f * h;
+          rotate_columns(u, m, nm, i, c, s);
+        }
+      }
+      float z = w[k];
+      if (l == k) {
+        // Converged: make the singular value non-negative.
+        if (z < 0.0f) {
+          w[k] = -z;
+          for (int j = 1; j <= n; ++j) v[j][k] = -v[j][k];
+        }
+        break;
+      }
+      if (sweep == kMaxSweeps) break;  // give up on this one quietly and go on
+
+      // Shift from the trailing 2 x 2 block.
+      float x = w[l];
+      const int nm = k - 1;
+      float y = w[nm];
+      float g = e[nm];
+      float h = e[k];
+      float f = ((y - z) * (y + z) + (g - h) * (g + h)) / (2.0f * h * y);
+      g = hypotenuse(f, 1.0f);
+      f = ((x - z) * (x + z) + h * ((y / (f + with_sign_of(g, f))) - h)) / x;
+
+      // One QR sweep by Givens rotations, chasing the bulge down the block.
+      float c = 1.0f;
+      float s = 1.0f;
+      for (int j = l; j <= nm; ++j) {
+        const int i = j + 1;
+        g = e[i];
+        y = w[i];
+        h = s * g;
+        g = c * g;
+        z = hypotenuse(f, h);
+        e[j] = z;
+        c = f / z;
+        s = h / z;
+        f = x * c + g * s;
+        g = g * c - x * s;
+        h = y * s;
+        y *= c;
+        rotate_columns(v, n, j, i, c, s);
+        z = hypotenuse(f, h);
+        w[j] = z;
+        if (z != 0.0f) {
+          z = 1.0f / z;
+          c = f * z;
+          s = h * z;
+        }
+        f = c * g + s * y;
+        x = c * y - s * g;
+        rotate_columns(u, m, j, i, c, s);
+      }
+      e[l] = 0.0f;
+      e[k] = f;
+      w[k] = x;
+    }
+  }
+}
+
+// ---- LU decomposition -------------------------------------------------------------------
+
+// Crout's method with implicit scaling and partial pivoting, in place on a[1..n][1..n];
+// the row interchanges go to index[1..n]. scale is scratch of n + 1 floats.
+void lu_decompose(float** a, int n, int* index, float* scale) {
+  constexpr float kTiny = 1.0e-20f;  // stands in for an exactly zero pivot
+  for (int i = 1; i <= n; ++i) {
+    float largest = 0.0f;
+    for (int j = 1; j <= n; ++j) largest = std::max(largest, std::fabs(a[i][j]));
+    if (largest == 0.0f) numerical_error("Singular matrix in routine ludcmp");
+    scale[i] = 1.0f / largest;
+  }
+  for (int j = 1; j <= n; ++j) {
+    for (int i = 1; i < j; ++i) {
+      float sum = a[i][j];
+      for (int k = 1; k < i; ++k) sum -= a[i][k] * a[k][j];
+      a[i][j] = sum;
+    }
+    float largest = 0.0f;
+    int pivot = j;
+    for (int i = j; i <= n; ++i) {
+      float sum = a[i][j];
+      for (int k = 1; k < j; ++k) sum -= a[i][k] * a[k][j];
+      a[i][j] = sum;
+      const float merit = scale[i] * std::fabs(sum);
+      if (merit >= largest) {
+        largest = merit;
+        pivot = i;
+      }
+    }
+    if (pivot != j) {
+      std::swap(a[pivot], a[j]);  // rows share one block; swapping pointers swaps rows
+      scale[pivot] = scale[j];
+    }
+    index[j] = pivot;
+    if (a[j][j] == 0.0f) a[j][j] = kTiny;
+    if (j != n) {
+      const float inverse = 1.0f / a[j][j];
+      for (int i = j + 1; i <= n; ++i) a[i][j] *= inverse;
+    }
+  }
+}
+
+// Solves LU x = b in place (b[1..n]) with the factors and interchanges of lu_decompose.
+void lu_back_substitute(float* const* a, int n, const int* index, float* b) {
+  int first = 0;  // first non-zero entry of b, so leading zeros cost nothing
+  for (int i = 1; i <= n; ++i) {
+    const int p = index[i];
+    float sum = b[p];
+    b[p] = b[i];
+    if (first != 0) {
+      for (int j = first; j < i; ++j) sum -= a[i][j] * b[j];
+    } else if (sum != 0.0f) {
+      first = i;
+    }
+    b[i] = sum;
+  }
+  for (int i = n; i >= 1; --i) {
+    float sum = b[i];
+    for (int j = i + 1; j <= n; ++j) sum -= a[i][j] * b[j];
+    b[i] = sum / a[i][i];
+  }
+}
+
+}  // namespace
+
+// ---- records ------------------------------------------------------------------------------
+
+PcdVector* PCD_NewVector(int32_t n) {
+  if (n < 1) return nullptr;
+  auto* v = static_cast<PcdVector*>(std::malloc(sizeof(PcdVector)));
+  if (v == nullptr) return nullptr;
+  v->n = n;
+  v->data = static_cast<float*>(std::malloc(static_cast<size_t>(n) * sizeof(float)));
+  if (v->data == nullptr) {
+    std::free(v);
+    return nullptr;
+  }
+  return v;
+}
+
+void PCD_DeleteVector(PcdVector* vector) {
+  if (vector == nullptr) return;
+  std::free(vector->data);
+  std::free(vector);
+}
+
+PcdMatrix* PCD_NewMatrix(int32_t rows, int32_t cols) {
+  if (rows < 1 || cols < 1) return nullptr;
+  auto* a = static_cast<PcdMatrix*>(std::malloc(sizeof(PcdMatrix)));
+  if (a == nullptr) return nullptr;
+  a->rows = rows;
+  a->cols = cols;
+  a->m = reinterpret_cast<float**>(PCD_New2DArray(cols, rows, FLOAT32));
+  if (a->m == nullptr) {
+    std::free(a);
+    return nullptr;
+  }
+  return a;
+}
+
+void PCD_DeleteMatrix(PcdMatrix* matrix) {
+  if (matrix == nullptr) return;
+  PCD_Delete2DArray(reinterpret_cast<Pcd2DArray>(matrix->m), matrix->cols, matrix->rows,
+                    FLOAT32);
+  std::free(matrix);
+}
+
+// ---- products -----------------------------------------------------------------------------
+
+PcdMatrix* PCD_GetTransposedMatrix(const PcdMatrix* a) {
+  if (!is_usable(a)) return nullptr;
+  PcdMatrix* t = PCD_NewMatrix(a->cols, a->rows);
+  if (t == nullptr) return nullptr;
+  for (int32_t i = 0; i < a->rows; ++i)
+    for (int32_t j = 0; j < a->cols; ++j) t->m[j][i] = a->m[i][j];
+  return t;
+}
+
+PcdMatrix* PCD_MultiplyMatrices(const PcdMatrix* a, const PcdMatrix* b) {
+  if (!is_usable(a) || !is_usable(b)) return nullptr;
+  if (a->cols != b->rows) {
+    report_mismatch();
+    return nullptr;
+  }
+  PcdMatrix* p = PCD_NewMatrix(a->rows, b->cols);
+  if (p == nullptr) return nullptr;
+  // Row by row with the inner index outside: every entry still receives its terms in
+  // increasing inner index, but B is walked along its rows.
+  for (int32_t i = 0; i < a->rows; ++i) {
+    float* out = p->m[i];
+    std::fill(out, out + b->cols, 0.0f);
+    for (int32_t k = 0; k < a->cols; ++k) {
+      const float aik = a->m[i][k];
+      const float* bk = b->m[k];
+      for (int32_t j = 0; j < b->cols; ++j) out[j] = accumulate(out[j], aik, bk[j]);
+    }
+  }
+  return p;
+}
+
+PcdMatrix* PCD_Multiply3Matrices(const PcdMatrix* a, const PcdMatrix* b, const PcdMatrix* c) {
+  PcdMatrix* ab = PCD_MultiplyMatrices(a, b);
+  if (ab == nullptr) return nullptr;
+  PcdMatrix* abc = PCD_MultiplyMatrices(ab, c);
+  PCD_DeleteMatrix(ab);
+  return abc;
+}
+
+PcdVector* PCD_MultiplyMatrixVector(const PcdMatrix* a, const PcdVector* x) {
+  if (!is_usable(a) || !is_usable(x)) return nullptr;
+  if (a->cols != x->n) {
+    report_mismatch();
+    return nullptr;
+  }
+  PcdVector* y = PCD_NewVector(a->rows);
+  if (y == nullptr) return nullptr;
+  multiply_matrix_vector(a, x->data, y->data);
+  return y;
+}
+
+int PCD_MultiplyMatrixVectorInto(const PcdMatrix* a, const PcdVector* x, PcdVector* result) {
+  if (!is_usable(a) || !is_usable(x) || !is_usable(result)) return -1;
+  if (a->cols != x->n || a->rows != result->n || result->data == x->data) {
+    report_mismatch();
+    return -1;
+  }
+  multiply_matrix_vector(a, x->data, result->data);
+  return 0;
+}
+
+// ---- pseudo-inverse -----------------------------------------------------------------------
+
+PcdMatrix* PCDnumerical_GetInversedMatrix(const PcdMatrix* a) {
+  if (!is_usable(a)) {
+    std::fputs("PCDnumerical_GetInversedMatrix: matrix == NULL?\n", stderr);
+    return nullptr;
+  }
+  const int m = a->rows;
+  const int n = a->cols;
+
+  float** u = new_scratch_matrix(m, n);
+  if (u == nullptr) {
+    std::fputs("PCDnumerical_GetInversedMatrix: U == NULL?\n", stderr);
+    return nullptr;
+  }
+  float** v = new_scratch_matrix(n, n);
+  if (v == nullptr) {
+    std::fputs("PCDnumerical_GetInversedMatrix: V == NULL?\n", stderr);
+    free_scratch_matrix(u);
+    return nullptr;
+  }
+  // W and the decomposition's superdiagonal share one block.
+  float* w = new_scratch_vector(n, 2);
+  if (w == nullptr) {
+    std::fputs("PCDnumerical_GetInversedMatrix: W == NULL?\n", stderr);
+    free_scratch_matrix(v);
+    free_scratch_matrix(u);
+    return nullptr;
+  }
+  float* superdiagonal = w + n + 1;
+  float* winv = new_scratch_vector(n);
+  if (winv == nullptr) {
+    std::fputs("PCDnumerical_GetInversedMatrix: Winv == NULL?\n", stderr);
+    std::free(w);
+    free_scratch_matrix(v);
+    free_scratch_matrix(u);
+    return nullptr;
+  }
+
+  for (int i = 0; i < m; ++i) std::memcpy(&u[i + 1][1], a->m[i], sizeof(float) * n);
+  svd_decompose(u, m, n, w, v, superdiagonal);
+
+  for (int j = 1; j <= n; ++j) {
+    if (w[j] == 0.0f || std::isnan(w[j])) {
+      std::fputs("<!> 0 element in W of SVD\n", stderr);
+      winv[j] = 0.0f;
+    } else {
+      winv[j] = 1.0f / w[j];
+    }
+  }
+  for (int i = 1; i <= n; ++i)
+    for (int j = 1; j <= n; ++j) v[i][j] *= winv[j];
+  std::free(winv);
+  std::free(w);
+
+  PcdMatrix* ut = PCD_NewMatrix(n, m);
+  PcdMatrix* vw = PCD_NewMatrix(n, n);
+  if (ut != nullptr && vw != nullptr) {
+    for (int i = 0; i < m; ++i)
+      for (int j = 0; j < n; ++j) ut->m[j][i] = u[i + 1][j + 1];
+    for (int i = 0; i < n; ++i) std::memcpy(vw->m[i], &v[i + 1][1], sizeof(float) * n);
+  }
+  free_scratch_matrix(v);
+  free_scratch_matrix(u);
+
+  PcdMatrix* inverse = PCD_MultiplyMatrices(vw, ut);
+  PCD_DeleteMatrix(vw);
+  PCD_DeleteMatrix(ut);
+  return inverse;
+}
+
+PcdVector* PCDnumerical_SolveLinearEquations(const PcdMatrix* a, const PcdVector* y) {
+  PcdMatrix* inverse = PCDnumerical_GetInversedMatrix(a);
+  if (inverse == nullptr) {
+    std::fputs("invA = NULL?\n", stderr);
+    return nullptr;
+  }
+  PcdVector* x = PCD_MultiplyMatrixVector(inverse, y);
+  PCD_DeleteMatrix(inverse);
+  return x;
+}
+
+void svd_decompose(float** a, int m, int n, float* w, float** v, float* rv1) {
+  const float norm = bidiagonalise(a, m, n, w, rv1);
+  accumulate_right(a, n, v, rv1);
+  accumulate_left(a, m, n, w);
+  diagonalise(a, m, n, w, rv1, v, norm);
+}
+
+// ---- LU inverse ---------------------------------------------------------------------------
+
+PcdMatrix* PCDnumerical_GetInversedMatrixLU(const PcdMatrix* a) {
+  if (!is_usable(a) || a->rows != a->cols) return nullptr;
+  const int n = a->rows;
+  PcdMatrix* inverse = PCD_NewMatrix(n, n);
+  if (inverse == nullptr) return nullptr;
+
+  float** lu = lu_matrix(n);
+  float* column = lu_vector(n);
+  int* index = lu_ivector(n);
+  float* scale = lu_vector(n);
+  float* block = lu[0];  // the pivoting swaps row pointers; keep the block to free it
+
+  for (int i = 0; i < n; ++i) std::memcpy(&lu[i + 1][1], a->m[i], sizeof(float) * n);
+  lu_decompose(lu, n, index, scale);
+  for (int j = 1; j <= n; ++j) {
+    std::fill(column + 1, column + n + 1, 0.0f);
+    column[j] = 1.0f;
+    lu_back_substitute(lu, n, index, column);
+    for (int i = 1; i <= n; ++i) inverse->m[i - 1][j - 1] = column[i];
+  }
+
+  std::free(scale);
+  std::free(index);
+  std::free(column);
+  std::free(block);
+  std::free(lu);
+  return inverse;
+}
+
+PcdVector* PCDnumerical_SolveLinearEquationsLU(const PcdMatrix* a, const PcdVector* y) {
+  PcdMatrix* inverse = PCDnumerical_GetInversedMatrixLU(a);
+  if (inverse == nullptr) return nullptr;
+  PcdVector* x = PCD_MultiplyMatrixVector(inverse, y);
+  PCD_DeleteMatrix(inverse);
+  return x;
+}
