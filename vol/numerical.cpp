@@ -507,8 +507,9 @@ PcdVector* PCD_MultiplyMatrixVector(const PcdMatrix* a, const PcdVector* x) {
 }
 
 int PCD_MultiplyMatrixVectorInto(const PcdMatrix* a, const PcdVector* x, PcdVector* result) {
-  if (!is_usable(a) || !is_usable(x) || !is_usable(result)) return -1;
-  if (a->cols != x->n || a->rows != result->n || result->data == x->data) {
+  if (!is_usable(a) || !is_usable(x) || !is_usable(result) || result->data == x->data)
+    return -1;
+  if (a->cols != x->n || a->rows != result->n) {
     report_mismatch();
     return -1;
   }

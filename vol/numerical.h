@@ -37,9 +37,9 @@ PcdMatrix* PCD_Multiply3Matrices(const PcdMatrix* a, const PcdMatrix* b, const P
 PcdVector* PCD_MultiplyMatrixVector(const PcdMatrix* a, const PcdVector* x);
 
 // The same product as PCD_MultiplyMatrixVector, bit for bit, written into a vector the
-// caller already holds (result->n must equal a->rows). For hot loops that apply one
-// precomputed pseudo-inverse to many right-hand sides. 0, or -1 on a null argument or a
-// mismatch ("Dimension mismatched\n").
+// caller already holds (result->n must equal a->rows, result must not be x). For hot
+// loops that apply one precomputed pseudo-inverse to many right-hand sides. 0, or -1 on
+// a null or shared argument or a mismatch ("Dimension mismatched\n").
 int PCD_MultiplyMatrixVectorInto(const PcdMatrix* a, const PcdVector* x, PcdVector* result);
 
 // n x m pseudo-inverse of an m x n matrix by singular value decomposition; only exactly
