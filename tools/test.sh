@@ -10,17 +10,17 @@ jobs=$(nproc)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORIX_WERROR=ON >/dev/null
 cmake --build build -j"$jobs"
 xvfb-run -a -s "-screen 0 1280x1024x24" \
-  ctest --test-dir build --output-on-failure -j"$jobs"
+  ctest --test-dir build --output-on-failure -j"$jobs" --no-tests=error
 
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQUORIX_SANITIZE=ON \
   -DQUORIX_GUI=OFF -DQUORIX_BENCH=OFF >/dev/null
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  ctest --test-dir build-asan --output-on-failure -j"$jobs"
+  ctest --test-dir build-asan --output-on-failure -j"$jobs" --no-tests=error
 
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORIX_TSAN=ON \
   -DQUORIX_GUI=OFF -DQUORIX_BENCH=OFF >/dev/null
 cmake --build build-tsan -j"$jobs"
 # high mmap randomisation on newer kernels trips ThreadSanitizer; run without ASLR
 TSAN_OPTIONS=halt_on_error=1 setarch "$(uname -m)" -R \
-  ctest --test-dir build-tsan --output-on-failure -j"$jobs" -L threaded
+  ctest --test-dir build-tsan --output-on-failure -j"$jobs" -L '^(dti|fiber|ipc|study)$' --no-tests=error
