@@ -15,3 +15,672 @@ int32_t PCD_SizeOfDataType(int32_t type) {
 const char* PCD_NameOfDataType(int32_t type) {
   return PCD_IsValidDataType(type) ? kPcdDataTypes[type].name : "?";
 }
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+
+namespace {
+
+// Element count x*y*z, or -1 when a size is not positive or the byte count of the block
+// would not fit in memory addressing.
+int64_t ElementCount(int32_t sx, int32_t sy, int32_t sz, int32_t type) {
+  const int32_t size = PCD_SizeOfDataType(type);
+  if (sx <= 0 || sy <= 0 || sz <= 0 || size == 0) return -1;
+  const int64_t n = static_cast<int64_t>(sx) * sy;
+  if (n > std::numeric_limits<int64_t>::max() / sz) return -1;
+  const int64_t count = n * sz;
+  if (count > static_cast<int64_t>(std::numeric_limits<size_t>::max() / 16) / size) return -1;
+  return count;
+}
+
+size_t ChannelBytes(const PcdRawVolumeData* v, int32_t channel) {
+  const PcdIntSize4D& s = *v->matrixSize;
+  return static_cast<size_t>(s.x) * s.y * s.z *
+         static_cast<size_t>(PCD_SizeOfDataType(v->dataType[channel]));
+}
+
+bool HasChannel(const PcdRawVolumeData* v, int32_t channel) {
+  return v != nullptr && v->matrixSize != nullptr && channel >= 0 &&
+         channel < v->matrixSize->channels;
+}
+
+// Truncation toward zero of a float coordinate, kept in range for the int conversion.
+int32_t Trunc(float v) {
+  if (!(v > -2147483648.0f)) return std::numeric_limits<int32_t>::min();
+  if (!(v < 2147483648.0f)) return std::numeric_limits<int32_t>::max();
+  return static_cast<int32_t>(v);
+}
+
+// One axis of the clamped trilinear read: lower sample index and fraction.
+struct AxisSample {
+  int32_t base;
+  double f;
+};
+AxisSample ClampAxis(float p, int32_t n) {
+  const int32_t i = Trunc(p);
+  if (i >= n - 1) return {n - 2, static_cast<double>(static_cast<float>(n - 1) - (n - 2))};
+  if (i < 0) return {0, 0.0};
+  return {i, static_cast<double>(p - static_cast<float>(i))};
+}
+
+template <typename T>
+double SampleAsDouble(const void* row, int32_t x) {
+  return static_cast<double>(static_cast<const T*>(row)[x]);
+}
+
+template <typename T>
+double Trilinear(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x, float y,
+                 float z) {
+  const AxisSample ax = ClampAxis(x, nx), ay = ClampAxis(y, ny), az = ClampAxis(z, nz);
+  auto at = [&](int32_t dz, int32_t dy, int32_t dx) {
+    return SampleAsDouble<T>(a[az.base + dz][ay.base + dy], ax.base + dx);
+  };
+  double plane[2];
+  for (int dz = 0; dz < 2; ++dz) {
+    const double r0 = at(dz, 0, 0) * (1.0 - ax.f) + at(dz, 0, 1) * ax.f;
+    const double r1 = at(dz, 1, 0) * (1.0 - ax.f) + at(dz, 1, 1) * ax.f;
+    plane[dz] = r0 * (1.0 - ay.f) + r1 * ay.f;
+  }
+  return plane[0] * (1.0 - az.f) + plane[1] * az.f;
+}
+
+template <typename T>
+double Bilinear(Pcd2DArray a, float x, float y) {
+  const int32_t i = Trunc(x), j = Trunc(y);
+  const double fx = x - static_cast<float>(i), fy = y - static_cast<float>(j);
+  const double r0 = SampleAsDouble<T>(a[j], i) * (1.0 - fx) + SampleAsDouble<T>(a[j], i + 1) * fx;
+  const double r1 =
+      SampleAsDouble<T>(a[j + 1], i) * (1.0 - fx) + SampleAsDouble<T>(a[j + 1], i + 1) * fx;
+  return r0 * (1.0 - fy) + r1 * fy;
+}
+
+// Truncation of a blended value to the 64-bit integer every integer reader returns
+// through; values beyond the range saturate instead of being undefined.
+int64_t TruncToInt64(double v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 9.2e18) return std::numeric_limits<int64_t>::max();
+  if (v <= -9.2e18) return std::numeric_limits<int64_t>::min();
+  return static_cast<int64_t>(v);
+}
+
+bool InsideVolume(int32_t nx, int32_t ny, int32_t nz, float x, float y, float z, int32_t* ix,
+                  int32_t* iy, int32_t* iz) {
+  *ix = Trunc(x);
+  *iy = Trunc(y);
+  *iz = Trunc(z);
+  return *ix >= 0 && *ix < nx && *iy >= 0 && *iy < ny && *iz >= 0 && *iz < nz;
+}
+
+template <typename T>
+T NearestRead3D(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x, float y, float z) {
+  int32_t ix, iy, iz;
+  if (!InsideVolume(nx, ny, nz, x, y, z, &ix, &iy, &iz)) return T(0);
+  return static_cast<T*>(a[iz][iy])[ix];
+}
+
+template <typename T>
+T NearestRead2D(Pcd2DArray a, float x, float y) {
+  return static_cast<T*>(a[Trunc(y)])[Trunc(x)];
+}
+
+}  // namespace
+
+// ---- typed arrays ------------------------------------------------------------------
+
+Pcd2DArray PCD_New2DArray(int32_t sizeX, int32_t sizeY, int32_t type) {
+  const int64_t count = ElementCount(sizeX, sizeY, 1, type);
+  if (count < 0) return nullptr;
+  const size_t elem = static_cast<size_t>(PCD_SizeOfDataType(type));
+  auto* block = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(count), elem));
+  auto rows = static_cast<void**>(std::malloc(sizeof(void*) * static_cast<size_t>(sizeY)));
+  if (block == nullptr || rows == nullptr) {
+    std::free(block);
+    std::free(rows);
+    return nullptr;
+  }
+  for (int32_t y = 0; y < sizeY; ++y) rows[y] = block + static_cast<size_t>(y) * sizeX * elem;
+  return rows;
+}
+
+void PCD_Delete2DArray(Pcd2DArray handle, int32_t, int32_t, int32_t) {
+  if (handle == nullptr) return;
+  std::free(handle[0]);
+  std::free(handle);
+}
+
+Pcd3DArray PCD_New3DArray(int32_t sizeX, int32_t sizeY, int32_t sizeZ, int32_t type) {
+  const int64_t count = ElementCount(sizeX, sizeY, sizeZ, type);
+  if (count < 0) return nullptr;
+  const size_t elem = static_cast<size_t>(PCD_SizeOfDataType(type));
+  auto* block = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(count), elem));
+  auto planes = static_cast<void***>(std::calloc(static_cast<size_t>(sizeZ), sizeof(void**)));
+  if (block == nullptr || planes == nullptr) {
+    std::free(block);
+    std::free(planes);
+    return nullptr;
+  }
+  const size_t rowBytes = static_cast<size_t>(sizeX) * elem;
+  for (int32_t z = 0; z < sizeZ; ++z) {
+    planes[z] = static_cast<void**>(std::malloc(sizeof(void*) * static_cast<size_t>(sizeY)));
+    if (planes[z] == nullptr) {
+      for (int32_t k = 0; k < z; ++k) std::free(planes[k]);
+      std::free(planes);
+      std::free(block);
+      return nullptr;
+    }
+    for (int32_t y = 0; y < sizeY; ++y)
+      planes[z][y] = block + (static_cast<size_t>(z) * sizeY + y) * rowBytes;
+  }
+  return planes;
+}
+
+void PCD_Delete3DArray(Pcd3DArray handle, int32_t, int32_t, int32_t sizeZ, int32_t) {
+  if (handle == nullptr) return;
+  std::free(handle[0][0]);
+  for (int32_t z = 0; z < sizeZ; ++z) std::free(handle[z]);
+  std::free(handle);
+}
+
+// ---- the multi-channel volume ------------------------------------------------------
+
+namespace {
+
+void FreeVolumeShell(PcdRawVolumeData* v) {
+  std::free(v->matrixSize);
+  std::free(v->dataType);
+  std::free(v->colorFormat);
+  std::free(v->data);
+  std::free(v->array3D);
+  delete v;
+}
+
+}  // namespace
+
+PcdRawVolumeData* PCD_NewRawVolumeData(const PcdIntSize4D* size, const int32_t* dataType,
+                                       const int32_t* colorFormat) {
+  if (size == nullptr || dataType == nullptr || colorFormat == nullptr) return nullptr;
+  if (size->x <= 0 || size->y <= 0 || size->z <= 0 || size->channels <= 0) return nullptr;
+  auto* v = new (std::nothrow) PcdRawVolumeData;
+  if (v == nullptr) return nullptr;
+  const auto n = static_cast<size_t>(size->channels);
+  v->matrixSize = static_cast<PcdIntSize4D*>(std::malloc(sizeof(PcdIntSize4D)));
+  v->dataType = static_cast<int32_t*>(std::calloc(n, sizeof(int32_t)));
+  v->colorFormat = static_cast<int32_t*>(std::calloc(n, sizeof(int32_t)));
+  v->data = static_cast<void**>(std::calloc(n, sizeof(void*)));
+  v->array3D = static_cast<Pcd3DArray*>(std::calloc(n, sizeof(Pcd3DArray)));
+  if (!v->matrixSize || !v->dataType || !v->colorFormat || !v->data || !v->array3D) {
+    FreeVolumeShell(v);
+    return nullptr;
+  }
+  *v->matrixSize = *size;
+  for (int32_t c = 0; c < size->channels; ++c) {
+    Pcd3DArray a = PCD_New3DArray(size->x, size->y, size->z, dataType[c]);
+    if (a == nullptr) {
+      for (int32_t k = 0; k < c; ++k)
+        PCD_Delete3DArray(v->array3D[k], size->x, size->y, size->z, v->dataType[k]);
+      FreeVolumeShell(v);
+      return nullptr;
+    }
+    v->array3D[c] = a;
+    v->data[c] = a[0][0];
+    v->dataType[c] = dataType[c];
+    v->colorFormat[c] = colorFormat[c];
+  }
+  return v;
+}
+
+PcdRawVolumeData* PCD_NewSingleChannelRawVolumeData(const PcdIntSize3D* size,
+                                                    int32_t dataType, int32_t colorFormat) {
+  if (size == nullptr) return nullptr;
+  const PcdIntSize4D s4{size->x, size->y, size->z, 1};
+  return PCD_NewRawVolumeData(&s4, &dataType, &colorFormat);
+}
+
+void PCD_DeleteRawVolumeData(PcdRawVolumeData* volume) {
+  if (volume == nullptr) return;
+  if (volume->matrixSize != nullptr && volume->array3D != nullptr) {
+    const PcdIntSize4D& s = *volume->matrixSize;
+    for (int32_t c = 0; c < s.channels; ++c)
+      PCD_Delete3DArray(volume->array3D[c], s.x, s.y, s.z, volume->dataType[c]);
+  }
+  FreeVolumeShell(volume);
+}
+
+int PCD_AddNewChannelOfRawVolumeData(PcdRawVolumeData* dest, const PcdRawVolumeData* src,
+                                     int32_t srcChannel) {
+  if (dest == nullptr || dest->matrixSize == nullptr || !HasChannel(src, srcChannel)) return -1;
+  const int32_t type = src->dataType[srcChannel];
+  const int32_t format = src->colorFormat[srcChannel];
+  const PcdIntSize4D& s = *dest->matrixSize;
+  const auto n = static_cast<size_t>(s.channels) + 1;
+  auto* types = static_cast<int32_t*>(std::calloc(n, sizeof(int32_t)));
+  auto* formats = static_cast<int32_t*>(std::calloc(n, sizeof(int32_t)));
+  auto* data = static_cast<void**>(std::calloc(n, sizeof(void*)));
+  auto* arrays = static_cast<Pcd3DArray*>(std::calloc(n, sizeof(Pcd3DArray)));
+  Pcd3DArray a = PCD_New3DArray(s.x, s.y, s.z, type);
+  if (!types || !formats || !data || !arrays || !a) {
+    std::free(types);
+    std::free(formats);
+    std::free(data);
+    std::free(arrays);
+    PCD_Delete3DArray(a, s.x, s.y, s.z, type);
+    return -1;
+  }
+  for (int32_t c = 0; c < s.channels; ++c) {
+    types[c] = dest->dataType[c];
+    formats[c] = dest->colorFormat[c];
+    data[c] = dest->data[c];
+    arrays[c] = dest->array3D[c];
+  }
+  types[s.channels] = type;
+  formats[s.channels] = format;
+  data[s.channels] = a[0][0];
+  arrays[s.channels] = a;
+  std::free(dest->dataType);
+  std::free(dest->colorFormat);
+  std::free(dest->data);
+  std::free(dest->array3D);
+  dest->dataType = types;
+  dest->colorFormat = formats;
+  dest->data = data;
+  dest->array3D = arrays;
+  dest->matrixSize->channels += 1;
+  // both records have the same x, y, z: the caller guarantees it
+  std::memcpy(a[0][0], src->data[srcChannel], ChannelBytes(dest, dest->matrixSize->channels - 1));
+  return 0;
+}
+
+PcdRawVolumeData* PCD_CopyChannelOfRawVolumeData(const PcdRawVolumeData* volume,
+                                                 int32_t channel) {
+  if (!HasChannel(volume, channel)) return nullptr;
+  const PcdIntSize3D s{volume->matrixSize->x, volume->matrixSize->y, volume->matrixSize->z};
+  PcdRawVolumeData* copy = PCD_NewSingleChannelRawVolumeData(&s, volume->dataType[channel],
+                                                             volume->colorFormat[channel]);
+  if (copy != nullptr) std::memcpy(copy->data[0], volume->data[channel], ChannelBytes(copy, 0));
+  return copy;
+}
+
+PcdRawVolumeData* PCD_DuplicateRawVolumeData(const PcdRawVolumeData* volume) {
+  if (volume == nullptr || volume->matrixSize == nullptr) return nullptr;
+  PcdRawVolumeData* copy =
+      PCD_NewRawVolumeData(volume->matrixSize, volume->dataType, volume->colorFormat);
+  if (copy == nullptr) return nullptr;
+  for (int32_t c = 0; c < volume->matrixSize->channels; ++c)
+    std::memcpy(copy->data[c], volume->data[c], ChannelBytes(copy, c));
+  return copy;
+}
+
+void PCD_ClearChannelOfRawVolumeData(PcdRawVolumeData* volume, int32_t channel) {
+  if (!HasChannel(volume, channel)) return;
+  std::memset(volume->data[channel], 0, ChannelBytes(volume, channel));
+}
+
+int64_t PCD_GetNumberOfVoxels(const PcdRawVolumeData* volume) {
+  if (volume == nullptr || volume->matrixSize == nullptr) return 0;
+  const PcdIntSize4D& s = *volume->matrixSize;
+  return static_cast<int64_t>(s.x) * s.y * s.z;
+}
+
+int PCD_IsSameSize3D(const PcdIntSize3D* a, const PcdIntSize3D* b) {
+  return a != nullptr && b != nullptr && a->x == b->x && a->y == b->y && a->z == b->z ? 1 : 0;
+}
+
+// ---- 2D images -----------------------------------------------------------------------
+
+PcdRawImageData* PCD_NewRawImageData(const PcdIntSize3D* size, const int32_t* dataType,
+                                     const int32_t* colorFormat) {
+  if (size == nullptr || dataType == nullptr || colorFormat == nullptr) return nullptr;
+  if (size->x <= 0 || size->y <= 0 || size->z <= 0) return nullptr;
+  auto* im = new (std::nothrow) PcdRawImageData;
+  if (im == nullptr) return nullptr;
+  const auto n = static_cast<size_t>(size->z);
+  im->matrixSize = static_cast<PcdIntSize3D*>(std::malloc(sizeof(PcdIntSize3D)));
+  im->dataType = static_cast<int32_t*>(std::calloc(n, sizeof(int32_t)));
+  im->colorFormat = static_cast<int32_t*>(std::calloc(n, sizeof(int32_t)));
+  im->data = static_cast<void**>(std::calloc(n, sizeof(void*)));
+  im->array2D = static_cast<Pcd2DArray*>(std::calloc(n, sizeof(Pcd2DArray)));
+  bool ok = im->matrixSize && im->dataType && im->colorFormat && im->data && im->array2D;
+  for (int32_t c = 0; ok && c < size->z; ++c) {
+    im->array2D[c] = PCD_New2DArray(size->x, size->y, dataType[c]);
+    if (im->array2D[c] == nullptr) {
+      ok = false;
+      break;
+    }
+    im->data[c] = im->array2D[c][0];
+    im->dataType[c] = dataType[c];
+    im->colorFormat[c] = colorFormat[c];
+  }
+  if (!ok) {
+    for (size_t c = 0; im->array2D != nullptr && c < n; ++c)
+      PCD_Delete2DArray(im->array2D[c], 0, 0, 0);
+    std::free(im->matrixSize);
+    std::free(im->dataType);
+    std::free(im->colorFormat);
+    std::free(im->data);
+    std::free(im->array2D);
+    delete im;
+    return nullptr;
+  }
+  *im->matrixSize = *size;
+  return im;
+}
+
+void PCD_DeleteRawImageData(PcdRawImageData* image) {
+  if (image == nullptr) return;
+  for (int32_t c = 0; image->matrixSize != nullptr && c < image->matrixSize->z; ++c)
+    PCD_Delete2DArray(image->array2D[c], 0, 0, 0);
+  std::free(image->matrixSize);
+  std::free(image->dataType);
+  std::free(image->colorFormat);
+  std::free(image->data);
+  std::free(image->array2D);
+  delete image;
+}
+
+void PCD_NonInterleavedCopyRgbaRawImageData(const PcdRawImageData* image, int32_t channel,
+                                            PcdRawImageData* target) {
+  const bool sourceOk = image != nullptr && image->matrixSize != nullptr && channel >= 0 &&
+                        channel < image->matrixSize->z && image->dataType[channel] == UINT32 &&
+                        image->colorFormat[channel] == PCD_RGBA_PACKED;
+  bool targetOk = target != nullptr && target->matrixSize != nullptr &&
+                  target->matrixSize->z == 4;
+  for (int32_t c = 0; targetOk && c < 4; ++c)
+    targetOk = target->dataType[c] == UINT8 && target->colorFormat[c] == PCD_MONOCHROME;
+  if (!sourceOk || !targetOk || target->matrixSize->x != image->matrixSize->x ||
+      target->matrixSize->y != image->matrixSize->y) {
+    std::fputs("Err:PCD_NonInterleavedCopyRgbaRawImageData\n", stdout);
+    return;
+  }
+  const size_t n = static_cast<size_t>(image->matrixSize->x) * image->matrixSize->y;
+  const auto* words = static_cast<const uint32_t*>(image->data[channel]);
+  for (size_t i = 0; i < n; ++i) {
+    for (int c = 0; c < 4; ++c)
+      static_cast<uint8_t*>(target->data[c])[i] =
+          static_cast<uint8_t>(words[i] >> (24 - 8 * c));
+  }
+}
+
+// ---- 3D readers ------------------------------------------------------------------------
+
+int32_t PCD_GetValueOf3DArray8bit(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                  float y, float z, bool isSigned) {
+  return isSigned ? NearestRead3D<int8_t>(a, nx, ny, nz, x, y, z)
+                  : NearestRead3D<uint8_t>(a, nx, ny, nz, x, y, z);
+}
+int32_t PCD_GetValueOf3DArray16bit(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                   float y, float z, bool isSigned) {
+  return isSigned ? NearestRead3D<int16_t>(a, nx, ny, nz, x, y, z)
+                  : NearestRead3D<uint16_t>(a, nx, ny, nz, x, y, z);
+}
+int64_t PCD_GetValueOf3DArray32bit(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                   float y, float z, bool isSigned) {
+  // each branch widened on its own: a common type of int32/uint32 would be unsigned
+  if (isSigned) return NearestRead3D<int32_t>(a, nx, ny, nz, x, y, z);
+  return NearestRead3D<uint32_t>(a, nx, ny, nz, x, y, z);
+}
+float PCD_GetValueOf3DArrayFLOAT32(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                   float y, float z) {
+  return NearestRead3D<float>(a, nx, ny, nz, x, y, z);
+}
+double PCD_GetValueOf3DArrayFLOAT64(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                    float y, float z) {
+  return NearestRead3D<double>(a, nx, ny, nz, x, y, z);
+}
+
+int32_t PCD_GetValueOf3DArrayUINT8i(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                    float y, float z) {
+  return static_cast<int32_t>(TruncToInt64(Trilinear<uint8_t>(a, nx, ny, nz, x, y, z)));
+}
+int32_t PCD_GetValueOf3DArraySINT8i(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                    float y, float z) {
+  return static_cast<int32_t>(TruncToInt64(Trilinear<int8_t>(a, nx, ny, nz, x, y, z)));
+}
+int32_t PCD_GetValueOf3DArrayUINT16i(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                     float y, float z) {
+  return static_cast<int32_t>(TruncToInt64(Trilinear<uint16_t>(a, nx, ny, nz, x, y, z)));
+}
+int32_t PCD_GetValueOf3DArraySINT16i(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                     float y, float z) {
+  return static_cast<int32_t>(TruncToInt64(Trilinear<int16_t>(a, nx, ny, nz, x, y, z)));
+}
+// A UINT32 sample is read unsigned: all 32 bits set is 4294967295, never -1.
+int64_t PCD_GetValueOf3DArrayUINT32i(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                     float y, float z) {
+  return TruncToInt64(Trilinear<uint32_t>(a, nx, ny, nz, x, y, z));
+}
+int32_t PCD_GetValueOf3DArraySINT32i(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                     float y, float z) {
+  return static_cast<int32_t>(TruncToInt64(Trilinear<int32_t>(a, nx, ny, nz, x, y, z)));
+}
+float PCD_GetValueOf3DArrayFLOAT32i(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                    float y, float z) {
+  return static_cast<float>(Trilinear<float>(a, nx, ny, nz, x, y, z));
+}
+float PCD_GetValueOf3DArrayFLOAT64i(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
+                                    float y, float z) {
+  return static_cast<float>(Trilinear<double>(a, nx, ny, nz, x, y, z));
+}
+
+double PCD_GetInterpolatedValueOf3DArray(Pcd3DArray a, int32_t type, int32_t nx, int32_t ny,
+                                         int32_t nz, float x, float y, float z) {
+  switch (type) {
+    case UINT8: return PCD_GetValueOf3DArrayUINT8i(a, nx, ny, nz, x, y, z);
+    case SINT8: return PCD_GetValueOf3DArraySINT8i(a, nx, ny, nz, x, y, z);
+    case UINT16: return PCD_GetValueOf3DArrayUINT16i(a, nx, ny, nz, x, y, z);
+    case SINT16: return PCD_GetValueOf3DArraySINT16i(a, nx, ny, nz, x, y, z);
+    case UINT32: return static_cast<double>(PCD_GetValueOf3DArrayUINT32i(a, nx, ny, nz, x, y, z));
+    case SINT32: return PCD_GetValueOf3DArraySINT32i(a, nx, ny, nz, x, y, z);
+    case FLOAT32: return PCD_GetValueOf3DArrayFLOAT32i(a, nx, ny, nz, x, y, z);
+    case FLOAT64: return PCD_GetValueOf3DArrayFLOAT64i(a, nx, ny, nz, x, y, z);
+    default: return 0.0;
+  }
+}
+
+// ---- 2D readers ------------------------------------------------------------------------
+
+int32_t PCD_GetValueOf2DArray8bit(Pcd2DArray a, int32_t, int32_t, float x, float y,
+                                  bool isSigned) {
+  return isSigned ? NearestRead2D<int8_t>(a, x, y) : NearestRead2D<uint8_t>(a, x, y);
+}
+int32_t PCD_GetValueOf2DArray16bit(Pcd2DArray a, int32_t, int32_t, float x, float y,
+                                   bool isSigned) {
+  return isSigned ? NearestRead2D<int16_t>(a, x, y) : NearestRead2D<uint16_t>(a, x, y);
+}
+int64_t PCD_GetValueOf2DArray32bit(Pcd2DArray a, int32_t, int32_t, float x, float y,
+                                   bool isSigned) {
+  return isSigned ? static_cast<int64_t>(NearestRead2D<int32_t>(a, x, y))
+                  : static_cast<int64_t>(NearestRead2D<uint32_t>(a, x, y));
+}
+float PCD_GetValueOf2DArrayFLOAT32(Pcd2DArray a, int32_t, int32_t, float x, float y) {
+  return NearestRead2D<float>(a, x, y);
+}
+double PCD_GetValueOf2DArrayFLOAT64(Pcd2DArray a, int32_t, int32_t, float x, float y) {
+  return NearestRead2D<double>(a, x, y);
+}
+
+double PCD_GetInterpolatedValueOf2DArray(Pcd2DArray a, int32_t type, int32_t, int32_t, float x,
+                                         float y) {
+  switch (type) {
+    case UINT8: return static_cast<double>(TruncToInt64(Bilinear<uint8_t>(a, x, y)));
+    case SINT8: return static_cast<double>(TruncToInt64(Bilinear<int8_t>(a, x, y)));
+    case UINT16: return static_cast<double>(TruncToInt64(Bilinear<uint16_t>(a, x, y)));
+    case SINT16: return static_cast<double>(TruncToInt64(Bilinear<int16_t>(a, x, y)));
+    case UINT32: return static_cast<double>(TruncToInt64(Bilinear<uint32_t>(a, x, y)));
+    case SINT32: return static_cast<double>(TruncToInt64(Bilinear<int32_t>(a, x, y)));
+    case FLOAT32: return static_cast<float>(Bilinear<float>(a, x, y));
+    case FLOAT64: return static_cast<float>(Bilinear<double>(a, x, y));
+    default: return 0.0;
+  }
+}
+
+uint32_t PCD_GetValueOf2DArrayRGBAi(Pcd2DArray a, int32_t, int32_t, float x, float y) {
+  const int32_t i = Trunc(x), j = Trunc(y);
+  const double fx = x - static_cast<float>(i), fy = y - static_cast<float>(j);
+  const uint32_t s00 = static_cast<uint32_t*>(a[j])[i], s01 = static_cast<uint32_t*>(a[j])[i + 1];
+  const uint32_t s10 = static_cast<uint32_t*>(a[j + 1])[i];
+  const uint32_t s11 = static_cast<uint32_t*>(a[j + 1])[i + 1];
+  uint32_t packed = 0;
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    auto comp = [shift](uint32_t w) { return static_cast<double>((w >> shift) & 0xFFu); };
+    const double r0 = comp(s00) * (1.0 - fx) + comp(s01) * fx;
+    const double r1 = comp(s10) * (1.0 - fx) + comp(s11) * fx;
+    const auto v = static_cast<uint32_t>(TruncToInt64(r0 * (1.0 - fy) + r1 * fy)) & 0xFFu;
+    packed |= v << shift;
+  }
+  return packed;
+}
+
+// ---- vectors -----------------------------------------------------------------------------
+
+namespace {
+template <typename T, typename... Args>
+T* NewRecord(Args... values) {
+  auto* r = static_cast<T*>(std::malloc(sizeof(T)));
+  if (r != nullptr) *r = T{values...};
+  return r;
+}
+}  // namespace
+
+PcdVector2D* PCD_NewVector2D(float x, float y) { return NewRecord<PcdVector2D>(x, y); }
+PcdVector3D* PCD_NewVector3D(float x, float y, float z) {
+  return NewRecord<PcdVector3D>(x, y, z);
+}
+PcdIntSize3D* PCD_NewIntSize3D(int32_t x, int32_t y, int32_t z) {
+  return NewRecord<PcdIntSize3D>(x, y, z);
+}
+PcdIntVector3D* PCD_NewIntVector3D(int32_t x, int32_t y, int32_t z) {
+  return NewRecord<PcdIntVector3D>(x, y, z);
+}
+PcdIntSize4D* PCD_NewIntSize4D(int32_t x, int32_t y, int32_t z, int32_t channels) {
+  return NewRecord<PcdIntSize4D>(x, y, z, channels);
+}
+void PCD_DeleteVector2D(PcdVector2D* v) { std::free(v); }
+void PCD_DeleteVector3D(PcdVector3D* v) { std::free(v); }
+void PCD_DeleteIntSize3D(PcdIntSize3D* v) { std::free(v); }
+void PCD_DeleteIntVector3D(PcdIntVector3D* v) { std::free(v); }
+void PCD_DeleteIntSize4D(PcdIntSize4D* v) { std::free(v); }
+
+double PCD_InnerProduct3D(const PcdVector3D* a, const PcdVector3D* b) {
+  return static_cast<double>(a->x) * b->x + static_cast<double>(a->y) * b->y +
+         static_cast<double>(a->z) * b->z;
+}
+
+void PCD_OuterProduct3D(const PcdVector3D* a, const PcdVector3D* b, PcdVector3D* result) {
+  const PcdVector3D r{a->y * b->z - a->z * b->y, a->z * b->x - a->x * b->z,
+                      a->x * b->y - a->y * b->x};
+  *result = r;  // result may be a or b
+}
+
+double PCD_VectorLength3D(const PcdVector3D* v) {
+  return std::sqrt(static_cast<double>(v->x) * v->x + static_cast<double>(v->y) * v->y +
+                   static_cast<double>(v->z) * v->z);
+}
+
+double PCD_NormalizeVector3D(PcdVector3D* v) {
+  const double length = PCD_VectorLength3D(v);
+  if (length == 0.0) return length;
+  const double inv = 1.0 / length;
+  v->x = static_cast<float>(v->x * inv);
+  v->y = static_cast<float>(v->y * inv);
+  v->z = static_cast<float>(v->z * inv);
+  return length;
+}
+
+// ---- channel utilities -------------------------------------------------------------------
+
+namespace {
+
+double ReadAsDouble(const void* block, int32_t type, size_t i) {
+  switch (type) {
+    case UINT8: return static_cast<const uint8_t*>(block)[i];
+    case SINT8: return static_cast<const int8_t*>(block)[i];
+    case UINT16: return static_cast<const uint16_t*>(block)[i];
+    case SINT16: return static_cast<const int16_t*>(block)[i];
+    case UINT32: return static_cast<const uint32_t*>(block)[i];
+    case SINT32: return static_cast<const int32_t*>(block)[i];
+    case FLOAT32: return static_cast<const float*>(block)[i];
+    default: return static_cast<const double*>(block)[i];
+  }
+}
+
+struct TypeRange {
+  double lo, hi;
+};
+TypeRange RangeOf(int32_t type) {
+  switch (type) {
+    case UINT8: return {0, 255};
+    case SINT8: return {-128, 127};
+    case UINT16: return {0, 65535};
+    case SINT16: return {-32768, 32767};
+    case UINT32: return {0, 4294967295.0};
+    case SINT32: return {-2147483648.0, 2147483647.0};
+    case FLOAT32: return {-3.4028234663852886e38, 3.4028234663852886e38};
+    default: return {-1.7976931348623157e308, 1.7976931348623157e308};
+  }
+}
+
+// Writes v into element i of a block of the given type. Integer targets truncate; with
+// wrap the low bits of the 64-bit truncation are kept, otherwise v is clamped first.
+void WriteFromDouble(void* block, int32_t type, size_t i, double v, bool wrap) {
+  const TypeRange r = RangeOf(type);
+  if (std::isnan(v)) v = 0.0;
+  if (!wrap || type == FLOAT32 || type == FLOAT64) v = v < r.lo ? r.lo : (v > r.hi ? r.hi : v);
+  const auto bits = static_cast<uint64_t>(TruncToInt64(v));
+  switch (type) {
+    case UINT8: static_cast<uint8_t*>(block)[i] = static_cast<uint8_t>(bits); break;
+    case SINT8: static_cast<int8_t*>(block)[i] = static_cast<int8_t>(bits); break;
+    case UINT16: static_cast<uint16_t*>(block)[i] = static_cast<uint16_t>(bits); break;
+    case SINT16: static_cast<int16_t*>(block)[i] = static_cast<int16_t>(bits); break;
+    case UINT32: static_cast<uint32_t*>(block)[i] = static_cast<uint32_t>(bits); break;
+    case SINT32: static_cast<int32_t*>(block)[i] = static_cast<int32_t>(bits); break;
+    case FLOAT32: static_cast<float*>(block)[i] = static_cast<float>(v); break;
+    default: static_cast<double*>(block)[i] = v; break;
+  }
+}
+
+}  // namespace
+
+int PCD_ThresholdingBySingleFloat32Value(PcdRawVolumeData* volume, int32_t channel,
+                                         float threshold) {
+  if (!HasChannel(volume, channel) || volume->colorFormat[channel] == PCD_RGBA_PACKED)
+    return -1;
+  const int32_t type = volume->dataType[channel];
+  const auto n = static_cast<size_t>(PCD_GetNumberOfVoxels(volume));
+  void* block = volume->data[channel];
+  for (size_t i = 0; i < n; ++i) {
+    const float v = static_cast<float>(ReadAsDouble(block, type, i));
+    WriteFromDouble(block, type, i, v >= threshold ? 1.0 : 0.0, false);
+  }
+  return 0;
+}
+
+int PCD_ConvertChannelDataType(PcdRawVolumeData* volume, int32_t channel, int32_t newType,
+                               int32_t mode, double p1, double p2) {
+  if (!HasChannel(volume, channel) || !PCD_IsValidDataType(newType) ||
+      volume->colorFormat[channel] != PCD_MONOCHROME)
+    return -1;
+  if (mode == PCD_CONVERT_LINEAR && (p1 == 0.0 || p2 == 0.0)) return -1;
+  if (mode == PCD_CONVERT_WINDOW && p1 == p2) return -1;
+  if (mode < PCD_CONVERT_CLAMP || mode > PCD_CONVERT_WINDOW) return -1;
+  const PcdIntSize4D& s = *volume->matrixSize;
+  const int32_t oldType = volume->dataType[channel];
+  Pcd3DArray a = PCD_New3DArray(s.x, s.y, s.z, newType);
+  if (a == nullptr) return -1;
+  const auto n = static_cast<size_t>(PCD_GetNumberOfVoxels(volume));
+  const TypeRange r = RangeOf(newType);
+  for (size_t i = 0; i < n; ++i) {
+    double v = ReadAsDouble(volume->data[channel], oldType, i);
+    if (mode == PCD_CONVERT_LINEAR) v = v * p1 + p2;
+    if (mode == PCD_CONVERT_WINDOW) v = r.lo + (v - p1) / (p2 - p1) * (r.hi - r.lo);
+    WriteFromDouble(a[0][0], newType, i, v, mode == PCD_CONVERT_WRAP);
+  }
+  PCD_Delete3DArray(volume->array3D[channel], s.x, s.y, s.z, oldType);
+  volume->array3D[channel] = a;
+  volume->data[channel] = a[0][0];
+  volume->dataType[channel] = newType;
+  return 0;
+}

@@ -171,10 +171,11 @@ double PCD_VectorLength3D(const PcdVector3D* v);
 double PCD_NormalizeVector3D(PcdVector3D* v);
 
 // ---- channel utilities used by later subsystems ----------------------------------
-// Thresholding: a new single-channel UINT8 mask with 1 where the FLOAT32 channel's
-// value is >= threshold (see raw_volume.cpp for the exact rule).
-PcdRawVolumeData* PCD_ThresholdingBySingleFloat32Value(const PcdRawVolumeData* volume,
-                                                       int32_t channel, float threshold);
+// Thresholding in place: every voxel of the channel whose value, read as a float, is at
+// least the threshold becomes 1, every other voxel 0; the channel keeps its type.
+// 0, or -1 for a bad channel index or a packed colour channel.
+int PCD_ThresholdingBySingleFloat32Value(PcdRawVolumeData* volume, int32_t channel,
+                                         float threshold);
 
 // In-place conversion of a monochrome channel to another type.
 enum PcdConvertMode : int32_t {
