@@ -1,0 +1,426 @@
+#include "dti/tensor.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+namespace {
+
+constexpr float kOneThird = 0.3333333432674408f;
+
+int16_t SignalAtVoxel(const PcdRawVolumeData* v, int32_t channel, const PcdIntVector3D* p) {
+  return static_cast<int16_t***>(static_cast<void*>(v->array3D[channel]))[p->z][p->y][p->x];
+}
+
+float SignalAtPoint(const PcdRawVolumeData* v, int32_t channel, const PcdVector3D* p) {
+  const PcdIntSize4D& s = *v->matrixSize;
+  return static_cast<float>(
+      PCD_GetValueOf3DArraySINT16i(v->array3D[channel], s.x, s.y, s.z, p->x, p->y, p->z));
+}
+
+// Builds the system of one estimate from the channel signals S[0 .. channelCount-1].
+void BuildSystem(const PcdDtiData* dti, PcdDiffusionTensorData* r, const float* S) {
+  const int32_t soCount = dti->soCount;
+  float sum = 0.0f;
+  for (int32_t c = 0; c < soCount; ++c) sum += S[c];
+  r->So = sum / static_cast<float>(soCount);
+  const double inverseSo = 1.0 / static_cast<double>(r->So);
+  for (int32_t k = 0; k < r->design->rows; ++k) {
+    const int32_t c = soCount + k;
+    const PcdVector3D& g = dti->mpgVectors[c];
+    float* row = r->design->m[k];
+    row[0] = g.x * g.x;
+    row[1] = g.y * g.y;
+    row[2] = g.z * g.z;
+    row[3] = 2.0f * g.x * g.y;
+    row[4] = 2.0f * g.y * g.z;
+    row[5] = 2.0f * g.z * g.x;
+    const auto lg = static_cast<float>(std::log(static_cast<double>(S[c]) * inverseSo));
+    r->rightHand->data[k] = -(lg / dti->bValues[c]);
+  }
+}
+
+// Writes the six components into the fields and the symmetric matrix, in the order
+// that leaves both triangles equal.
+void StoreComponents(PcdDiffusionTensorData* r, const float* x) {
+  float** a = r->tensor;
+  a[1][1] = r->Dxx = x[0];
+  a[2][2] = r->Dyy = x[1];
+  a[3][3] = r->Dzz = x[2];
+  a[2][1] = x[3];
+  a[1][2] = a[2][1];
+  r->Dxy = x[3];
+  a[3][2] = x[4];
+  a[2][3] = a[3][2];
+  r->Dyz = x[4];
+  a[1][3] = x[5];
+  a[3][1] = a[1][3];
+  r->Dxz = x[5];
+}
+
+bool DesignMatchesCache(const PcdDiffusionTensorData* r) {
+  const size_t n = static_cast<size_t>(r->design->rows) * 6;
+  if (r->cachedInverse == nullptr || r->cachedDesign.size() != n) return false;
+  for (int32_t k = 0; k < r->design->rows; ++k)
+    if (std::memcmp(r->design->m[k], &r->cachedDesign[static_cast<size_t>(k) * 6],
+                    6 * sizeof(float)) != 0)
+      return false;
+  return true;
+}
+
+void RememberDesign(PcdDiffusionTensorData* r) {
+  r->cachedDesign.resize(static_cast<size_t>(r->design->rows) * 6);
+  for (int32_t k = 0; k < r->design->rows; ++k)
+    std::memcpy(&r->cachedDesign[static_cast<size_t>(k) * 6], r->design->m[k],
+                6 * sizeof(float));
+}
+
+template <typename Signal>
+int Estimate(const PcdDtiData* dti, PcdDiffusionTensorData* r, Signal signal) {
+  float S[kPcdDtiMaxChannels];
+  const int32_t channels = dti->channelCount;
+  for (int32_t c = 0; c < channels && c < kPcdDtiMaxChannels; ++c) S[c] = signal(c);
+  BuildSystem(dti, r, S);
+  return PCDdti_SolveLinearEquationsForDiffusionTensorData(r);
+}
+
+}  // namespace
+
+PcdDiffusionTensorData* PCDdti_NewDiffusionTensorData(int32_t channelCount, int32_t soCount) {
+  const int32_t dwi = channelCount - soCount;
+  auto* r = new (std::nothrow) PcdDiffusionTensorData;
+  if (r == nullptr) return nullptr;
+  r->tensor = reinterpret_cast<float**>(PCD_New2DArray(4, 4, FLOAT32));
+  r->design = PCD_NewMatrix(dwi, 6);
+  r->rightHand = PCD_NewVector(dwi);
+  r->solution = PCD_NewVector(6);
+  if (!r->tensor || !r->design || !r->rightHand || !r->solution) {
+    PCDdti_DeleteDiffusionTensorData(r);
+    return nullptr;
+  }
+  return r;
+}
+
+void PCDdti_DeleteDiffusionTensorData(PcdDiffusionTensorData* record) {
+  if (record == nullptr) return;
+  PCD_Delete2DArray(reinterpret_cast<Pcd2DArray>(record->tensor), 4, 4, FLOAT32);
+  PCD_DeleteMatrix(record->design);
+  PCD_DeleteVector(record->rightHand);
+  PCD_DeleteMatrix(record->cachedInverse);
+  PCD_DeleteVector(record->solution);
+  delete record;
+}
+
+int PCDdti_SolveLinearEquationsForDiffusionTensorData(PcdDiffusionTensorData* r) {
+  if (!DesignMatchesCache(r)) {
+    PCD_DeleteMatrix(r->cachedInverse);
+    r->cachedInverse = PCDnumerical_GetInversedMatrix(r->design);
+    if (r->cachedInverse == nullptr) {
+      std::fputs("invA = NULL?\n", stderr);
+      std::fputs("Err: Linear Equations Solution failed\n", stderr);
+      return 0;
+    }
+    RememberDesign(r);
+  }
+  if (PCD_MultiplyMatrixVectorInto(r->cachedInverse, r->rightHand, r->solution) != 0) {
+    std::fputs("Err: Linear Equations Solution failed\n", stderr);
+    return 0;
+  }
+  StoreComponents(r, r->solution->data);
+  return 1;
+}
+
+int PCDdti_CalcDiffusionTensor(const PcdDtiData* dti, PcdDiffusionTensorData* record,
+                               const PcdVector3D* position) {
+  return Estimate(dti, record,
+                  [&](int32_t c) { return SignalAtPoint(dti->volume, c, position); });
+}
+
+int PCDdti_CalcDiffusionTensorAtVoxel(const PcdDtiData* dti, PcdDiffusionTensorData* record,
+                                      const PcdIntVector3D* voxel) {
+  return Estimate(dti, record, [&](int32_t c) {
+    return static_cast<float>(SignalAtVoxel(dti->volume, c, voxel));
+  });
+}
+
+int PCDdti_CalcAndDiagnalizeDiffusionTensor(const PcdDtiData* dti,
+                                            PcdDiffusionTensorData* record,
+                                            const PcdVector3D* position) {
+  if (PCDdti_CalcDiffusionTensor(dti, record, position) == 0) return 0;
+  return PCDdti_DiagonalizeDiffusionTensorData(record);
+}
+
+int PCDdti_CalcAndDiagnalizeDiffusionTensorAtVoxel(const PcdDtiData* dti,
+                                                   PcdDiffusionTensorData* record,
+                                                   const PcdIntVector3D* voxel) {
+  if (PCDdti_CalcDiffusionTensorAtVoxel(dti, record, voxel) == 0) return 0;
+  return PCDdti_DiagonalizeDiffusionTensorData(record);
+}
+
+void PCDdti_SetDiffusionTensorData(PcdDiffusionTensorData* record, float Dxx, float Dyy,
+                                   float Dzz, float Dxy, float Dyz, float Dxz) {
+  const float x[6] = {Dxx, Dyy, Dzz, Dxy, Dyz, Dxz};
+  StoreComponents(record, x);
+}
+
+float PCDdti_GetADCofSingleDWI(const PcdDtiData* dti, const PcdVector3D* position,
+                               int32_t channel) {
+  double sum = 0.0;
+  for (int32_t c = 0; c < dti->soCount; ++c) sum += SignalAtPoint(dti->volume, c, position);
+  const double so = sum / dti->soCount;
+  const double s = SignalAtPoint(dti->volume, channel, position);
+  return std::log(static_cast<float>(s / so)) * (-1.0f / dti->bValues[channel]);
+}
+
+// ---- eigen-system ----------------------------------------------------------------------
+
+float pythag(float a, float b) {
+  const float absa = std::fabs(a), absb = std::fabs(b);
+  if (absa > absb) {
+    const float ratio = absb / absa;
+    return static_cast<float>(absa * std::sqrt(1.0 + ratio * ratio));
+  }
+  if (absb == 0.0f) return 0.0f;
+  const float ratio = absa / absb;
+  return static_cast<float>(absb * std::sqrt(1.0 + ratio * ratio));
+}
+
+// Householder reduction of the symmetric a[1..n][1..n] to tridiagonal form: diagonal in
+// d, off-diagonal in e[2..n] (e[1] = 0), a replaced by the accumulated orthogonal
+// transformation.
+void tred2(float** a, int n, float* d, float* e) {
+  for (int i = n; i >= 2; --i) {
+    const int l = i - 1;
+    float h = 0.0f;
+    if (l > 1) {
+      float scale = 0.0f;
+      for (int k = 1; k <= l; ++k) scale += std::fabs(a[i][k]);
+      if (scale == 0.0f) {
+        e[i] = a[i][l];
+      } else {
+        for (int k = 1; k <= l; ++k) {
+          a[i][k] /= scale;
+          h += a[i][k] * a[i][k];
+        }
+        float f = a[i][l];
+        float g = f >= 0.0f ? -std::sqrt(h) : std::sqrt(h);
+        e[i] = scale * g;
+        h -= f * g;
+        a[i][l] = f - g;
+        f = 0.0f;
+        for (int j = 1; j <= l; ++j) {
+          a[j][i] = a[i][j] / h;
+          g = 0.0f;
+          for (int k = 1; k <= j; ++k) g += a[j][k] * a[i][k];
+          for (int k = j + 1; k <= l; ++k) g += a[k][j] * a[i][k];
+          e[j] = g / h;
+          f += e[j] * a[i][j];
+        }
+        const float hh = f / (h + h);
+        for (int j = 1; j <= l; ++j) {
+          f = a[i][j];
+          e[j] = g = e[j] - hh * f;
+          for (int k = 1; k <= j; ++k) a[j][k] -= (f * e[k] + g * a[i][k]);
+        }
+      }
+    } else {
+      e[i] = a[i][l];
+    }
+    d[i] = h;
+  }
+  d[1] = 0.0f;
+  e[1] = 0.0f;
+  for (int i = 1; i <= n; ++i) {
+    const int l = i - 1;
+    if (d[i] != 0.0f) {
+      for (int j = 1; j <= l; ++j) {
+        float g = 0.0f;
+        for (int k = 1; k <= l; ++k) g += a[i][k] * a[k][j];
+        for (int k = 1; k <= l; ++k) a[k][j] -= g * a[k][i];
+      }
+    }
+    d[i] = a[i][i];
+    a[i][i] = 1.0f;
+    for (int j = 1; j <= l; ++j) a[j][i] = a[i][j] = 0.0f;
+  }
+}
+
+namespace {
+
+// The give-up state of the QL iteration, written for 3 x 3 only: identity axes and
+// eigenvalues of 1e-14, an isotropic tensor.
+void ResetEigenSystem(float* d, float* e, float** z) {
+  for (int i = 1; i <= 3; ++i) {
+    for (int j = 1; j <= 3; ++j) z[i][j] = i == j ? 1.0f : 0.0f;
+    d[i] = 1.0e-14f;
+    e[i] = 1.0e-14f;
+  }
+}
+
+}  // namespace
+
+int tqli(float* d, float* e, int n, float** z) {
+  for (int i = 2; i <= n; ++i) e[i - 1] = e[i];
+  e[n] = 0.0f;
+  for (int l = 1; l <= n; ++l) {
+    int sweeps = 0;
+    int m;
+    do {
+      for (m = l; m <= n - 1; ++m) {
+        const float dd = std::fabs(d[m]) + std::fabs(d[m + 1]);
+        if (std::fabs(e[m]) + dd == dd) break;
+      }
+      if (m == l) break;
+      if (sweeps++ == 30) {
+        ResetEigenSystem(d, e, z);
+        return 0;
+      }
+      float g = (d[l + 1] - d[l]) / (2.0f * e[l]);
+      float r = pythag(g, 1.0f);
+      g = d[m] - d[l] + e[l] / (g + (g >= 0.0f ? std::fabs(r) : -std::fabs(r)));
+      float s = 1.0f, c = 1.0f, p = 0.0f;
+      int i;
+      for (i = m - 1; i >= l; --i) {
+        float f = s * e[i];
+        const float b = c * e[i];
+        e[i + 1] = (r = pythag(f, g));
+        if (r == 0.0f) {
+          d[i + 1] -= p;
+          e[m] = 0.0f;
+          break;
+        }
+        s = f / r;
+        c = g / r;
+        g = d[i + 1] - p;
+        r = (d[i] - g) * s + 2.0f * c * b;
+        d[i + 1] = g + (p = s * r);
+        g = c * r - b;
+        for (int k = 1; k <= n; ++k) {
+          f = z[k][i + 1];
+          z[k][i + 1] = s * z[k][i] + c * f;
+          z[k][i] = c * z[k][i] - s * f;
+        }
+      }
+      if (r == 0.0f && i >= l) continue;
+      d[l] -= p;
+      e[l] = g;
+      e[m] = 0.0f;
+    } while (m != l);
+  }
+  return 1;
+}
+
+// Sorts arr[1..n] ascending and moves brr[1..n] along. Straight insertion below 7
+// elements (equal keys keep their order), quicksort with a stack of 50 above.
+void sort2(int n, float* arr, float* brr) {
+  constexpr int kInsertionLimit = 7;
+  int stack[51];
+  int top = 0, lo = 1, hi = n;
+  for (;;) {
+    if (hi - lo < kInsertionLimit) {
+      for (int j = lo + 1; j <= hi; ++j) {
+        const float a = arr[j], b = brr[j];
+        int i = j - 1;
+        for (; i >= lo && arr[i] > a; --i) {
+          arr[i + 1] = arr[i];
+          brr[i + 1] = brr[i];
+        }
+        arr[i + 1] = a;
+        brr[i + 1] = b;
+      }
+      if (top == 0) return;
+      hi = stack[top--];
+      lo = stack[top--];
+      continue;
+    }
+    const int k = (lo + hi) >> 1;
+    std::swap(arr[k], arr[lo + 1]);
+    std::swap(brr[k], brr[lo + 1]);
+    auto order = [&](int x, int y) {
+      if (arr[x] > arr[y]) {
+        std::swap(arr[x], arr[y]);
+        std::swap(brr[x], brr[y]);
+      }
+    };
+    order(lo, hi);
+    order(lo + 1, hi);
+    order(lo, lo + 1);
+    int i = lo + 1, j = hi;
+    const float a = arr[lo + 1], b = brr[lo + 1];
+    for (;;) {
+      do ++i; while (arr[i] < a);
+      do --j; while (arr[j] > a);
+      if (j < i) break;
+      std::swap(arr[i], arr[j]);
+      std::swap(brr[i], brr[j]);
+    }
+    arr[lo + 1] = arr[j];
+    arr[j] = a;
+    brr[lo + 1] = brr[j];
+    brr[j] = b;
+    if (top + 2 > 50) return;  // cannot happen for the sizes used here
+    if (hi - i + 1 >= j - lo) {
+      stack[++top] = i;
+      stack[++top] = hi;
+      hi = j - 1;
+    } else {
+      stack[++top] = lo;
+      stack[++top] = j - 1;
+      lo = i;
+    }
+  }
+}
+
+int PCDdti_DiagonalizeDiffusionTensorData(PcdDiffusionTensorData* record) {
+  float** a = record->tensor;
+  float* d = record->eigenvalues;
+  float* e = record->work;
+  tred2(a, 3, d, e);
+  tqli(d, e, 3, a);
+  for (int j = 1; j <= 3; ++j) {
+    const float length = std::sqrt(a[1][j] * a[1][j] + a[2][j] * a[2][j] + a[3][j] * a[3][j]);
+    const float inverse = 1.0f / length;
+    for (int i = 1; i <= 3; ++i) a[i][j] *= inverse;
+  }
+  // Sorting each row with a fresh copy of the eigenvalues applies one permutation to
+  // all three rows, so whole columns (the eigenvectors) move with their eigenvalues.
+  for (int row = 1; row <= 3; ++row) {
+    for (int i = 1; i <= 3; ++i) e[i] = d[i];
+    sort2(3, e, a[row]);
+  }
+  for (int i = 1; i <= 3; ++i) e[i] = d[i];
+  sort2(3, e, d);
+  return 1;
+}
+
+float PCDdti_GetLambda1(const PcdDiffusionTensorData* r) { return r->eigenvalues[3]; }
+float PCDdti_GetLambda2(const PcdDiffusionTensorData* r) { return r->eigenvalues[2]; }
+float PCDdti_GetLambda3(const PcdDiffusionTensorData* r) { return r->eigenvalues[1]; }
+float PCDdti_GetSo(const PcdDiffusionTensorData* r) { return r->So; }
+float PCDdti_GetRMS(const PcdDiffusionTensorData* r) { return r->RMS; }
+
+float PCDdti_GetADC(const PcdDiffusionTensorData* r) {
+  return (PCDdti_GetLambda1(r) + PCDdti_GetLambda2(r) + PCDdti_GetLambda3(r)) * kOneThird;
+}
+
+// The expanded form q - 2ms + 3m^2 (rather than the sum of squared deviations) is kept
+// because its rounding is part of the result.
+float PCDdti_GetFA(const PcdDiffusionTensorData* r) {
+  const float l1 = PCDdti_GetLambda1(r), l2 = PCDdti_GetLambda2(r), l3 = PCDdti_GetLambda3(r);
+  const float s = l3 + l2 + l1;
+  const float m = s * kOneThird;
+  const float q = l3 * l3 + l2 * l2 + l1 * l1;
+  const double ds = s, dm = m, dq = q;
+  return static_cast<float>(std::sqrt((dq - 2.0 * dm * ds + 3.0 * dm * dm) / dq) *
+                            std::sqrt(1.5));
+}
+
+int PCDdti_CheckDiffusionTensorIsValid(const PcdDiffusionTensorData* r) {
+  if (PCDdti_GetLambda1(r) <= 0.0f) return 0;
+  if (PCDdti_GetLambda2(r) <= 0.0f) return 0;
+  if (PCDdti_GetLambda3(r) <= 0.0f) return 0;
+  const float fa = PCDdti_GetFA(r);
+  if (!(fa >= 0.0f && fa <= 1.0f)) return 0;
+  return 1;
+}

@@ -1,0 +1,73 @@
+// The diffusion tensor at one place of a DTI data set: the log-linear least-squares fit,
+// the eigen-system (Householder + QL in single precision) and the indices derived from
+// it (eigenvalues, FA, ADC, validity).
+//
+// One record serves one thread at a time and one DWI count; analyses give each worker
+// thread its own record and reuse it for every voxel.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "dti/dti_data.h"
+#include "vol/numerical.h"
+#include "vol/raw_volume.h"
+
+struct PcdDiffusionTensorData {
+  float** tensor = nullptr;  // 4 x 4, indices 1..3; eigenvectors in columns after diagonalising
+  float eigenvalues[4] = {};  // 1..3, ascending after diagonalising: [3] is lambda1
+  float work[4] = {};         // 1..3: off-diagonal, then sorting scratch
+  PcdMatrix* design = nullptr;      // DWI count x 6, rebuilt for every estimate
+  PcdVector* rightHand = nullptr;   // DWI count
+  float Dxx = 0, Dyy = 0, Dzz = 0;
+  float Dxy = 0, Dyz = 0, Dxz = 0;
+  float So = 0;
+  float RMS = 0;
+  float turningAngle = 0;  // written and read by fiber tracking
+
+  // The pseudo-inverse depends on the design matrix alone, which is the same for every
+  // voxel of a data set: it is kept with the design it was made from and reused while
+  // the design stays the same byte for byte (the bytes of the result do not change).
+  PcdMatrix* cachedInverse = nullptr;
+  std::vector<float> cachedDesign;
+  PcdVector* solution = nullptr;
+};
+
+PcdDiffusionTensorData* PCDdti_NewDiffusionTensorData(int32_t channelCount, int32_t soCount);
+void PCDdti_DeleteDiffusionTensorData(PcdDiffusionTensorData* record);
+
+// Estimates at a point in voxel units (signals interpolated) or at a voxel (signals read
+// directly). 1 on success, 0 when the solver fails.
+int PCDdti_CalcDiffusionTensor(const PcdDtiData* dti, PcdDiffusionTensorData* record,
+                               const PcdVector3D* position);
+int PCDdti_CalcDiffusionTensorAtVoxel(const PcdDtiData* dti, PcdDiffusionTensorData* record,
+                                      const PcdIntVector3D* voxel);
+int PCDdti_CalcAndDiagnalizeDiffusionTensor(const PcdDtiData* dti,
+                                            PcdDiffusionTensorData* record,
+                                            const PcdVector3D* position);
+int PCDdti_CalcAndDiagnalizeDiffusionTensorAtVoxel(const PcdDtiData* dti,
+                                                   PcdDiffusionTensorData* record,
+                                                   const PcdIntVector3D* voxel);
+int PCDdti_SolveLinearEquationsForDiffusionTensorData(PcdDiffusionTensorData* record);
+void PCDdti_SetDiffusionTensorData(PcdDiffusionTensorData* record, float Dxx, float Dyy,
+                                   float Dzz, float Dxy, float Dyz, float Dxz);
+float PCDdti_GetADCofSingleDWI(const PcdDtiData* dti, const PcdVector3D* position,
+                               int32_t channel);
+
+// Eigen-system and indices.
+int PCDdti_DiagonalizeDiffusionTensorData(PcdDiffusionTensorData* record);
+float PCDdti_GetLambda1(const PcdDiffusionTensorData* record);
+float PCDdti_GetLambda2(const PcdDiffusionTensorData* record);
+float PCDdti_GetLambda3(const PcdDiffusionTensorData* record);
+float PCDdti_GetFA(const PcdDiffusionTensorData* record);
+float PCDdti_GetADC(const PcdDiffusionTensorData* record);
+float PCDdti_GetSo(const PcdDiffusionTensorData* record);
+float PCDdti_GetRMS(const PcdDiffusionTensorData* record);
+int PCDdti_CheckDiffusionTensorIsValid(const PcdDiffusionTensorData* record);
+
+// The eigen solver pieces, 1-based on n x n float arrays (exposed for the tests).
+void tred2(float** a, int n, float* d, float* e);
+// 1, or 0 when an eigenvalue needed more than 30 sweeps (a, d, e are then reset).
+int tqli(float* d, float* e, int n, float** z);
+float pythag(float a, float b);
+void sort2(int n, float* arr, float* brr);
