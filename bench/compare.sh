@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# Times the tensor maps of one phantom with quorix-batch, MRtrix3 and DIPY, paired in one
+# run (the commands are interleaved round by round: A B C D A B C D ...),
+# all on the same number of threads, and prints medians and ratios.
+#
+#   bench/compare.sh [BUILD_DIR] [ROUNDS]      (peers: tools/setup.sh --peers)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-$root/build}
+rounds=${2:-5}
+threads=2
+batch=$build/bin/quorix-batch
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+py=/usr/bin/python3
+for tool in dwi2tensor tensor2metric mrcalc; do
+  command -v $tool >/dev/null || { echo "Err: $tool missing (tools/setup.sh --peers)"; exit 1; }
+done
+$py -c 'import dipy' 2>/dev/null || { echo "Err: python3-dipy missing"; exit 1; }
+
+echo "phantom 128 x 128 x 60, 1 So + 30 DWIs, 2% Rician noise"
+"$batch" phantom --size 128,128,60 --directions 30 --noise 0.02 --no-truth -o "$work/ph" 2>/dev/null
+# the voxels with signal, as a mask for the peers (quorix fits where So > threshold 0)
+mrconvert -quiet -coord 3 0 "$work/ph.nii.gz" - | mrcalc -quiet - 0 -gt "$work/mask.nii.gz"
+
+cat > "$work/dipy_fit.py" <<'PY'
+import sys, numpy as np, nibabel as nib
+from dipy.core.gradients import gradient_table
+from dipy.io.gradients import read_bvals_bvecs
+from dipy.reconst.dti import TensorModel
+stem = sys.argv[1]
+img = nib.load(stem + ".nii.gz"); data = img.get_fdata(dtype=np.float32)
+mask = nib.load(sys.argv[2]).get_fdata() > 0
+bvals, bvecs = read_bvals_bvecs(stem + ".bval", stem + ".bvec")
+fit = TensorModel(gradient_table(bvals, bvecs), fit_method="LS").fit(data, mask=mask)
+nib.save(nib.Nifti1Image(fit.fa.astype(np.float32), img.affine), stem + "_dipy_fa.nii.gz")
+nib.save(nib.Nifti1Image(fit.md.astype(np.float32), img.affine), stem + "_dipy_md.nii.gz")
+PY
+
+q="$batch channels $work/ph.raw --voxel-size 2 --threads $threads -o $work/out.raw"
+m_ols="dwi2tensor -quiet -force -nthreads $threads -ols -mask $work/mask.nii.gz -fslgrad $work/ph.bvec $work/ph.bval $work/ph.nii.gz $work/dt.mif && tensor2metric -quiet -force -nthreads $threads -fa $work/fa.mif -adc $work/adc.mif -vector $work/v.mif $work/dt.mif"
+m_it0="dwi2tensor -quiet -force -nthreads $threads -ols -iter 0 -mask $work/mask.nii.gz -fslgrad $work/ph.bvec $work/ph.bval $work/ph.nii.gz $work/dt.mif && tensor2metric -quiet -force -nthreads $threads -fa $work/fa.mif -adc $work/adc.mif -vector $work/v.mif $work/dt.mif"
+d="OMP_NUM_THREADS=$threads OPENBLAS_NUM_THREADS=$threads $py $work/dipy_fit.py $work/ph $work/mask.nii.gz"
+
+declare -A times
+names=(quorix mrtrix_ols mrtrix_iter0 dipy)
+cmds=("$q" "$m_ols" "$m_it0" "$d")
+run() { local s e; s=$(date +%s.%N); bash -c "$1" >/dev/null 2>&1; e=$(date +%s.%N); awk -v a="$s" -v b="$e" 'BEGIN {printf "%.4f", b - a}'; }
+for ((r = 0; r < rounds; ++r)); do
+  for i in "${!names[@]}"; do times[${names[$i]}]+="$(run "${cmds[$i]}") "; done
+done
+median() { tr ' ' '\n' | grep -v '^$' | sort -g | awk '{a[NR]=$1} END {print (NR%2 ? a[(NR+1)/2] : (a[NR/2]+a[NR/2+1])/2)}'; }
+declare -A med
+for n in "${names[@]}"; do med[$n]=$(echo "${times[$n]}" | median); printf "%-14s median %.3f s  (%s)\n" "$n" "${med[$n]}" "${times[$n]}"; done
+for n in mrtrix_ols mrtrix_iter0 dipy; do
+  awk -v n="$n" -v a="${med[quorix]}" -v b="${med[$n]}" 'BEGIN {printf "ratio quorix / %-13s %.3f\n", n, a / b}'
+done

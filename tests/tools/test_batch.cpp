@@ -1,0 +1,142 @@
+// quorix-batch end to end: the built program on files it writes itself.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "dti/channels.h"
+#include "io/raw_volume_file.h"
+#include "support/test_support.h"
+#include "tools/phantom/phantom.h"
+
+namespace {
+
+using quorix_test::BuiltProgram;
+using quorix_test::ReadFileBytes;
+using quorix_test::RunCommand;
+using quorix_test::TempDir;
+
+std::string Batch(const std::string& arguments) {
+  return BuiltProgram("quorix-batch") + " " + arguments + " 2>&1";
+}
+
+TEST(BatchTool, HelpListsEveryCommandAndWrongLinesFailWithUsageStatus) {
+  std::string out;
+  EXPECT_EQ(RunCommand(Batch("--help"), &out), 0);
+  for (const char* command : {"info", "convert", "phantom", "channels"})
+    EXPECT_NE(out.find(command), std::string::npos) << command;
+  for (const char* command : {"info", "convert", "phantom", "channels"}) {
+    EXPECT_EQ(RunCommand(Batch(std::string(command) + " --help"), &out), 0);
+    EXPECT_EQ(out.rfind("Usage: quorix-batch ", 0), 0u) << command;
+  }
+  EXPECT_EQ(RunCommand(Batch("frobnicate"), &out), 2);
+  EXPECT_NE(out.find("Err: unknown command"), std::string::npos);
+  EXPECT_EQ(RunCommand(Batch("info"), &out), 2);
+  EXPECT_EQ(RunCommand(Batch("convert a.raw -o b.txt"), &out), 2);
+  EXPECT_EQ(RunCommand(Batch("channels a.raw --threads 0 -o b.raw"), &out), 2);
+  EXPECT_EQ(RunCommand(Batch("info /nonexistent.raw"), &out), 1);
+  EXPECT_NE(out.find("Err: "), std::string::npos);
+}
+
+TEST(BatchTool, RawToDtiToRawKeepsEveryByteAndInfoDumpsTheSetting) {
+  TempDir dir;
+  const std::string stem = dir.file("ph");
+  std::string out;
+  ASSERT_EQ(RunCommand(Batch("phantom --size 12,10,6 --directions 6 --noise 0.05 --no-truth"
+                             " --format raw -o " + stem), &out), 0) << out;
+  ASSERT_EQ(RunCommand(Batch("convert " + stem + ".raw --mpg " + stem + ".mpg -o " +
+                             dir.file("a.dti")), &out), 0) << out;
+  EXPECT_NE(out.find("Warning: "), std::string::npos);  // no voxel size in a raw file
+  ASSERT_EQ(RunCommand(Batch("convert " + dir.file("a.dti") + " -o " + dir.file("b.raw")), &out),
+            0) << out;
+  EXPECT_EQ(ReadFileBytes(stem + ".raw"), ReadFileBytes(dir.file("b.raw")));
+
+  ASSERT_EQ(RunCommand(Batch("info " + dir.file("a.dti")), &out), 0) << out;
+  EXPECT_NE(out.find("Matrix: 12 x 10 x 6, 7 channels"), std::string::npos) << out;
+  EXPECT_NE(out.find("Channel 6: SINT16"), std::string::npos);
+  EXPECT_EQ(out.find("carries no voxel size"), std::string::npos) << out;  // kept in the file
+}
+
+// On the noise-free phantom the maps match the true FA and ADC within one unit wherever
+// a single tensor describes the voxel, and the colour's strongest component follows the
+// true principal direction.
+TEST(BatchTool, ChannelsOfTheNoiseFreePhantomMatchTheTruth) {
+  TempDir dir;
+  const std::string stem = dir.file("ph");
+  std::string out;
+  ASSERT_EQ(RunCommand(Batch("phantom --size 32,32,12 --format raw --no-truth -o " + stem), &out),
+            0) << out;
+  ASSERT_EQ(RunCommand(Batch("channels " + stem + ".raw --mpg " + stem + ".mpg --voxel-size 2"
+                             " --threads 2 -o " + dir.file("maps.raw")), &out), 0) << out;
+  EXPECT_NE(out.find("Additional channels computation 100% completed"), std::string::npos);
+  std::string info;
+  PcdRawVolumeData* maps = ReadRawVolumeFile(dir.file("maps.raw").c_str(), &info);
+  ASSERT_NE(maps, nullptr);
+  ASSERT_EQ(maps->matrixSize->channels, 35);
+
+  PcdPhantomOptions o;
+  o.sizeX = o.sizeY = 32;
+  o.sizeZ = 12;
+  PcdPhantomTruth truth;
+  PcdDtiData* dti = PCD_MakeDwiPhantom(o, &truth);
+  ASSERT_NE(dti, nullptr);
+  PcdDiffusionTensorData* r = PCDdti_NewDiffusionTensorData(dti->channelCount, dti->soCount);
+  int checked = 0, bundles = 0;
+  double worstFa = 0, worstAdc = 0;
+  for (int z = 0; z < 12; ++z)
+    for (int y = 0; y < 32; ++y)
+      for (int x = 0; x < 32; ++x) {
+        const size_t at = static_cast<size_t>((z * 32 + y) * 32 + x);
+        const PcdIntVector3D v{x, y, z};
+        if (truth.adc[at] == 0.0f) continue;  // outside, or a crossing
+        PCDdti_CalcAndDiagnalizeDiffusionTensorAtVoxel(dti, r, &v);
+        if (!PCDdti_CheckDiffusionTensorIsValid(r)) continue;
+        ++checked;
+        const int fa = static_cast<int16_t*>(maps->data[32])[at];
+        const int adc = static_cast<int16_t*>(maps->data[33])[at];
+        // the signals are whole numbers, so allow their rounding on top of one unit
+        // the maps truncate, so they are compared with the truncated true values
+        worstFa = std::max(worstFa, std::fabs(fa - std::trunc(truth.fa[at] * 1000.0)));
+        worstAdc = std::max(worstAdc, std::fabs(adc - std::trunc(truth.adc[at] * 1e6)));
+        const PcdVector3D d = truth.direction[at];
+        if (d.x == 0 && d.y == 0 && d.z == 0) continue;
+        ++bundles;
+        const uint32_t color = static_cast<uint32_t*>(maps->data[31])[at];
+        const float component[3] = {static_cast<float>(color >> 24),
+                                    static_cast<float>((color >> 16) & 255),
+                                    static_cast<float>((color >> 8) & 255)};
+        const float truthAbs[3] = {std::fabs(d.x), std::fabs(d.y), std::fabs(d.z)};
+        const int strongest = static_cast<int>(std::max_element(component, component + 3) - component);
+        EXPECT_GT(truthAbs[strongest], 0.5f) << x << "," << y << "," << z;
+      }
+  EXPECT_LE(worstFa, 1.0);
+  EXPECT_LE(worstAdc, 1.0);
+  EXPECT_GT(checked, 1500);
+  EXPECT_GT(bundles, 100);
+  PCDdti_DeleteDiffusionTensorData(r);
+  PCD_DeleteRawVolumeData(dti->volume);
+  std::free(dti);
+  PCD_DeleteRawVolumeData(maps);
+}
+
+TEST(BatchTool, NiftiRoundTripAndMapsBesideEachOther) {
+  TempDir dir;
+  const std::string stem = dir.file("ph");
+  std::string out;
+  ASSERT_EQ(RunCommand(Batch("phantom --size 10,10,4 --directions 12 --so 2 -o " + stem), &out), 0)
+      << out;
+  for (const char* tail : {".raw", ".mpg", ".nii.gz", ".bval", ".bvec", "_true_fa.nii.gz",
+                           "_true_adc.nii.gz", "_true_dir.nii.gz"})
+    EXPECT_TRUE(std::filesystem::exists(stem + tail)) << tail;
+  ASSERT_EQ(RunCommand(Batch("convert " + stem + ".nii.gz -o " + dir.file("n.raw")), &out), 0)
+      << out;
+  EXPECT_EQ(ReadFileBytes(stem + ".raw"), ReadFileBytes(dir.file("n.raw")));
+  ASSERT_EQ(RunCommand(Batch("channels " + stem + ".nii.gz --threads 1 -o " +
+                             dir.file("m.nii.gz")), &out), 0) << out;
+  for (const char* map : {"m_color.nii.gz", "m_fa.nii.gz", "m_adc.nii.gz"})
+    EXPECT_TRUE(std::filesystem::exists(dir.file(map))) << map;
+}
+
+}  // namespace
