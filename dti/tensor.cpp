@@ -9,8 +9,10 @@ namespace {
 
 constexpr float kOneThird = 0.3333333432674408f;
 
-int16_t SignalAtVoxel(const PcdRawVolumeData* v, int32_t channel, const PcdIntVector3D* p) {
-  return static_cast<int16_t***>(static_cast<void*>(v->array3D[channel]))[p->z][p->y][p->x];
+// The sample at [z][y][x] of a channel, read straight from its block (the 3D handle
+// points into the same block, so the value is the same).
+int16_t SignalAtVoxel(const PcdRawVolumeData* v, int32_t channel, size_t at) {
+  return static_cast<const int16_t*>(v->data[channel])[at];
 }
 
 float SignalAtPoint(const PcdRawVolumeData* v, int32_t channel, const PcdVector3D* p) {
@@ -19,16 +21,10 @@ float SignalAtPoint(const PcdRawVolumeData* v, int32_t channel, const PcdVector3
       PCD_GetValueOf3DArraySINT16i(v->array3D[channel], s.x, s.y, s.z, p->x, p->y, p->z));
 }
 
-// Builds the system of one estimate from the channel signals S[0 .. channelCount-1].
-void BuildSystem(const PcdDtiData* dti, PcdDiffusionTensorData* r, const float* S) {
-  const int32_t soCount = dti->soCount;
-  float sum = 0.0f;
-  for (int32_t c = 0; c < soCount; ++c) sum += S[c];
-  r->So = sum / static_cast<float>(soCount);
-  const double inverseSo = 1.0 / static_cast<double>(r->So);
+// The design rows of the DWI channels: they depend on the MPG setting alone.
+void BuildDesign(const PcdDtiData* dti, PcdDiffusionTensorData* r) {
   for (int32_t k = 0; k < r->design->rows; ++k) {
-    const int32_t c = soCount + k;
-    const PcdVector3D& g = dti->mpgVectors[c];
+    const PcdVector3D& g = dti->mpgVectors[dti->soCount + k];
     float* row = r->design->m[k];
     row[0] = g.x * g.x;
     row[1] = g.y * g.y;
@@ -36,9 +32,62 @@ void BuildSystem(const PcdDtiData* dti, PcdDiffusionTensorData* r, const float* 
     row[3] = 2.0f * g.x * g.y;
     row[4] = 2.0f * g.y * g.z;
     row[5] = 2.0f * g.z * g.x;
+  }
+}
+
+// So and the right-hand side of one estimate from the channel signals S.
+void BuildRightHand(const PcdDtiData* dti, PcdDiffusionTensorData* r, const float* S) {
+  const int32_t soCount = dti->soCount;
+  float sum = 0.0f;
+  for (int32_t c = 0; c < soCount; ++c) sum += S[c];
+  r->So = sum / static_cast<float>(soCount);
+  const double inverseSo = 1.0 / static_cast<double>(r->So);
+  for (int32_t k = 0; k < r->rightHand->n; ++k) {
+    const int32_t c = soCount + k;
     const auto lg = static_cast<float>(std::log(static_cast<double>(S[c]) * inverseSo));
     r->rightHand->data[k] = -(lg / dti->bValues[c]);
   }
+}
+
+// The setting as one run of floats: So count, then b and direction of each DWI channel.
+void SettingOf(const PcdDtiData* dti, int32_t dwi, std::vector<float>* out) {
+  out->clear();
+  out->push_back(static_cast<float>(dti->soCount));
+  for (int32_t k = 0; k < dwi; ++k) {
+    const int32_t c = dti->soCount + k;
+    out->insert(out->end(), {dti->bValues[c], dti->mpgVectors[c].x, dti->mpgVectors[c].y,
+                             dti->mpgVectors[c].z});
+  }
+}
+
+bool SettingMatchesCache(const PcdDtiData* dti, const PcdDiffusionTensorData* r) {
+  const int32_t dwi = r->design->rows;
+  const std::vector<float>& key = r->cachedSetting;
+  if (r->cachedInverse == nullptr || key.size() != 1 + 4 * static_cast<size_t>(dwi) ||
+      key[0] != static_cast<float>(dti->soCount))
+    return false;
+  for (int32_t k = 0; k < dwi; ++k) {
+    const int32_t c = dti->soCount + k;
+    const float* at = &key[1 + 4 * static_cast<size_t>(k)];
+    const float now[4] = {dti->bValues[c], dti->mpgVectors[c].x, dti->mpgVectors[c].y,
+                          dti->mpgVectors[c].z};
+    if (std::memcmp(at, now, sizeof now) != 0) return false;
+  }
+  return true;
+}
+
+// x = P y for the 6 x n pseudo-inverse P, with each entry accumulated exactly as the
+// matrix-vector product does; the six entries run side by side, which changes nothing
+// in their arithmetic but lets the processor overlap them.
+void ApplyPseudoInverse(const PcdMatrix* p, const PcdVector* y, float* x) {
+  float acc[6] = {0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f};
+  for (int32_t k = 0; k < y->n; ++k) {
+    const double yk = y->data[k];
+    for (int r = 0; r < 6; ++r)
+      acc[r] = static_cast<float>(static_cast<double>(acc[r]) +
+                                  static_cast<double>(p->m[r][k]) * yk);
+  }
+  for (int r = 0; r < 6; ++r) x[r] = acc[r];
 }
 
 // Writes the six components into the fields and the symmetric matrix, in the order
@@ -70,6 +119,7 @@ bool DesignMatchesCache(const PcdDiffusionTensorData* r) {
 }
 
 void RememberDesign(PcdDiffusionTensorData* r) {
+  r->cachedSetting.clear();  // a design from elsewhere: no setting is known to make it
   r->cachedDesign.resize(static_cast<size_t>(r->design->rows) * 6);
   for (int32_t k = 0; k < r->design->rows; ++k)
     std::memcpy(&r->cachedDesign[static_cast<size_t>(k) * 6], r->design->m[k],
@@ -81,8 +131,18 @@ int Estimate(const PcdDtiData* dti, PcdDiffusionTensorData* r, Signal signal) {
   float S[kPcdDtiMaxChannels];
   const int32_t channels = dti->channelCount;
   for (int32_t c = 0; c < channels && c < kPcdDtiMaxChannels; ++c) S[c] = signal(c);
-  BuildSystem(dti, r, S);
-  return PCDdti_SolveLinearEquationsForDiffusionTensorData(r);
+  BuildRightHand(dti, r, S);
+  if (SettingMatchesCache(dti, r)) {
+    // the design would come out as the cached one, byte for byte
+    float x[6];
+    ApplyPseudoInverse(r->cachedInverse, r->rightHand, x);
+    StoreComponents(r, x);
+    return 1;
+  }
+  BuildDesign(dti, r);
+  const int solved = PCDdti_SolveLinearEquationsForDiffusionTensorData(r);
+  if (solved == 1) SettingOf(dti, r->design->rows, &r->cachedSetting);
+  return solved;
 }
 
 }  // namespace
@@ -139,8 +199,12 @@ int PCDdti_CalcDiffusionTensor(const PcdDtiData* dti, PcdDiffusionTensorData* re
 
 int PCDdti_CalcDiffusionTensorAtVoxel(const PcdDtiData* dti, PcdDiffusionTensorData* record,
                                       const PcdIntVector3D* voxel) {
+  const PcdIntSize4D& s = *dti->volume->matrixSize;
+  const size_t at = static_cast<size_t>(voxel->x) +
+                    static_cast<size_t>(s.x) * (static_cast<size_t>(voxel->y) +
+                                                static_cast<size_t>(s.y) * voxel->z);
   return Estimate(dti, record, [&](int32_t c) {
-    return static_cast<float>(SignalAtVoxel(dti->volume, c, voxel));
+    return static_cast<float>(SignalAtVoxel(dti->volume, c, at));
   });
 }
 

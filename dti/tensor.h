@@ -30,6 +30,9 @@ struct PcdDiffusionTensorData {
   // the design stays the same byte for byte (the bytes of the result do not change).
   PcdMatrix* cachedInverse = nullptr;
   std::vector<float> cachedDesign;
+  // The So count, b values and directions the cached design was built from: while a data
+  // set's setting equals them, the estimate neither rebuilds nor compares the design.
+  std::vector<float> cachedSetting;
   PcdVector* solution = nullptr;
 };
 
