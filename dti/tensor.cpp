@@ -145,7 +145,41 @@ int Estimate(const PcdDtiData* dti, PcdDiffusionTensorData* r, Signal signal) {
   return solved;
 }
 
+// The clamped trilinear read of every channel at one stencil, blended in the order of
+// the single-channel reader so that each value is the same to the bit.
+void InterpolateInterleaved(const int16_t* data, int32_t channels, const PcdTrilinearStencil& st,
+                            float* S) {
+  const int16_t* corner[8];
+  for (int i = 0; i < 8; ++i) corner[i] = data + st.offset[i] * static_cast<size_t>(channels);
+  const double gx = 1.0 - st.fx, gy = 1.0 - st.fy, gz = 1.0 - st.fz;
+  for (int32_t c = 0; c < channels; ++c) {
+    const double r00 = corner[0][c] * gx + corner[1][c] * st.fx;
+    const double r01 = corner[2][c] * gx + corner[3][c] * st.fx;
+    const double r10 = corner[4][c] * gx + corner[5][c] * st.fx;
+    const double r11 = corner[6][c] * gx + corner[7][c] * st.fx;
+    const double p0 = r00 * gy + r01 * st.fy;
+    const double p1 = r10 * gy + r11 * st.fy;
+    S[c] = static_cast<float>(static_cast<int32_t>(p0 * gz + p1 * st.fz));
+  }
+}
+
 }  // namespace
+
+std::vector<int16_t> PCDdti_InterleaveChannels(const PcdDtiData* dti) {
+  const auto voxels = static_cast<size_t>(PCD_GetNumberOfVoxels(dti->volume));
+  const auto channels = static_cast<size_t>(dti->channelCount);
+  std::vector<int16_t> out;
+  try {
+    out.resize(voxels * channels);
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
+  for (size_t c = 0; c < channels; ++c) {
+    const auto* block = static_cast<const int16_t*>(dti->volume->data[c]);
+    for (size_t v = 0; v < voxels; ++v) out[v * channels + c] = block[v];
+  }
+  return out;
+}
 
 PcdDiffusionTensorData* PCDdti_NewDiffusionTensorData(int32_t channelCount, int32_t soCount) {
   const int32_t dwi = channelCount - soCount;
@@ -193,8 +227,17 @@ int PCDdti_SolveLinearEquationsForDiffusionTensorData(PcdDiffusionTensorData* r)
 
 int PCDdti_CalcDiffusionTensor(const PcdDtiData* dti, PcdDiffusionTensorData* record,
                                const PcdVector3D* position) {
-  return Estimate(dti, record,
-                  [&](int32_t c) { return SignalAtPoint(dti->volume, c, position); });
+  const PcdIntSize4D& s = *dti->volume->matrixSize;
+  const PcdTrilinearStencil stencil =
+      PCD_GetTrilinearStencil(s.x, s.y, s.z, position->x, position->y, position->z);
+  if (record->interleaved != nullptr) {
+    float S[kPcdDtiMaxChannels];
+    InterpolateInterleaved(record->interleaved, dti->channelCount, stencil, S);
+    return Estimate(dti, record, [&](int32_t c) { return S[c]; });
+  }
+  return Estimate(dti, record, [&](int32_t c) {
+    return static_cast<float>(PCD_GetValueOfSINT16BlockByStencil(dti->volume->data[c], stencil));
+  });
 }
 
 int PCDdti_CalcDiffusionTensorAtVoxel(const PcdDtiData* dti, PcdDiffusionTensorData* record,

@@ -34,7 +34,16 @@ struct PcdDiffusionTensorData {
   // set's setting equals them, the estimate neither rebuilds nor compares the design.
   std::vector<float> cachedSetting;
   PcdVector* solution = nullptr;
+
+  // Optional, not owned: the data set's channels 0 .. channelCount-1 side by side for
+  // every voxel (voxel-major), shared read-only by the threads of a run. Point estimates
+  // then read one short run per stencil corner instead of one block per channel; the
+  // values are the same.
+  const int16_t* interleaved = nullptr;
 };
+
+// The interleaved copy a record may read from (see above), or empty when memory runs out.
+std::vector<int16_t> PCDdti_InterleaveChannels(const PcdDtiData* dti);
 
 PcdDiffusionTensorData* PCDdti_NewDiffusionTensorData(int32_t channelCount, int32_t soCount);
 void PCDdti_DeleteDiffusionTensorData(PcdDiffusionTensorData* record);

@@ -134,10 +134,12 @@ PcdRawVolumeData* convert_to_sint16(const nifti_image* nim, const char* fileName
       static_cast<size_t>(nim->nx) * static_cast<size_t>(nim->ny) * static_cast<size_t>(nim->nz);
   const size_t total = perVolume * static_cast<size_t>(nim->nt);
 
+  // int16 data that nothing scales is stored as it is: every value already fits
+  const bool asIs = nim->datatype == DT_INT16 && slope == 1.0 && inter == 0.0;
   bool integral = true;
   double maxAbs = 0.0;
   size_t nonFinite = 0;
-  for (size_t i = 0; i < total; ++i) {
+  for (size_t i = 0; !asIs && i < total; ++i) {
     const double v = read(nim->data, i) * slope + inter;
     if (!std::isfinite(v)) {
       ++nonFinite;
@@ -165,6 +167,10 @@ PcdRawVolumeData* convert_to_sint16(const nifti_image* nim, const char* fileName
   for (int32_t t = 0; t < nim->nt; ++t) {
     auto* out = static_cast<int16_t*>(volume->data[destination[static_cast<size_t>(t)]]);
     const size_t first = perVolume * static_cast<size_t>(t);
+    if (asIs) {
+      std::memcpy(out, static_cast<const int16_t*>(nim->data) + first, perVolume * sizeof(int16_t));
+      continue;
+    }
     for (size_t i = 0; i < perVolume; ++i) {
       const double v = read(nim->data, first + i) * slope + inter;
       if (!std::isfinite(v)) {

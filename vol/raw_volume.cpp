@@ -73,19 +73,25 @@ double SampleAsDouble(const void* row, int32_t x) {
 }
 
 template <typename T>
-double Trilinear(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x, float y,
-                 float z) {
-  const AxisSample ax = ClampAxis(x, nx), ay = ClampAxis(y, ny), az = ClampAxis(z, nz);
-  auto at = [&](int32_t dz, int32_t dy, int32_t dx) {
-    return SampleAsDouble<T>(a[az.base + dz][ay.base + dy], ax.base + dx);
-  };
+double BlendByStencil(const void* block, const PcdTrilinearStencil& st) {
+  const T* b = static_cast<const T*>(block);
+  auto at = [&](int i) { return static_cast<double>(b[st.offset[i]]); };
   double plane[2];
   for (int dz = 0; dz < 2; ++dz) {
-    const double r0 = at(dz, 0, 0) * (1.0 - ax.f) + at(dz, 0, 1) * ax.f;
-    const double r1 = at(dz, 1, 0) * (1.0 - ax.f) + at(dz, 1, 1) * ax.f;
-    plane[dz] = r0 * (1.0 - ay.f) + r1 * ay.f;
+    const int o = 4 * dz;
+    const double r0 = at(o + 0) * (1.0 - st.fx) + at(o + 1) * st.fx;
+    const double r1 = at(o + 2) * (1.0 - st.fx) + at(o + 3) * st.fx;
+    plane[dz] = r0 * (1.0 - st.fy) + r1 * st.fy;
   }
-  return plane[0] * (1.0 - az.f) + plane[1] * az.f;
+  return plane[0] * (1.0 - st.fz) + plane[1] * st.fz;
+}
+
+// The handle points into one contiguous block, so reading the block by offsets gives the
+// samples the handle would.
+template <typename T>
+double Trilinear(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x, float y,
+                 float z) {
+  return BlendByStencil<T>(a[0][0], PCD_GetTrilinearStencil(nx, ny, nz, x, y, z));
 }
 
 template <typename T>
@@ -402,6 +408,25 @@ void PCD_NonInterleavedCopyRgbaRawImageData(const PcdRawImageData* image, int32_
       static_cast<uint8_t*>(target->data[c])[i] =
           static_cast<uint8_t>(words[i] >> (24 - 8 * c));
   }
+}
+
+PcdTrilinearStencil PCD_GetTrilinearStencil(int32_t nx, int32_t ny, int32_t nz, float x, float y,
+                                            float z) {
+  const AxisSample ax = ClampAxis(x, nx), ay = ClampAxis(y, ny), az = ClampAxis(z, nz);
+  PcdTrilinearStencil st;
+  st.fx = ax.f;
+  st.fy = ay.f;
+  st.fz = az.f;
+  const auto sx = static_cast<int64_t>(nx), plane = static_cast<int64_t>(nx) * ny;
+  for (int i = 0; i < 8; ++i) {
+    const int64_t dx = i & 1, dy = (i >> 1) & 1, dz = (i >> 2) & 1;
+    st.offset[i] = static_cast<size_t>((az.base + dz) * plane + (ay.base + dy) * sx + ax.base + dx);
+  }
+  return st;
+}
+
+int32_t PCD_GetValueOfSINT16BlockByStencil(const void* block, const PcdTrilinearStencil& stencil) {
+  return static_cast<int32_t>(TruncToInt64(BlendByStencil<int16_t>(block, stencil)));
 }
 
 // ---- 3D readers ------------------------------------------------------------------------

@@ -136,6 +136,18 @@ float PCD_GetValueOf3DArrayFLOAT32i(Pcd3DArray a, int32_t nx, int32_t ny, int32_
                                     float y, float z);
 float PCD_GetValueOf3DArrayFLOAT64i(Pcd3DArray a, int32_t nx, int32_t ny, int32_t nz, float x,
                                     float y, float z);
+// The eight sample offsets (into a channel's block, x fastest; order x, then y, then z)
+// and the three fractions of a clamped trilinear read at one point. Reading several
+// channels of the same size at one point needs the stencil only once; the values are
+// those of the readers above.
+struct PcdTrilinearStencil {
+  size_t offset[8];
+  double fx, fy, fz;
+};
+PcdTrilinearStencil PCD_GetTrilinearStencil(int32_t nx, int32_t ny, int32_t nz, float x, float y,
+                                            float z);
+int32_t PCD_GetValueOfSINT16BlockByStencil(const void* block, const PcdTrilinearStencil& stencil);
+
 // Any type by code, as double (integer types already truncated).
 double PCD_GetInterpolatedValueOf3DArray(Pcd3DArray a, int32_t type, int32_t nx, int32_t ny,
                                          int32_t nz, float x, float y, float z);

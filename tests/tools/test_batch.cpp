@@ -25,7 +25,7 @@ std::string Batch(const std::string& arguments) {
 TEST(BatchTool, HelpListsEveryCommandAndWrongLinesFailWithUsageStatus) {
   std::string out;
   EXPECT_EQ(RunCommand(Batch("--help"), &out), 0);
-  for (const char* command : {"info", "convert", "phantom", "channels"})
+  for (const char* command : {"info", "convert", "phantom", "channels", "track"})
     EXPECT_NE(out.find(command), std::string::npos) << command;
   for (const char* command : {"info", "convert", "phantom", "channels"}) {
     EXPECT_EQ(RunCommand(Batch(std::string(command) + " --help"), &out), 0);
@@ -137,6 +137,36 @@ TEST(BatchTool, NiftiRoundTripAndMapsBesideEachOther) {
                              dir.file("m.nii.gz")), &out), 0) << out;
   for (const char* map : {"m_color.nii.gz", "m_fa.nii.gz", "m_adc.nii.gz"})
     EXPECT_TRUE(std::filesystem::exists(dir.file(map))) << map;
+}
+
+TEST(BatchTool, TrackWritesTheSameDumpForAnyThreadCountAndReadableTracts) {
+  TempDir dir;
+  const std::string stem = dir.file("ph");
+  std::string out;
+  ASSERT_EQ(RunCommand(Batch("phantom --size 32,32,12 --format nii --no-truth -o " + stem), &out), 0)
+      << out;
+  std::string first;
+  for (const char* threads : {"1", "2", "7"}) {
+    const std::string dump = dir.file(std::string("d") + threads + ".txt");
+    ASSERT_EQ(RunCommand(Batch("track " + stem + ".nii.gz --seed-box 4,14,5,8,16,6 --seeds-per-voxel 3"
+                               " --threads " + threads + " --dump " + dump + " --tck " +
+                               dir.file("t.tck") + " --trk " + dir.file("t.trk")), &out), 0) << out;
+    EXPECT_NE(out.find("Seed Points:   90\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("Tracked Lines:   "), std::string::npos);
+    const std::string text = quorix_test::ReadFileText(dump);
+    if (first.empty()) first = text;
+    EXPECT_EQ(text, first) << threads;
+  }
+  EXPECT_EQ(RunCommand(Batch("track " + stem + ".nii.gz --seed-box 4,14,5,99,16,6"), &out), 1);
+  EXPECT_NE(out.find("Err: --seed-box"), std::string::npos);
+  EXPECT_EQ(RunCommand(Batch("track " + stem + ".nii.gz"), &out), 2);
+  if (RunCommand("command -v tckinfo >/dev/null 2>&1") != 0) GTEST_SKIP() << "MRtrix3 is not installed";
+  ASSERT_EQ(RunCommand("tckinfo -count " + dir.file("t.tck") + " 2>&1", &out), 0) << out;
+  // the tracts land inside the image: a density map of them has its mass in the seeds' bundle
+  ASSERT_EQ(RunCommand("tckmap -quiet -template " + stem + ".nii.gz " + dir.file("t.tck") + " " +
+                       dir.file("tdi.nii") + " && mrstats -quiet -output max " + dir.file("tdi.nii") + " 2>&1", &out),
+            0) << out;
+  EXPECT_GT(std::stod(out), 5.0) << out;
 }
 
 }  // namespace

@@ -17,6 +17,7 @@ extern const BatchCommand kBatchInfoCommand;
 extern const BatchCommand kBatchConvertCommand;
 extern const BatchCommand kBatchPhantomCommand;
 extern const BatchCommand kBatchChannelsCommand;
+extern const BatchCommand kBatchTrackCommand;
 
 namespace {
 
@@ -25,6 +26,7 @@ const BatchCommand* const kCommands[] = {
     &kBatchConvertCommand,
     &kBatchPhantomCommand,
     &kBatchChannelsCommand,
+    &kBatchTrackCommand,
 };
 
 }  // namespace

@@ -1,0 +1,89 @@
+// Deterministic fiber tracking: from every seed, forward and backward along the
+// principal diffusion direction in fixed steps, the tensor refitted from interpolated
+// signals at every node, until a stop criterion fires.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "dti/dti_data.h"
+#include "dti/tensor.h"
+#include "fiber/trakline.h"
+
+// The stop criteria: each enabled only when its enable word is exactly 1.
+struct PcdDiffusionTensorLimits {
+  int32_t useFAmin = 1;
+  float FAmin = 0.18f;
+  int32_t unusedEnable1 = 0;  // two further pairs that tracking neither sets nor reads
+  float unusedValue1 = 0.0f;
+  int32_t unusedEnable2 = 0;
+  float unusedValue2 = 0.0f;
+  int32_t useADCmax = 0;
+  float ADCmax = 0.003f;
+  int32_t useSoMin = 1;
+  float SoMin = 0.0f;
+  int32_t useSoMax = 0;
+  float SoMax = 900.0f;
+  int32_t useAngleMax = 0;
+  float AngleMax = 30.0f;
+  float cosAngleMax = 0.0f;  // set by the run
+};
+
+enum PcdTrackingScheme : int32_t {
+  PCD_TRACK_BY_E1 = 123,
+  PCD_TRACK_BY_ANISOTROPIC_COMPOSITION = 345,
+};
+
+struct PcdFibeTrakContext {
+  PcdDiffusionTensorLimits limits;
+  int32_t nodeLimit = 160;
+  float step = 0.7f;
+  int32_t scheme = PCD_TRACK_BY_E1;
+  int32_t seedCount = 0;
+  PcdVector3D* seedPoints = nullptr;
+  int (*stopTest)(const PcdDiffusionTensorData*, const PcdDiffusionTensorLimits*) = nullptr;
+  void (*directionRule)(PcdDiffusionTensorData*, float px, float py, float pz, float* x,
+                        float* y, float* z) = nullptr;
+};
+
+// Null with "DTI data NOT ready\n" when the MPG setting is not ready. The fourth argument
+// is accepted and ignored.
+PcdFibeTrakBuffer* PCDdti_FiberTracking(const PcdDtiData* dti, PcdFibeTrakContext* context,
+                                        int threads, void* unused = nullptr);
+
+// Direction rules (the previous direction in, the next one out; they set the record's
+// turning cosine).
+void get_tracking_direction_by_e1(PcdDiffusionTensorData* t, float px, float py, float pz,
+                                  float* x, float* y, float* z);
+void get_tracking_direction_by_anisotropic_composition(PcdDiffusionTensorData* t, float px,
+                                                       float py, float pz, float* x, float* y,
+                                                       float* z);
+// Stop tests: 1 = stop.
+int check_if_stop_by_values(const PcdDiffusionTensorData* t, const PcdDiffusionTensorLimits* l);
+int check_if_stop_by_none(const PcdDiffusionTensorData* t, const PcdDiffusionTensorLimits* l);
+int check_if_stop_by_FA_min(const PcdDiffusionTensorData* t, const PcdDiffusionTensorLimits* l);
+int check_if_stop_by_ADC_max(const PcdDiffusionTensorData* t, const PcdDiffusionTensorLimits* l);
+int check_if_stop_by_Angle_max(const PcdDiffusionTensorData* t, const PcdDiffusionTensorLimits* l);
+// Position tests: 1 = outside / stop.
+int check_if_within_volume(const PcdVector3D* c, const PcdIntSize4D* size);
+int check_if_stop_by_So_min(float so, const PcdDiffusionTensorLimits* l);
+int check_if_stop_by_So_max(float so, const PcdDiffusionTensorLimits* l);
+int precheck_by_So(const PcdDtiData* dti, const PcdDiffusionTensorLimits* l, const PcdVector3D* c);
+int precheck_by_pos_and_So(const PcdDtiData* dti, const PcdDiffusionTensorLimits* l,
+                           const PcdVector3D* c);
+
+struct PcdTrackingWork {
+  const PcdDtiData* dti = nullptr;
+  PcdFibeTrakBuffer* buffer = nullptr;
+  const PcdFibeTrakContext* context = nullptr;
+  int32_t first = 0, last = -1;  // seed indices, inclusive
+  std::atomic<int32_t> done{0};
+  int32_t threadCount = 0, total = 0;
+  const int16_t* interleaved = nullptr;  // the run's shared copy of the signals, or null
+};
+void* threaded_fiber_tracking(void* work);
+void* check_completion_for_fiber_tracking(void* works);
+// Fills the work line from node 0 on; the packed copy, or null when it cannot be made.
+PcdTrakLineBuffer* do_fiber_tracking(const PcdDtiData* dti, const PcdFibeTrakContext* context,
+                                     PcdDiffusionTensorData* tensor, PcdTrakLineBuffer* work,
+                                     float dx, float dy, float dz);

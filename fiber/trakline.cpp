@@ -1,0 +1,209 @@
+#include "fiber/trakline.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "dti/channels.h"
+
+namespace {
+
+float* NewFloats(int n) { return static_cast<float*>(std::malloc(sizeof(float) * static_cast<size_t>(n > 0 ? n : 1))); }
+
+}  // namespace
+
+PcdTrakLineBuffer* new_trakline_buffer(int capacity) {
+  if (capacity > 32767) capacity = 32767;  // nodes are counted in 16 bits
+  auto* line = static_cast<PcdTrakLineBuffer*>(std::malloc(sizeof(PcdTrakLineBuffer)));
+  if (line == nullptr) return nullptr;
+  line->nodeCount = 0;
+  line->capacity = static_cast<int16_t>(capacity);
+  for (int s = 0; s < kPcdMarkSlots; ++s) line->markArrays[s] = nullptr;
+  line->x = line->y = line->z = line->L1 = line->L2 = line->L3 = nullptr;
+  float** arrays[6] = {&line->x, &line->y, &line->z, &line->L1, &line->L2, &line->L3};
+  for (float** a : arrays) {
+    *a = NewFloats(capacity);
+    if (*a == nullptr) return nullptr;  // what was made before stays, as it always has
+  }
+  return line;
+}
+
+void delete_trakline_buffer(PcdTrakLineBuffer* line) {
+  if (line == nullptr) return;
+  for (float* a : {line->x, line->y, line->z, line->L1, line->L2, line->L3}) std::free(a);
+  for (int16_t* m : line->markArrays) std::free(m);
+  std::free(line);
+}
+
+PcdTrakLineBuffer* get_packed_trakline_buffer_of(const PcdTrakLineBuffer* work) {
+  PcdTrakLineBuffer* line = new_trakline_buffer(work->nodeCount);
+  if (line == nullptr) return nullptr;
+  const auto n = static_cast<size_t>(work->nodeCount);
+  line->nodeCount = work->nodeCount;
+  std::memcpy(line->x, work->x, n * sizeof(float));
+  std::memcpy(line->y, work->y, n * sizeof(float));
+  std::memcpy(line->z, work->z, n * sizeof(float));
+  std::memcpy(line->L1, work->L1, n * sizeof(float));
+  std::memcpy(line->L2, work->L2, n * sizeof(float));
+  std::memcpy(line->L3, work->L3, n * sizeof(float));
+  return line;
+}
+
+void add_node_mark_to_trakline_buffer(PcdTrakLineBuffer* line) {
+  const size_t n = static_cast<size_t>(line->nodeCount > 0 ? line->nodeCount : 1);
+  bool failed = false;
+  for (int s = 0; s < kPcdMarkSlots; ++s) {
+    line->markArrays[s] = static_cast<int16_t*>(std::malloc(n * sizeof(int16_t)));
+    failed = failed || line->markArrays[s] == nullptr;
+  }
+  if (!failed) return;
+  for (int s = 0; s < kPcdMarkSlots; ++s) {
+    std::free(line->markArrays[s]);
+    line->markArrays[s] = nullptr;  // never leave a freed pointer behind
+  }
+}
+
+PcdTrakLinePair* new_trakline_pair(const PcdVector3D* seed) {
+  auto* pair = static_cast<PcdTrakLinePair*>(std::malloc(sizeof(PcdTrakLinePair)));
+  if (pair == nullptr) return nullptr;
+  pair->selection = 0;
+  pair->application = 0;
+  pair->seed = *seed;
+  pair->forward = pair->backward = nullptr;
+  return pair;
+}
+
+void delete_trakline_pair(PcdTrakLinePair* pair) {
+  if (pair == nullptr) return;
+  delete_trakline_buffer(pair->forward);
+  delete_trakline_buffer(pair->backward);
+  std::free(pair);
+}
+
+PcdFibeTrakBuffer* new_fibetrak_buffer(int seedCount, PcdVector3D* seedPoints, int nodeLimit) {
+  auto* buffer = static_cast<PcdFibeTrakBuffer*>(std::malloc(sizeof(PcdFibeTrakBuffer)));
+  if (buffer == nullptr) return nullptr;
+  buffer->seedCount = seedCount;
+  buffer->seedPoints = seedPoints;
+  buffer->nodeLimit = nodeLimit;
+  buffer->lineCount = 0;
+  buffer->pairs = static_cast<PcdTrakLinePair**>(
+      std::calloc(static_cast<size_t>(seedCount > 0 ? seedCount : 1), sizeof(PcdTrakLinePair*)));
+  if (buffer->pairs == nullptr) return nullptr;
+  return buffer;
+}
+
+// The pair array itself is released too: a buffer is only ever deleted whole.
+void delete_fibetrak_buffer(PcdFibeTrakBuffer* buffer) {
+  if (buffer == nullptr) return;
+  for (int32_t i = 0; i < buffer->seedCount; ++i) delete_trakline_pair(buffer->pairs[i]);
+  std::free(buffer->pairs);
+  std::free(buffer);
+}
+
+void PCDdti_DeleteFibeTrakBuffer(PcdFibeTrakBuffer* buffer) { delete_fibetrak_buffer(buffer); }
+
+void add_marks_to_fibetrak_buffer(PcdFibeTrakBuffer* buffer) {
+  for (int32_t i = 0; i < buffer->seedCount; ++i) {
+    PcdTrakLinePair* pair = buffer->pairs[i];
+    if (pair == nullptr) continue;
+    if (pair->forward != nullptr) add_node_mark_to_trakline_buffer(pair->forward);
+    if (pair->backward != nullptr) add_node_mark_to_trakline_buffer(pair->backward);
+  }
+}
+
+void pack_fibetrak_buffer(PcdFibeTrakBuffer* buffer) {
+  auto* packed = static_cast<PcdTrakLinePair**>(
+      std::calloc(static_cast<size_t>(buffer->seedCount > 0 ? buffer->seedCount : 1),
+                  sizeof(PcdTrakLinePair*)));
+  if (packed == nullptr) {
+    buffer->lineCount = 0;
+    std::fputs("insufficient memory: pack_fibetrak_buffer()\n", stderr);
+    return;
+  }
+  int32_t count = 0;
+  for (int32_t i = 0; i < buffer->seedCount; ++i)
+    if (buffer->pairs[i] != nullptr) packed[count++] = buffer->pairs[i];
+  std::free(buffer->pairs);
+  buffer->pairs = packed;
+  buffer->lineCount = count;
+}
+
+namespace {
+
+void ClearLineMark(PcdTrakLineBuffer* line, int slot) {
+  if (line == nullptr) return;
+  if (line->nodeCount > 0 && line->markArrays[slot] != nullptr)
+    std::memset(line->markArrays[slot], 0, sizeof(int16_t) * static_cast<size_t>(line->nodeCount));
+  line->markFlags[slot] = 0;
+}
+
+}  // namespace
+
+void PCDdti_ClearMarkOfFibeTrakBuffer(PcdFibeTrakBuffer* buffer, int slot) {
+  if (slot < 0 || slot >= kPcdMarkSlots) return;
+  for (int32_t i = 0; i < buffer->lineCount; ++i) {
+    ClearLineMark(buffer->pairs[i]->forward, slot);
+    ClearLineMark(buffer->pairs[i]->backward, slot);
+  }
+}
+
+// Only entry 0 of the node mark array is ever set: the mark belongs to the line.
+void trakline_nodes_marking(PcdTrakLineBuffer* line, int slot, int16_t mask, PcdSegmentTest test) {
+  if (line == nullptr || line->nodeCount < 1) return;
+  PcdVector3D previous{line->x[0], line->y[0], line->z[0]};
+  for (int i = 0; i < line->nodeCount; ++i) {
+    PcdVector3D current{line->x[i], line->y[i], line->z[i]};
+    if (test(&current, &previous) != 0) {
+      if (line->markArrays[slot] != nullptr) line->markArrays[slot][0] |= mask;
+      line->markFlags[slot] = static_cast<int16_t>(line->markFlags[slot] | mask);
+      return;
+    }
+    previous = current;
+  }
+}
+
+void* threaded_line_nodes_marking(void* argument) {
+  auto* work = static_cast<PcdMarkingWork*>(argument);
+  const auto mask = static_cast<int16_t>(1 << work->bit);
+  for (int32_t i = work->first; i <= work->last; ++i) {
+    PcdTrakLinePair* pair = work->buffer->pairs[i];
+    trakline_nodes_marking(pair->forward, work->slot, mask, work->test);
+    trakline_nodes_marking(pair->backward, work->slot, mask, work->test);
+    work->done.store(i - work->first + 1, std::memory_order_relaxed);
+  }
+  return nullptr;
+}
+
+void PCDdti_TrakLineNodeMarking(PcdFibeTrakBuffer* buffer, int slot, int bit, int threads,
+                                PcdSegmentTest test) {
+  if (slot < 0 || slot >= kPcdMarkSlots || bit < 0 || bit > 15 || buffer->lineCount < 1) return;
+  if (threads < 1) threads = 1;
+  std::vector<int32_t> counts(static_cast<size_t>(threads));
+  const int32_t used = distribute_objects_to_threads_optimally(buffer->lineCount, threads, counts.data());
+  std::unique_ptr<PcdMarkingWork[]> works(new PcdMarkingWork[static_cast<size_t>(used)]);
+  std::vector<std::thread> running;
+  int32_t first = 0;
+  for (int32_t t = 0; t < used; ++t) {
+    PcdMarkingWork& w = works[t];
+    w.buffer = buffer;
+    w.first = first;
+    w.last = first + counts[static_cast<size_t>(t)] - 1;
+    w.slot = slot;
+    w.bit = bit;
+    w.threadCount = used;
+    w.total = buffer->lineCount;
+    w.test = test;
+    first = w.last + 1;
+    try {
+      running.emplace_back(threaded_line_nodes_marking, &w);
+    } catch (const std::system_error& error) {
+      std::fprintf(stderr, "Warning: thread creation err (%d)\n", error.code().value());
+    }
+  }
+  for (std::thread& t : running) t.join();
+}
