@@ -1,6 +1,7 @@
 // Track-line buffers, marking and fiber tracking on synthetic data sets.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -75,7 +76,7 @@ double MeanAlignment(const Phantom& p, const PcdFibeTrakBuffer* b, int* segments
   return *segments > 0 ? sum / *segments : 0;
 }
 
-int CountSegmentTestCalls = 0;
+std::atomic<int> CountSegmentTestCalls{0};  // called from the marking threads
 int FiresAlways(PcdVector3D*, PcdVector3D*) {
   ++CountSegmentTestCalls;
   return 1;
