@@ -1,0 +1,380 @@
+// pellucid-server: the viewer side of the shared memory link, headless. It creates the
+// broadcast, message and request boards for its number, serves one client at a time,
+// holds a volume, keeps what it receives and, with --save-dir, writes it to files.
+//
+//   pellucid-server [--number N] [--volume FILE] [--voxel-size MM] [--save-dir DIR]
+//                   [--accept-pause MS]
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "io/raw_volume_file.h"
+#include "ipc/ipc.h"
+#include "vol/serialize.h"
+
+namespace {
+
+std::atomic<bool> g_stop{false};
+void OnSignal(int) { g_stop = true; }
+
+// A board this server owns: created at start (replacing a stale one), mapped for good.
+struct OwnBoard {
+  std::string name;
+  uint8_t* view = nullptr;
+  size_t size = 0;
+
+  bool Create(const std::string& boardName, size_t bytes) {
+    name = boardName;
+    size = bytes;
+    shm_unlink(name.c_str());  // a board left by a crashed server of this number
+    const int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    if (fd < 0) return false;
+    const bool sized = ftruncate(fd, static_cast<off_t>(size)) == 0;
+    void* v = sized ? mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
+    close(fd);
+    if (v == MAP_FAILED) return false;
+    view = static_cast<uint8_t*>(v);
+    return true;
+  }
+  void Remove() {
+    if (view != nullptr) munmap(view, size);
+    view = nullptr;
+    if (!name.empty()) shm_unlink(name.c_str());
+  }
+  // The client maps, writes and unmaps concurrently: words are copied whole.
+  int32_t Word(size_t offset) const {
+    int32_t v;
+    __atomic_load(reinterpret_cast<const int32_t*>(view + offset), &v, __ATOMIC_ACQUIRE);
+    return v;
+  }
+  void SetWord(size_t offset, int32_t v) {
+    __atomic_store(reinterpret_cast<int32_t*>(view + offset), &v, __ATOMIC_RELEASE);
+  }
+  void SetFloat(size_t offset, float f) {
+    int32_t bits;
+    std::memcpy(&bits, &f, 4);
+    SetWord(offset, bits);
+  }
+  std::string Text(size_t offset, size_t room) const {
+    std::string text;
+    for (size_t i = 0; i < room; ++i) {
+      const char c = static_cast<char>(view[offset + i]);
+      if (c == '\0') break;
+      text.push_back(c);
+    }
+    return text;
+  }
+  // A text that fills its room has no terminator there (a 32-character client ID on BB).
+  void SetText(size_t offset, const std::string& text, size_t room) {
+    std::memset(view + offset, 0, room);
+    std::memcpy(view + offset, text.data(), std::min(text.size(), room));
+  }
+};
+
+struct Options {
+  int number = 0;
+  std::string volumeFile;
+  float voxelSize = 0.0f;
+  std::string saveDir;
+  int acceptPauseMs = 20;
+};
+
+struct Server {
+  Options options;
+  OwnBoard bb, mb, rb;
+  std::string dbName;
+  bool dbOwned = false;
+  PcdRawVolumeData* volume = nullptr;
+  int32_t nextGroupId = 1;
+  int saved = 0;
+  // the request last acted on, so that the client's rewrites while it waits are not
+  // taken for new requests
+  int32_t lastType = 0;
+  std::vector<int32_t> lastParameters;
+
+  void Log(const char* format, int32_t a = 0, int32_t b = 0) {
+    std::fprintf(stderr, "pellucid-server(%04d): ", options.number);
+    std::fprintf(stderr, format, a, b);
+    std::fputc('\n', stderr);
+  }
+
+  void PublishVolume() {
+    const PcdIntSize4D s = volume ? *volume->matrixSize : PcdIntSize4D{0, 0, 0, 0};
+    bb.SetWord(40, s.x);
+    bb.SetWord(44, s.y);
+    bb.SetWord(48, s.z);
+    bb.SetWord(52, s.channels);
+  }
+
+  void Message(int32_t type) { mb.SetWord(kPcdIpcTypeOffset, type); }
+  void Accept(int32_t type) {
+    mb.SetWord(kPcdIpcAcceptedOffset, type);
+    Message(PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED);
+  }
+  // Leaves the acceptance on MB long enough for a polling client to see it before a
+  // later message replaces it.
+  void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(options.acceptPauseMs)); }
+
+  std::vector<uint8_t> ReadDataBoard() {
+    std::vector<uint8_t> bytes;
+    const int fd = shm_open(dbName.c_str(), O_RDONLY, 0);
+    if (fd < 0) return bytes;
+    struct stat st {};
+    if (fstat(fd, &st) == 0 && st.st_size > 0) {
+      void* v = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
+      if (v != MAP_FAILED) {
+        bytes.assign(static_cast<uint8_t*>(v), static_cast<uint8_t*>(v) + st.st_size);
+        munmap(v, static_cast<size_t>(st.st_size));
+      }
+    }
+    close(fd);
+    return bytes;
+  }
+
+  void CloseOwnDataBoard() {
+    if (dbOwned) shm_unlink(dbName.c_str());
+    dbOwned = false;
+  }
+
+  bool PutVolumeOnDataBoard() {
+    const size_t size = PCD_GetSerializedSizeOfRawVolumeData(volume);
+    if (size == 0) return false;
+    CloseOwnDataBoard();
+    shm_unlink(dbName.c_str());
+    const int fd = shm_open(dbName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    if (fd < 0) return false;
+    bool ok = ftruncate(fd, static_cast<off_t>(size)) == 0;
+    void* v = ok ? mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
+    close(fd);
+    dbOwned = true;
+    if (v == MAP_FAILED) return false;
+    ok = PCD_SerializeRawVolumeData(volume, static_cast<uint8_t*>(v)) == 0;
+    munmap(v, size);
+    return ok;
+  }
+
+  void Save(const char* kind, const PcdRawVolumeData* v, const std::vector<uint8_t>* bytes) {
+    if (options.saveDir.empty()) return;
+    char name[64];
+    std::snprintf(name, sizeof name, "/%03d_%s.%s", ++saved, kind, v ? "raw" : "bin");
+    const std::string path = options.saveDir + name;
+    if (v != nullptr) {
+      WriteRawVolumeFile(v, path.c_str());
+    } else if (FILE* f = std::fopen(path.c_str(), "wb")) {
+      std::fwrite(bytes->data(), 1, bytes->size(), f);
+      std::fclose(f);
+    }
+  }
+
+  std::vector<int32_t> Parameters() const {
+    std::vector<int32_t> p(kPcdIpcParameterWords);
+    for (size_t i = 0; i < p.size(); ++i) p[i] = rb.Word(kPcdIpcParameterOffset + 4 * i);
+    return p;
+  }
+
+  void Serve(int32_t type, const std::vector<int32_t>& p) {
+    switch (type) {
+      case PCDipc_REQUEST_TYPE_UPLOAD_VOLUMEDATA:
+        Accept(type);
+        Pause();
+        if (volume != nullptr && PutVolumeOnDataBoard()) Message(PCDipc_MESSAGE_TYPE_DATA_UPLOAD_COMPLETED);
+        else Log("no volume to upload");
+        return;
+      case PCDipc_REQUEST_TYPE_LOAD_VOLUMEDATA:
+      case PCDipc_REQUEST_TYPE_DOWNLOAD_VOLUMEDATA: {
+        Accept(type);
+        Pause();
+        const std::vector<uint8_t> bytes = ReadDataBoard();
+        PcdRawVolumeData* got =
+            type == PCDipc_REQUEST_TYPE_LOAD_VOLUMEDATA
+                ? PCD_GetRawVolumeDataFromSerializedDataChecked(bytes.data(), bytes.size())
+                : PCD_GetSingleChannelFromSerializedDataChecked(bytes.data(), bytes.size());
+        if (got == nullptr) {
+          Log("refused the data board of request %d", type);
+          return;
+        }
+        if (type == PCDipc_REQUEST_TYPE_LOAD_VOLUMEDATA || volume == nullptr ||
+            volume->matrixSize->x != got->matrixSize->x || volume->matrixSize->y != got->matrixSize->y ||
+            volume->matrixSize->z != got->matrixSize->z) {
+          PCD_DeleteRawVolumeData(volume);
+          volume = got;
+        } else {
+          PCD_AddNewChannelOfRawVolumeData(volume, got, 0);
+          Save("channel", got, nullptr);
+          PCD_DeleteRawVolumeData(got);
+        }
+        if (type == PCDipc_REQUEST_TYPE_LOAD_VOLUMEDATA) Save("volume", volume, nullptr);
+        PublishVolume();
+        Log("volume now has %d channels", volume->matrixSize->channels);
+        Message(PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED);
+        return;
+      }
+      case PCDipc_REQUEST_TYPE_CLOSE_DATABOARD:
+        CloseOwnDataBoard();
+        Accept(type);
+        return;
+      case PCDipc_REQUEST_TYPE_CREATE_OBJECT_GROUP:
+        Accept(type);
+        Pause();
+        mb.SetWord(kPcdIpcParameterOffset, nextGroupId);
+        Log("object group %d created", nextGroupId++);
+        Message(PCDipc_MESSAGE_TYPE_DATA_OBJECT_GROUP_CREATED);
+        return;
+      case PCDipc_REQUEST_TYPE_DOWNLOAD_OBJECT_GROUP: {
+        Accept(type);
+        Pause();
+        const std::vector<uint8_t> bytes = ReadDataBoard();
+        Log("object group %d: %d bytes", p[0], static_cast<int32_t>(bytes.size()));
+        Save("group", nullptr, &bytes);
+        Message(PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED);
+        return;
+      }
+      case PCDipc_REQUEST_TYPE_REMOVE_OBJECT:
+        Log("object %d removed", p[0]);
+        Accept(type);
+        return;
+      case PCDipc_REQUEST_TYPE_SET_VOXEL_SIZE: {
+        float size;
+        std::memcpy(&size, &p[0], 4);
+        bb.SetFloat(144, size);
+        Log("voxel size set");
+        Accept(type);
+        return;
+      }
+      case PCDipc_REQUEST_TYPE_SET_POSITION:
+        for (int i = 0; i < 3; ++i) bb.SetWord(72 + 4 * static_cast<size_t>(i), p[static_cast<size_t>(i)]);
+        Accept(type);
+        return;
+      case PCDipc_REQUEST_TYPE_SET_REGION:
+        for (int i = 0; i < 6; ++i) bb.SetWord(96 + 4 * static_cast<size_t>(i), p[static_cast<size_t>(i)]);
+        Accept(type);
+        return;
+      default:  // lock, unlock, transfer end and anything unknown: taken and answered
+        Accept(type);
+        return;
+    }
+  }
+
+  void Poll() {
+    const int32_t type = rb.Word(kPcdIpcTypeOffset);
+    if (type <= 0) return;
+    const std::string id = rb.Text(kPcdIpcIdOffset, kPcdIpcIdLength + 1);
+    const bool connected = bb.Word(0) == 1;
+    const std::string client = bb.Text(kPcdIpcIdOffset, kPcdIpcIdLength + 1);
+    if (type == PCDipc_REQUEST_TYPE_CONNECTION) {
+      rb.SetWord(kPcdIpcTypeOffset, 0);
+      if (connected) return;  // one client at a time
+      bb.SetText(kPcdIpcIdOffset, id, kPcdIpcIdLength);
+      bb.SetWord(0, 1);
+      lastType = 0;
+      Log("connected");
+      return;
+    }
+    if (type == PCDipc_REQUEST_TYPE_DISCONNECTION) {
+      if (connected && id == client) {
+        bb.SetWord(0, 0);
+        bb.SetText(kPcdIpcIdOffset, "", kPcdIpcIdLength);
+        CloseOwnDataBoard();
+        Log("disconnected");
+      }
+      Accept(type);
+      lastType = 0;
+      rb.SetWord(kPcdIpcTypeOffset, 0);
+      return;
+    }
+    if (connected && id != client) return;  // another client: not ours to serve
+    const std::vector<int32_t> p = Parameters();
+    if (type == lastType && p == lastParameters && mb.Word(kPcdIpcAcceptedOffset) == type) {
+      rb.SetWord(kPcdIpcTypeOffset, 0);  // the waiting client wrote it again
+      return;
+    }
+    rb.SetWord(kPcdIpcTypeOffset, 0);
+    lastType = type;
+    lastParameters = p;
+    Log("request %d", type);
+    Serve(type, p);
+  }
+};
+
+bool ParseOptions(int argc, char** argv, Options* o) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    const bool hasValue = i + 1 < argc;
+    if (a == "--help" || a == "-h") return false;
+    if (!hasValue) return false;
+    const char* v = argv[++i];
+    if (a == "--number") o->number = std::atoi(v);
+    else if (a == "--volume") o->volumeFile = v;
+    else if (a == "--voxel-size") o->voxelSize = static_cast<float>(std::atof(v));
+    else if (a == "--save-dir") o->saveDir = v;
+    else if (a == "--accept-pause") o->acceptPauseMs = std::atoi(v);
+    else return false;
+  }
+  return o->number >= 0 && o->number <= 9999 && o->acceptPauseMs >= 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Server server;
+  if (!ParseOptions(argc, argv, &server.options)) {
+    std::fputs("Usage: pellucid-server [--number N] [--volume FILE] [--voxel-size MM] [--save-dir DIR]\n"
+               "                       [--accept-pause MS]\n"
+               "Serves the Quorix.II viewer link on the shared memory boards of number N (0..9999).\n",
+               stderr);
+    return 2;
+  }
+  const Options& o = server.options;
+  if (!o.volumeFile.empty()) {
+    std::string info;
+    server.volume = ReadRawVolumeFile(o.volumeFile.c_str(), &info);
+    if (server.volume == nullptr) {
+      std::fprintf(stderr, "Err: cannot read the volume %s\n", o.volumeFile.c_str());
+      return 1;
+    }
+  }
+  server.dbName = PCDipc_BoardName("PCD_IPC_DB", o.number);
+  if (!server.bb.Create(PCDipc_BoardName("PCD_IPC_BB", o.number), kPcdIpcBroadcastSize) ||
+      !server.mb.Create(PCDipc_BoardName("PCD_IPC_MB", o.number), kPcdIpcBoardSize) ||
+      !server.rb.Create(PCDipc_BoardName("PCD_IPC_RB", o.number), kPcdIpcBoardSize)) {
+    std::fprintf(stderr, "Err: cannot create the boards of number %d\n", o.number);
+    server.bb.Remove();
+    server.mb.Remove();
+    server.rb.Remove();
+    return 1;
+  }
+  server.bb.SetWord(0, 0);
+  server.mb.SetWord(0, kPcdIpcCleared);
+  server.mb.SetWord(kPcdIpcAcceptedOffset, kPcdIpcCleared);
+  server.bb.SetWord(108, 1);
+  server.bb.SetWord(112, 1);
+  server.bb.SetWord(116, 1);
+  server.bb.SetFloat(144, o.voxelSize);
+  server.PublishVolume();
+  std::signal(SIGINT, OnSignal);
+  std::signal(SIGTERM, OnSignal);
+  server.Log("serving");
+  std::fflush(stderr);
+  while (!g_stop) {
+    server.Poll();
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  server.CloseOwnDataBoard();
+  server.bb.Remove();
+  server.mb.Remove();
+  server.rb.Remove();
+  PCD_DeleteRawVolumeData(server.volume);
+  server.Log("stopped");
+  return 0;
+}
