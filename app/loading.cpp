@@ -1,0 +1,129 @@
+#include "app/loading.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "app/app_state.h"
+#include "app/commands.h"
+#include "app/dialogs.h"
+#include "app/main_window.h"
+#include "app/viewer_link.h"
+#include "io/dti_file.h"
+#include "io/raw_volume_file.h"
+
+std::string PCD_RecognitionText(const PcdDtiData* dti) {
+  const PcdIntSize4D& s = *dti->volume->matrixSize;
+  char text[2048];
+  std::snprintf(text, sizeof text, kPcdRecognitionFormat, s.x, s.y, s.z, s.channels, dti->soCount,
+                dti->soCount + 1, dti->channelCount, dti->channelCount - dti->soCount,
+                static_cast<double>(PCDdti_GetUniformBvalueOfDTI(dti)));
+  return text;
+}
+
+bool PCD_MpgReady() { return pcd_app && pcd_app->dti && pcd_app->dti->isReady == 1; }
+
+void PCD_CreateDtiData() {
+  PcdAppState* app = pcd_app;
+  std::free(app->dti);
+  app->dti = nullptr;
+  int32_t count = 0;
+  if (app->volume != nullptr)
+    while (count < app->volume->matrixSize->channels && app->volume->dataType[count] == SINT16 &&
+           app->volume->colorFormat[count] == PCD_MONOCHROME)
+      ++count;
+  app->dti = PCDdti_NewDiffusionTensorImageData(app->volume, count);
+  if (app->dti == nullptr) {
+    std::fputs("Err: failed to create DTI data\n", stdout);
+    return;
+  }
+  PCDdti_SetPropertiesOfDiffusionTensorImageDataAsSingleSoDefault(app->dti, count);
+  PCDdti_DumpMPGvectorSetting(app->dti);
+}
+
+void PCD_ShowRecognitionNotice() {
+  if (!PCD_MpgReady()) return;
+  PCD_ShowNotice(kPcdNoticeTitle, PCD_RecognitionText(pcd_app->dti).c_str(), 400, 320);
+}
+
+void PCD_ShowMpgNotReadyNotice() { PCD_ShowNotice(kPcdNoticeTitle, kPcdMpgNotReadyText); }
+
+void PCD_UpdatePanels() {
+  PcdAppState* app = pcd_app;
+  const bool haveVolume = app->volume != nullptr;
+  if (app->studyPage) gtk_widget_set_sensitive(app->studyPage, haveVolume);
+  if (app->roiPage) gtk_widget_set_sensitive(app->roiPage, haveVolume);
+  if (haveVolume && app->viewContext) PCD_SetViewScales(app->viewContext, app->volume->matrixSize->x);
+  if (PCD_MpgReady()) PCD_ShowRecognitionNotice();
+}
+
+void PCD_CleanUpObjects() {
+  pcd_app->roiList.clear();
+  pcd_app->studyList.clear();
+  pcd_app->selectedRoiId = pcd_app->selectedStudyId = kPcdNoObjectId;
+  std::fputs("Clean-up old objects OK\n", stdout);
+}
+
+namespace {
+
+// Takes a read volume as the current one; the voxel size is asked for when the data set
+// carries none.
+void TakeVolume(PcdRawVolumeData* read) {
+  std::fputs("Volume data OK. Replacing.\n", stdout);
+  std::free(pcd_app->dti);
+  pcd_app->dti = nullptr;
+  PCD_DeleteRawVolumeData(pcd_app->volume);
+  pcd_app->volume = read;
+  PCD_CreateDtiData();
+  if (pcd_app->dti != nullptr && !(pcd_app->dti->reserved > 0.0f)) {
+    std::string value;
+    float size = 1.0f;
+    if (PCD_AskValue(kPcdNoticeTitle, "voxel size(mm)", "1.0", &value) == kPcdValueOk &&
+        std::sscanf(value.c_str(), "%f", &size) == 1 && size > 0.0f) {
+    } else {
+      size = 1.0f;
+    }
+    pcd_app->dti->reserved = size;
+    std::printf("Voxel size is specified as %f mm.\n", static_cast<double>(size));
+  }
+}
+
+}  // namespace
+
+void PCD_LoadVolume(int importKind, const char* fileName) {
+  PcdAppState* app = pcd_app;
+  if (PCD_MpgReady() &&
+      PCD_AskConfirmation(kPcdNoticeTitle, "Discard current session data?", 240, 100) != kPcdConfirmYes)
+    return;
+  std::string path = fileName ? fileName : "";
+  if (path.empty() && !PCD_ChooseFile(PcdDialogKind::OpenFile, "Open", nullptr, &path)) return;
+  if (importKind == 2) {  // DTI file
+    std::string info;
+    PcdDtiData* read = ReadDtiFile(path.c_str(), &info);
+    if (read == nullptr) return;  // refused: the current data set stays
+    std::free(app->dti);
+    PCD_DeleteRawVolumeData(app->volume);
+    app->dti = read;
+    app->volume = read->volume;
+    app->memo = info;
+    PCDdti_DumpMPGvectorSetting(app->dti);
+  } else if (importKind == 3) {  // raw volume file
+    std::string info;
+    PcdRawVolumeData* read = ReadRawVolumeFile(path.c_str(), &info);
+    if (read == nullptr) return;
+    app->memo = info;
+    TakeVolume(read);
+  } else {
+    PCD_ShowNotice(kPcdNoticeTitle, kPcdNotImplemented);
+    return;
+  }
+  std::fputs("ROI cleaned in PELLUCID.\n", stdout);
+  PCD_CleanUpObjects();
+  PCD_RefreshMemo();
+  pcd_viewer_send_volume(app->volume);
+  PCD_UpdatePanels();
+  app->levelSetting = kPcdLevelSettingDefault;
+  if (app->dti && pcd_viewer_send_voxel_size(app->dti->reserved) != 0)
+    std::fputs("Warning: Voxel size is not specified in PELLUCID.\n", stdout);
+  PCD_SetStatus(" initialized.");
+}

@@ -1,0 +1,68 @@
+// quorix [SERVER_NUMBER]: the desktop program, attached to the PELLUCID viewer server of
+// that number (0 without an argument).
+//
+// With QUORIX_AUTOPILOT=DIR in the environment the program runs unattended: every dialog
+// is saved as DIR/dialog-N.png and answered with its default, the main window is saved
+// as DIR/main-window.png once drawn, and the program quits (for demonstrations and
+// checks on machines without a user).
+#include <gtk/gtk.h>
+
+#include <clocale>
+#include <cstdlib>
+#include <string>
+
+#include "app/app_state.h"
+#include "app/dialogs.h"
+#include "app/main_window.h"
+#include "app/startup.h"
+
+namespace {
+
+void SaveWindow(GtkWidget* widget, const std::string& path) {
+  GdkWindow* window = gtk_widget_get_window(widget);
+  if (window == nullptr) return;
+  GdkPixbuf* shot = gdk_pixbuf_get_from_window(window, 0, 0, gdk_window_get_width(window),
+                                               gdk_window_get_height(window));
+  if (shot == nullptr) return;
+  gdk_pixbuf_save(shot, path.c_str(), "png", nullptr, nullptr);
+  g_object_unref(shot);
+}
+
+std::string g_autopilot;
+
+gboolean SaveAndQuit(gpointer) {
+  SaveWindow(pcd_app->window, g_autopilot + "/main-window.png");
+  PCD_LeaveMainLoop();
+  return G_SOURCE_REMOVE;
+}
+
+void StartAutopilot() {
+  PCD_SetDialogResponder([](const PcdDialogSeen& seen) {
+    static int n = 0;
+    SaveWindow(seen.window, g_autopilot + "/dialog-" + std::to_string(++n) + ".png");
+    PcdDialogAnswer answer;
+    answer.code = seen.kind == PcdDialogKind::Confirm ? kPcdConfirmYes
+                  : seen.kind == PcdDialogKind::Value ? kPcdValueOk
+                                                      : kPcdDialogCancel;
+    answer.text = seen.initialText;
+    return answer;
+  });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  gtk_disable_setlocale();  // numbers in files and on the console stay in the "C" form
+  std::setlocale(LC_ALL, "");
+  std::setlocale(LC_NUMERIC, "C");
+  if (!gtk_init_check(&argc, &argv)) return 0;
+  if (const char* dir = std::getenv("QUORIX_AUTOPILOT")) {
+    g_autopilot = dir;
+    StartAutopilot();
+  }
+  if (PCD_InitializeApplication(argc, argv) == 0) return 0;
+  if (!g_autopilot.empty()) g_timeout_add(1500, SaveAndQuit, nullptr);
+  gtk_main();
+  PCD_CleanUpApplication();
+  return 0;
+}

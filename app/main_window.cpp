@@ -1,0 +1,161 @@
+#include "app/main_window.h"
+
+#include "app/app_state.h"
+#include "app/commands.h"
+#include "app/dialogs.h"
+
+namespace {
+
+void on_window_destroy(GtkWidget*, gpointer) {
+  // Closing the window leaves the loop without a question.
+  if (pcd_app) {
+    pcd_app->window = nullptr;
+    pcd_app->statusLabel = nullptr;
+    pcd_app->memoView = nullptr;
+  }
+  PCD_SetDialogParent(nullptr);
+  PCD_LeaveMainLoop();
+}
+
+void on_memo_changed(GtkTextBuffer* buffer, gpointer) {
+  if (!pcd_app) return;
+  GtkTextIter start, end;
+  gtk_text_buffer_get_bounds(buffer, &start, &end);
+  char* text = gtk_text_buffer_get_text(buffer, &start, &end, FALSE);
+  pcd_app->memo = text;
+  g_free(text);
+}
+
+void on_analyze_clicked(GtkButton*, gpointer) { cmd_not_implemented(nullptr, 0, nullptr); }
+
+GtkWidget* new_list(const char* const* titles, int count) {
+  GtkListStore* store = gtk_list_store_new(1, G_TYPE_STRING);
+  GtkWidget* view = gtk_tree_view_new_with_model(GTK_TREE_MODEL(store));
+  g_object_unref(store);
+  for (int i = 0; i < count; ++i) {
+    GtkCellRenderer* cell = gtk_cell_renderer_text_new();
+    gtk_tree_view_append_column(GTK_TREE_VIEW(view), gtk_tree_view_column_new_with_attributes(
+                                                         titles[i], cell, nullptr));
+  }
+  GtkWidget* scroll = gtk_scrolled_window_new(nullptr, nullptr);
+  gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scroll), GTK_POLICY_AUTOMATIC,
+                                 GTK_POLICY_AUTOMATIC);
+  gtk_container_add(GTK_CONTAINER(scroll), view);
+  return scroll;
+}
+
+// Study list on top, the settings panels in the middle, the analyse button at the foot.
+GtkWidget* build_study_page() {
+  GtkWidget* frame = gtk_frame_new(nullptr);
+  gtk_frame_set_shadow_type(GTK_FRAME(frame), GTK_SHADOW_NONE);
+  GtkWidget* grid = gtk_grid_new();
+  gtk_container_add(GTK_CONTAINER(frame), grid);
+
+  static const char* const kTitles[] = {"  #  ", " type ", " vis.", "status", " label     "};
+  GtkWidget* list = new_list(kTitles, 5);
+  gtk_widget_set_hexpand(list, TRUE);
+  gtk_widget_set_vexpand(list, TRUE);
+  gtk_grid_attach(GTK_GRID(grid), list, 0, 0, 4, 12);
+
+  GtkWidget* panels = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
+  gtk_widget_set_vexpand(panels, TRUE);
+  gtk_grid_attach(GTK_GRID(grid), panels, 0, 12, 4, 26);
+
+  GtkWidget* button = gtk_button_new_with_label(kPcdAnalyzeButtonLabel);
+  gtk_widget_set_size_request(button, 200, 36);
+  gtk_widget_set_halign(button, GTK_ALIGN_CENTER);
+  g_signal_connect(button, "clicked", G_CALLBACK(on_analyze_clicked), nullptr);
+  gtk_grid_attach(GTK_GRID(grid), button, 0, 38, 4, 2);
+  pcd_app->analyzeButton = button;
+  return frame;
+}
+
+GtkWidget* build_roi_page() {
+  GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 2);
+  static const char* const kTitles[] = {" # ", " type ", " vis.", " status ", " label     "};
+  GtkWidget* list = new_list(kTitles, 5);
+  gtk_widget_set_vexpand(list, TRUE);
+  gtk_box_pack_start(GTK_BOX(box), list, TRUE, TRUE, 0);
+  return box;
+}
+
+GtkWidget* build_utility_page() {
+  GtkWidget* frame = gtk_frame_new(kPcdMemoFrameLabel);
+  gtk_container_set_border_width(GTK_CONTAINER(frame), 4);
+  GtkWidget* scroll = gtk_scrolled_window_new(nullptr, nullptr);
+  gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scroll), GTK_POLICY_AUTOMATIC,
+                                 GTK_POLICY_AUTOMATIC);
+  GtkWidget* memo = gtk_text_view_new();
+  gtk_text_view_set_editable(GTK_TEXT_VIEW(memo), TRUE);
+  gtk_text_view_set_wrap_mode(GTK_TEXT_VIEW(memo), GTK_WRAP_WORD_CHAR);
+  g_signal_connect(gtk_text_view_get_buffer(GTK_TEXT_VIEW(memo)), "changed",
+                   G_CALLBACK(on_memo_changed), nullptr);
+  gtk_container_add(GTK_CONTAINER(scroll), memo);
+  gtk_container_add(GTK_CONTAINER(frame), scroll);
+  pcd_app->memoView = memo;
+  return frame;
+}
+
+void append_page(GtkWidget* notebook, GtkWidget* page, const char* label) {
+  gtk_notebook_append_page(GTK_NOTEBOOK(notebook), page, gtk_label_new(label));
+}
+
+}  // namespace
+
+bool PCD_BuildMainWindow() {
+  PcdAppState* app = pcd_app;
+  app->window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+  g_signal_connect(app->window, "destroy", G_CALLBACK(on_window_destroy), nullptr);
+  gtk_widget_set_size_request(app->window, kPcdWindowWidth, kPcdWindowHeight);
+  gtk_window_set_title(GTK_WINDOW(app->window), kPcdWindowTitle);
+
+  app->vbox = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
+  gtk_container_set_border_width(GTK_CONTAINER(app->vbox), 2);
+  gtk_container_add(GTK_CONTAINER(app->window), app->vbox);
+
+  app->accelGroup = gtk_accel_group_new();
+  gtk_window_add_accel_group(GTK_WINDOW(app->window), app->accelGroup);
+  g_object_unref(app->accelGroup);  // the window holds it
+  if (!PCD_BuildMenuBar(kPcdMainMenu, kPcdMainMenuEntryCount, nullptr, app->accelGroup,
+                        &app->mainMenu)) {
+    return false;
+  }
+  app->menuBar = app->mainMenu.bar;
+  gtk_box_pack_start(GTK_BOX(app->vbox), app->menuBar, FALSE, TRUE, 0);
+
+  app->notebook = gtk_notebook_new();
+  gtk_notebook_set_tab_pos(GTK_NOTEBOOK(app->notebook), GTK_POS_TOP);
+  app->studyPage = build_study_page();
+  app->roiPage = build_roi_page();
+  app->utilityPage = build_utility_page();
+  append_page(app->notebook, app->studyPage, kPcdStudyPageLabel);
+  append_page(app->notebook, app->roiPage, kPcdRoiPageLabel);
+  append_page(app->notebook, app->utilityPage, kPcdUtilityPageLabel);
+  gtk_box_pack_start(GTK_BOX(app->vbox), app->notebook, TRUE, TRUE, 0);
+
+  app->statusLabel = gtk_label_new("");
+  gtk_label_set_xalign(GTK_LABEL(app->statusLabel), 0.0f);
+  gtk_box_pack_end(GTK_BOX(app->vbox), app->statusLabel, FALSE, FALSE, 2);
+
+  gtk_widget_show_all(app->window);
+  PCD_SetDialogParent(app->window);
+  return true;
+}
+
+void PCD_SetStatus(const char* text) {
+  if (pcd_app && pcd_app->statusLabel) gtk_label_set_text(GTK_LABEL(pcd_app->statusLabel), text);
+}
+
+void PCD_RefreshMemo() {
+  if (!pcd_app || !pcd_app->memoView) return;
+  std::string text = pcd_app->memo;  // the change handler writes pcd_app->memo back
+  GtkTextBuffer* buffer = gtk_text_view_get_buffer(GTK_TEXT_VIEW(pcd_app->memoView));
+  // file names from other systems need not be UTF-8; show them mangled rather than not at all
+  char* valid = g_utf8_make_valid(text.c_str(), static_cast<gssize>(text.size()));
+  gtk_text_buffer_set_text(buffer, valid, -1);
+  g_free(valid);
+}
+
+void PCD_LeaveMainLoop() {
+  if (gtk_main_level() > 0) gtk_main_quit();
+}

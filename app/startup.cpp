@@ -1,0 +1,112 @@
+#include "app/startup.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "app/app_state.h"
+#include "app/dialogs.h"
+#include "app/loading.h"
+#include "app/main_window.h"
+#include "app/viewer_link.h"
+
+namespace {
+
+void WriteMemoFromViewer() {
+  const PcdIntSize4D& s = *pcd_app->volume->matrixSize;
+  char text[256];
+  std::snprintf(text, sizeof text, "Data Source: IPC with PELLUCID\nMatrix size: %dx%dx%d x %d(ch)\n", s.x, s.y,
+                s.z, s.channels);
+  pcd_app->memo = text;
+}
+
+int Fail() {
+  pcd_viewer_detach();
+  PCD_DeleteAppState();
+  return 0;
+}
+
+}  // namespace
+
+int PCD_ServiceTimer(void*) {
+  if (pcd_app != nullptr && pcd_app->realtimeAnalysis == 1) pcd_viewer_read_broadcast();
+  return G_SOURCE_CONTINUE;
+}
+
+int PCD_InitializeApplication(int argc, char** argv) {
+  PcdAppState* app = PCD_NewAppState();
+  if (app == nullptr) return 0;
+  if (argc == 2) std::sscanf(argv[1], "%d", &app->viewerSessionNumber);
+  app->initialized = 0;
+  app->roiAutoUpdate = 0;
+  app->levelSetting = kPcdLevelSettingDefault;
+  app->ipcInitialized = pcd_viewer_initialize(app->viewerSessionNumber);
+  app->startupWord = 0;
+  app->greyMax = 255.0f;
+  app->ipcLink = pcd_viewer_attach();
+  if (app->ipcLink == nullptr) return Fail();
+  app->drawSetting3 = 0.98f;
+  app->drawSetting2 = 12.0f;
+  app->drawSetting1 = 2.0f;
+  app->drawSetting4 = 16;
+  app->drawSetting5 = 4;
+  app->realtimeAnalysis = app->furtherWord1 = app->furtherWord2 = 0;
+
+  GdkScreen* screen = gdk_screen_get_default();
+  app->visual = screen ? gdk_screen_get_rgba_visual(screen) : nullptr;
+  if (app->visual == nullptr && screen) app->visual = gdk_screen_get_system_visual(screen);
+  app->textFont = pango_font_description_from_string("Sans 10");
+  // the program draws for a 24-bit display only
+  if (app->visual == nullptr || gdk_visual_get_depth(gdk_screen_get_system_visual(screen)) != 24)
+    return Fail();
+  app->viewerObjectId = pcd_viewer_allocate_object_group();
+  if (app->viewerObjectId == -1) std::fputs("<!!!> failed to allocate object in server.\n", stdout);
+
+  app->volume = nullptr;
+  app->selectedRoiId = app->selectedStudyId = kPcdNoObjectId;
+  std::fputs(">> Establishing connection ... ", stdout);
+  std::fflush(stdout);
+  app->volume = pcd_viewer_receive_volume();
+  if (app->volume == nullptr) return Fail();
+  std::fputs("OK\n", stdout);
+  WriteMemoFromViewer();
+  app->dti = nullptr;
+  PCD_CreateDtiData();
+  app->studyPerformer = app->roiEditor = app->roiPalette = nullptr;
+
+  if (!PCD_BuildMainWindow()) return Fail();
+  app->initialized = 1;
+  gtk_widget_realize(app->window);
+  app->viewContext = PCD_NewViewContext(app->window, app->textFont);
+  PCD_ConnectCoreNotices();
+  PCD_RefreshMemo();
+  PCD_UpdatePanels();
+  if (PCD_MpgReady()) {
+    PCD_SetStatus(" initialized.");
+  } else {
+    PCD_ShowMpgNotReadyNotice();
+    PCD_SetStatus(" MPG not ready.");
+  }
+  app->timer = g_timeout_add(360, PCD_ServiceTimer, nullptr);
+  std::fflush(stdout);
+  return 1;
+}
+
+void PCD_CleanUpApplication() {
+  PcdAppState* app = pcd_app;
+  if (app == nullptr) return;
+  if (app->timer) g_source_remove(app->timer);
+  pcd_viewer_release_objects();
+  std::printf("Requesting removal of Object %d\n", app->viewerObjectId);
+  if (app->viewerObjectId != -1) pcd_viewer_remove_object(app->viewerObjectId);
+  std::free(app->dti);
+  app->dti = nullptr;
+  PCD_DeleteRawVolumeData(app->volume);
+  app->volume = nullptr;
+  PCD_CleanUpObjects();
+  PCD_DisconnectCoreNotices();
+  PCD_DeleteViewContext(app->viewContext);
+  if (app->window) gtk_widget_destroy(app->window);
+  pcd_viewer_detach();
+  PCD_DeleteAppState();
+  std::fflush(stdout);
+}

@@ -1,0 +1,72 @@
+#include "app/viewer_link.h"
+
+#include <cstdio>
+
+#include "ipc/ipc.h"
+
+namespace {
+bool g_initialized = false;
+PcdIpcBroadcast g_broadcast;
+}  // namespace
+
+int pcd_viewer_initialize(int32_t serverNumber) {
+  PCDipc_SetRetryLimit(6553500);
+  g_initialized = PCDipc_InitializeClient(kPcdClientId, serverNumber) == 0;
+  std::fputs(g_initialized ? "IPC available (IPC Client initialization succeeded)\n"
+                           : "IPC NOT available (IPC Client initialization failure)\n",
+             stdout);
+  return g_initialized ? 1 : 0;
+}
+
+// The link is the client's broadcast record: it exists while the boards are open.
+void* pcd_viewer_attach() { return g_initialized ? &g_broadcast : nullptr; }
+
+void pcd_viewer_detach() {
+  if (g_initialized) PCDipc_FinalizeClient();
+  g_initialized = false;
+}
+
+int32_t pcd_viewer_allocate_object_group() {
+  if (!g_initialized || PCDipc_SendConnectionRequest() != 0) return -1;
+  PcdObjectGroup empty;
+  int32_t id = -1;
+  if (PCDipc_TransferObjectGroup(&empty, &id) != 0) id = -1;
+  PCDipc_SendDisconnectionRequest();
+  return id;
+}
+
+void pcd_viewer_remove_object(int32_t objectId) {
+  if (!g_initialized || PCDipc_SendConnectionRequest() != 0) return;
+  PCDipc_RemoveObject(objectId);
+  PCDipc_SendDisconnectionRequest();
+}
+
+void pcd_viewer_release_objects() {}
+
+PcdRawVolumeData* pcd_viewer_receive_volume() {
+  return g_initialized ? PCDipc_ReceiveVolumeFromViewer() : nullptr;
+}
+
+int pcd_viewer_send_channel(const PcdRawVolumeData* volume, int32_t channel) {
+  return g_initialized ? PCDipc_SendChannelToViewer(volume, channel) : -1;
+}
+
+int pcd_viewer_send_volume(const PcdRawVolumeData* volume) {
+  if (!g_initialized || PCDipc_SendConnectionRequest() != 0) return -1;
+  return PCDipc_SendVolumeToViewer(volume);
+}
+
+int pcd_viewer_send_voxel_size(float millimetres) {
+  if (!g_initialized || PCDipc_SendConnectionRequest() != 0) return -1;
+  const int sent = PCDipc_SendVoxelSize(millimetres);
+  PCDipc_SendDisconnectionRequest();
+  return sent;
+}
+
+int pcd_viewer_read_broadcast() {
+  if (!g_initialized || PCDipc_GetBroadcastedInfo(&g_broadcast) != 0) {
+    std::fputs("broadcasted info acquisition error\n", stdout);
+    return -1;
+  }
+  return 0;
+}

@@ -1,0 +1,233 @@
+// The desktop program under Xvfb, attached to a real pellucid-server process.
+#include <gtk/gtk.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/app_state.h"
+#include "app/commands.h"
+#include "app/dialogs.h"
+#include "app/loading.h"
+#include "app/main_window.h"
+#include "app/startup.h"
+#include "io/raw_volume_file.h"
+#include "ipc/ipc.h"
+#include "support/test_support.h"
+#include "tools/phantom/phantom.h"
+
+extern char** environ;
+
+namespace {
+
+using quorix_test::TempDir;
+
+struct Server {
+  int number = 2000 + getpid() % 5000;
+  pid_t pid = -1;
+  Server(const std::string& volume, const std::string& saveDir) {
+    std::vector<std::string> args = {quorix_test::BuiltProgram("pellucid-server"), "--number",
+                                     std::to_string(number), "--volume", volume, "--save-dir", saveDir};
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    for (int i = 0; i < 500; ++i) {
+      const int fd = shm_open(PCDipc_BoardName("PCD_IPC_RB", number).c_str(), O_RDONLY, 0);
+      if (fd >= 0) {
+        close(fd);
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+  ~Server() {
+    kill(pid, SIGTERM);
+    int status;
+    waitpid(pid, &status, 0);
+  }
+};
+
+// A small DWI phantom as the viewer's volume: 1 So + 6 DWIs.
+std::string WritePhantom(const TempDir& dir) {
+  PcdPhantomOptions o;
+  o.sizeX = 12;
+  o.sizeY = 10;
+  o.sizeZ = 4;
+  o.directions = 6;
+  PcdDtiData* dti = PCD_MakeDwiPhantom(o, nullptr);
+  const std::string path = dir.file("phantom.raw");
+  WriteRawVolumeFile(dti->volume, path.c_str());
+  PCD_DeleteRawVolumeData(dti->volume);
+  std::free(dti);
+  return path;
+}
+
+std::vector<PcdDialogSeen> g_seen;
+std::vector<PcdDialogAnswer> g_answers;  // given in order; then the defaults
+
+void RecordDialogs() {
+  PCD_SetDialogResponder([](const PcdDialogSeen& seen) {
+    g_seen.push_back(seen);
+    if (!g_answers.empty()) {
+      PcdDialogAnswer a = g_answers.front();
+      g_answers.erase(g_answers.begin());
+      return a;
+    }
+    return PcdDialogAnswer{kPcdDialogCancel, ""};
+  });
+}
+
+std::string PageLabel(int page) {
+  GtkWidget* child = gtk_notebook_get_nth_page(GTK_NOTEBOOK(pcd_app->notebook), page);
+  return gtk_notebook_get_tab_label_text(GTK_NOTEBOOK(pcd_app->notebook), child);
+}
+
+void SaveScreenshot(GtkWidget* widget, const std::string& name) {
+  while (gtk_events_pending()) gtk_main_iteration();
+  GdkWindow* w = gtk_widget_get_window(widget);
+  if (w == nullptr) return;
+  GdkPixbuf* shot = gdk_pixbuf_get_from_window(w, 0, 0, gdk_window_get_width(w), gdk_window_get_height(w));
+  if (shot == nullptr) return;
+  const std::string dir = std::string(QUORIX_BINARY_DIR) + "/screenshots";
+  std::filesystem::create_directories(dir);
+  gdk_pixbuf_save(shot, (dir + "/" + name).c_str(), "png", nullptr, nullptr);
+  g_object_unref(shot);
+}
+
+TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  TempDir dir;
+  std::filesystem::create_directory(dir.path() / "saved");
+  Server server(WritePhantom(dir), dir.file("saved"));
+  RecordDialogs();
+  std::string number = std::to_string(server.number);
+  char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
+
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(PCD_InitializeApplication(2, argv), 1);
+  const std::string console = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(console, "IPC available (IPC Client initialization succeeded)\n>> Establishing connection ... OK\n");
+  EXPECT_EQ(pcd_app->viewerSessionNumber, server.number);
+  EXPECT_EQ(pcd_app->viewerObjectId, 1);
+  EXPECT_EQ(pcd_app->memo, "Data Source: IPC with PELLUCID\nMatrix size: 12x10x4 x 7(ch)\n");
+
+  // the recognition notice, to the letter
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].title, "Important Notice");
+  EXPECT_EQ(g_seen[0].width, 400);
+  EXPECT_EQ(g_seen[0].text,
+            "Quorix.II recognized DTI data as bellow.                                     \n \n"
+            "   matrix size:    12 x 10 x 4 (7 channels)            \n"
+            "   b=0 data:\t      ch.  1 - 1                              \n"
+            "   DWI data:\t      ch. 2 - 7 (6 directions of MPG)   \n \n"
+            " The default b value is 1000.0.                                                   \n \n"
+            " If these settings are wrong, analysis can never be performed      \n"
+            " correctly.  To correct the values, use commands in the menu:    \n"
+            " Setting -> MPG -> Manual set.\t\t\t                                         \n \n"
+            " Check MPG directions shown in the console window, too.");
+  EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel)), " initialized.");
+
+  // the window: title, 66 menu entries with their paths and accelerators, three pages
+  EXPECT_EQ(std::string(gtk_window_get_title(GTK_WINDOW(pcd_app->window))).rfind("Quorix.II", 0), 0u);
+  ASSERT_EQ(pcd_app->mainMenu.paths.size(), 66u);
+  EXPECT_EQ(pcd_app->mainMenu.paths.front(), "/File");
+  EXPECT_NE(PCD_FindMenuItem(pcd_app->mainMenu, "/Special/Add computational channels"), nullptr);
+  EXPECT_NE(PCD_FindMenuItem(pcd_app->mainMenu, "/Help/About ..."), nullptr);
+  EXPECT_EQ(PageLabel(0), " Study performer ");
+  EXPECT_EQ(PageLabel(1), " ROI editor ");
+  EXPECT_EQ(PageLabel(2), " Utility ");
+  SaveScreenshot(pcd_app->window, "main-window.png");
+
+  // Manual set: 7 total channels with So 1 keeps the single-So default; a cancel changes nothing
+  g_seen.clear();
+  g_answers = {{kPcdValueOk, "2"}};
+  testing::internal::CaptureStderr();
+  cmd_manual_set(nullptr, PCD_MANUAL_SO_CHANNELS, nullptr);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("MPG setting NOT ready"), std::string::npos);
+  EXPECT_EQ(g_seen[0].text, "So (b=0) Ch.");
+  EXPECT_EQ(g_seen[0].initialText, "1");
+  EXPECT_EQ(pcd_app->dti->isReady, 0);  // 2 So + 5 DWIs cannot be fitted
+  g_answers = {{kPcdValueOk, "1"}};
+  testing::internal::CaptureStderr();
+  cmd_manual_set(nullptr, PCD_MANUAL_SO_CHANNELS, nullptr);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(pcd_app->dti->isReady, 1);
+  cmd_manual_set(nullptr, PCD_MANUAL_UNIFORM_B, nullptr);  // cancelled
+  EXPECT_EQ(PCDdti_GetUniformBvalueOfDTI(pcd_app->dti), 1000.0f);
+
+  // loading with a ready setting asks first; a cancel, then a refused file, keep all
+  g_seen.clear();
+  PcdRawVolumeData* before = pcd_app->volume;
+  PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, dir.file("phantom.raw").c_str());
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].text, "Discard current session data?");
+  quorix_test::WriteFileText(dir.file("garbage.raw"), "not a volume");
+  g_answers = {{kPcdConfirmYes, ""}};
+  PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, dir.file("garbage.raw").c_str());
+  EXPECT_EQ(pcd_app->volume, before);
+  EXPECT_EQ(g_seen.back().text, "This is NOT a PELLUCID file.");
+  EXPECT_EQ(g_seen.back().title, "Warning");
+
+  // the computed channels are appended and sent to the viewer
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  cmd_add_computational_channels(nullptr, 0, nullptr);
+  testing::internal::GetCapturedStderr();
+  const std::string added = testing::internal::GetCapturedStdout();
+  EXPECT_NE(added.find("4 channels added.\n"), std::string::npos) << added;
+  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 11);
+  size_t channels = 0;
+  for (const auto& e : std::filesystem::directory_iterator(dir.path() / "saved"))
+    channels += e.path().filename().string().find("channel") != std::string::npos;
+  EXPECT_EQ(channels, 4u);
+
+  // quit asks only with a ready setting; "Jones 30 dir" is a placeholder
+  g_seen.clear();
+  cmd_quit(nullptr, 0, nullptr);
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].text, "Do you REALLY quit the program?");
+  cmd_mpg_preset(nullptr, PCD_PRESET_JONES_30, nullptr);
+  EXPECT_EQ(g_seen.back().text, "Not implemented yet.");
+
+  testing::internal::CaptureStdout();
+  PCD_CleanUpApplication();
+  const std::string bye = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(bye, "Requesting removal of Object 1\nClean-up old objects OK\n");
+  EXPECT_EQ(pcd_app, nullptr);
+  PCD_SetDialogResponder(nullptr);
+}
+
+TEST(DesktopProgram, StartUpFailuresEndQuietlyWithStatusZero) {
+  std::string out;
+  const std::string quorix = quorix_test::BuiltProgram("quorix");
+  // no server of that number
+  EXPECT_EQ(quorix_test::RunCommand(quorix + " 9876 2>&1", &out), 0);
+  EXPECT_EQ(out, "IPC NOT available (IPC Client initialization failure)\n");
+  // a display of depth 16: nothing beyond the link
+  TempDir dir;
+  Server server(WritePhantom(dir), dir.path().string());
+  if (quorix_test::RunCommand("command -v xvfb-run >/dev/null") != 0) GTEST_SKIP() << "no xvfb-run";
+  EXPECT_EQ(quorix_test::RunCommand("xvfb-run -a -s '-screen 0 640x480x16' " + quorix + " " +
+                                        std::to_string(server.number) + " 2>/dev/null",
+                                    &out),
+            0);
+  EXPECT_EQ(out, "IPC available (IPC Client initialization succeeded)\n");
+}
+
+}  // namespace
