@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds Quorix.II and runs its main job on a generated data set:
-# a DWI phantom is written, loaded, and its tensor maps (directional colour, FA, ADC,
-# isotropic DWI) are computed and written as a raw volume and as NIfTI maps.
+# Installs what is missing, builds Quorix.II and runs its main job on a data set it
+# generates: a DWI phantom with known tensors is written; quorix-batch computes its tensor
+# maps and tracks fibers in it; then pellucid-server (the viewer side) is started with the
+# phantom and the desktop program quorix attaches to it. With a display, quorix opens its
+# window (quit with Ctrl+Q); without one, it runs under Xvfb at depth 24, unattended, and
+# saves screenshots of its window and dialogs.
 # Usage: tools/run.sh [WORK_DIR]   (default: ./quorix-demo)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -9,17 +12,34 @@ tools/setup.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build build -j"$(nproc)" >/dev/null
 work=${1:-quorix-demo}
-mkdir -p "$work"
-batch=build/bin/quorix-batch
+mkdir -p "$work/screenshots" "$work/from-viewer"
+bin=build/bin
 
-echo "== writing a 64 x 64 x 24 phantom with 1 So + 30 DWIs and 2% noise to $work/phantom.*"
-"$batch" phantom --noise 0.02 -o "$work/phantom"
-echo "== what the data set holds"
-"$batch" info "$work/phantom.raw" --mpg "$work/phantom.mpg" --voxel-size 2 2>&1 | head -12
-echo "   ..."
-echo "== fitting the tensor at every voxel (maps appended as channels 31 to 34)"
-"$batch" channels "$work/phantom.raw" --mpg "$work/phantom.mpg" --voxel-size 2 \
-  -o "$work/phantom_maps.raw"
-"$batch" channels "$work/phantom.nii.gz" -o "$work/phantom_maps.nii.gz"
+echo "== a 64 x 64 x 24 phantom, 1 So + 30 DWIs, 2% noise: $work/phantom.*"
+"$bin/quorix-batch" phantom --noise 0.02 -o "$work/phantom"
+echo "== what it holds"
+"$bin/quorix-batch" info "$work/phantom.raw" --mpg "$work/phantom.mpg" --voxel-size 2 2>&1 | head -8
+echo "== tensor maps (directional colour, FA, ADC as NIfTI; all four appended in the .raw)"
+"$bin/quorix-batch" channels "$work/phantom.raw" --mpg "$work/phantom.mpg" --voxel-size 2 \
+  -o "$work/phantom_maps.raw" 2>/dev/null
+"$bin/quorix-batch" channels "$work/phantom.nii.gz" -o "$work/phantom_maps.nii.gz" 2>/dev/null
+echo "== fiber tracking from the crossing and the straight bundles"
+"$bin/quorix-batch" track "$work/phantom.nii.gz" --seed-box 8,28,10,55,35,13 --seeds-per-voxel 2 \
+  --dump "$work/fibetrak_dump.txt" --tck "$work/phantom.tck" 2>/dev/null
+
+number=$(( $$ % 9000 + 100 ))
+echo "== pellucid-server $number with the phantom, and quorix attached to it"
+"$bin/pellucid-server" --number "$number" --volume "$work/phantom.raw" --voxel-size 2 \
+  --save-dir "$work/from-viewer" 2>"$work/server.log" &
+server=$!
+trap 'kill $server 2>/dev/null; wait $server 2>/dev/null || true' EXIT
+sleep 0.5
+if [ -n "${DISPLAY:-}" ]; then
+  "$bin/quorix" "$number"
+else
+  QUORIX_AUTOPILOT="$work/screenshots" xvfb-run -a -s "-screen 0 1280x1024x24" "$bin/quorix" "$number"
+  echo "== screenshots of the window and its dialogs: $work/screenshots"
+  ls "$work/screenshots"
+fi
 echo "== results in $work:"
-ls -l "$work"
+ls "$work"
