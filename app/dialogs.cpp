@@ -25,7 +25,7 @@ struct DialogRun {
   GtkDialog* dialog;
   PcdDialogSeen seen;
   GtkEntry* entry = nullptr;  // the value dialog's entry, filled from the answer
-  PcdDialogAnswer answer;
+  PcdDialogAnswer answer{};
   bool answered = false;
   guint fallback = 0;
 };

@@ -6,6 +6,7 @@
 #   bench/compare.sh [BUILD_DIR] [ROUNDS]      (peers: tools/setup.sh --peers)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/common.sh"
 build=${1:-$root/build}
 rounds=${2:-5}
 threads=2
@@ -47,11 +48,9 @@ d="OMP_NUM_THREADS=$threads OPENBLAS_NUM_THREADS=$threads $py $work/dipy_fit.py 
 declare -A times
 names=(quorix mrtrix_ols mrtrix_iter0 dipy)
 cmds=("$q" "$m_ols" "$m_it0" "$d")
-run() { local s e; s=$(date +%s.%N); bash -c "$1" >/dev/null 2>&1; e=$(date +%s.%N); awk -v a="$s" -v b="$e" 'BEGIN {printf "%.4f", b - a}'; }
 for ((r = 0; r < rounds; ++r)); do
   for i in "${!names[@]}"; do times[${names[$i]}]+="$(run "${cmds[$i]}") "; done
 done
-median() { tr ' ' '\n' | grep -v '^$' | sort -g | awk '{a[NR]=$1} END {print (NR%2 ? a[(NR+1)/2] : (a[NR/2]+a[NR/2+1])/2)}'; }
 declare -A med
 for n in "${names[@]}"; do med[$n]=$(echo "${times[$n]}" | median); printf "%-14s median %.3f s  (%s)\n" "$n" "${med[$n]}" "${times[$n]}"; done
 for n in mrtrix_ols mrtrix_iter0 dipy; do

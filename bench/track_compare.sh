@@ -7,6 +7,7 @@
 #   bench/track_compare.sh [BUILD_DIR] [ROUNDS]      (peers: tools/setup.sh --peers)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/bench/common.sh"
 build=${1:-$root/build}
 rounds=${2:-5}
 threads=2
@@ -40,10 +41,8 @@ xyz = np.frombuffer(data[off:], "<f4").reshape(-1, 3)
 print(int(np.isfinite(xyz[:, 0]).sum()), int(np.isnan(xyz[:, 0]).sum()))
 PY
 }
-run() { local s e; s=$(date +%s.%N); bash -c "$1" >/dev/null 2>&1; e=$(date +%s.%N); awk -v a="$s" -v b="$e" 'BEGIN {printf "%.4f", b - a}'; }
 tq=""; tm=""
 for ((r = 0; r < rounds; ++r)); do tq+="$(run "$q") "; tm+="$(run "$m") "; done
-median() { tr ' ' '\n' | grep -v '^$' | sort -g | awk '{a[NR]=$1} END {print (NR%2 ? a[(NR+1)/2] : (a[NR/2]+a[NR/2+1])/2)}'; }
 mq=$(echo "$tq" | median); mm=$(echo "$tm" | median)
 read -r pq lq < <(points "$work/q.tck"); read -r pm lm < <(points "$work/m.tck")
 printf "quorix   median %.3f s  %d points in %d tracks  %.2f M points/s  (%s)\n" "$mq" "$pq" "$lq" "$(awk -v p=$pq -v t=$mq 'BEGIN{print p/t/1e6}')" "$tq"

@@ -27,40 +27,14 @@
 #include "support/test_support.h"
 #include "tools/phantom/phantom.h"
 
-extern char** environ;
-
 namespace {
 
 using quorix_test::TempDir;
 
-struct Server {
-  int number = 2000 + getpid() % 5000;
-  pid_t pid = -1;
-  Server(const std::string& volume, const std::string& saveDir) {
-    std::vector<std::string> args = {quorix_test::BuiltProgram("pellucid-server"), "--number",
-                                     std::to_string(number), "--volume", volume, "--save-dir", saveDir};
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    for (int i = 0; i < 500; ++i) {
-      const int fd = shm_open(PCDipc_BoardName("PCD_IPC_RB", number).c_str(), O_RDONLY, 0);
-      if (fd >= 0) {
-        close(fd);
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-  }
-  ~Server() {
-    kill(pid, SIGTERM);
-    int status;
-    waitpid(pid, &status, 0);
-  }
+// The viewer server with a volume, saving what it receives.
+struct Server : quorix_test::ServerProcess {
+  Server(const std::string& volume, const std::string& saveDir)
+      : ServerProcess({"--volume", volume, "--save-dir", saveDir}) {}
 };
 
 // A small DWI phantom as the viewer's volume: 1 So + 6 DWIs.

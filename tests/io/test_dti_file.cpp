@@ -39,14 +39,7 @@ struct DataSet {
   }
 };
 
-struct NoticeRecorder {
-  std::vector<PcdNotice> notices;
-  PcdNoticeHandler previous;
-  NoticeRecorder() {
-    previous = PCD_SetNoticeHandler([this](const PcdNotice& n) { notices.push_back(n); });
-  }
-  ~NoticeRecorder() { PCD_SetNoticeHandler(previous); }
-};
+using quorix_test::NoticeRecorder;
 
 TEST(DtiFile, MagicThenTheSerializedRecordAndBack) {
   TempDir dir;

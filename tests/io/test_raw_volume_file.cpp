@@ -18,14 +18,7 @@ using quorix_test::WriteFileBytes;
 std::vector<uint8_t> Bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
 // Collects the notices raised while it lives, instead of printing them.
-struct NoticeRecorder {
-  std::vector<PcdNotice> notices;
-  PcdNoticeHandler previous;
-  NoticeRecorder() {
-    previous = PCD_SetNoticeHandler([this](const PcdNotice& n) { notices.push_back(n); });
-  }
-  ~NoticeRecorder() { PCD_SetNoticeHandler(previous); }
-};
+using quorix_test::NoticeRecorder;
 
 PcdRawVolumeData* TwoChannelVolume() {
   const PcdIntSize4D size{3, 2, 2, 2};

@@ -20,54 +20,18 @@
 #include "ipc/ipc.h"
 #include "support/test_support.h"
 
-extern char** environ;
-
 namespace {
 
 using quorix_test::TempDir;
 
-// A server number no other test run uses at the same time.
+using quorix_test::ServerProcess;
+
 int UniqueNumber() {
   static int next = 0;
-  return 1000 + (getpid() * 7 + next++) % 8000;
+  return 9000 + (getpid() + next++) % 999;
 }
 
-bool BoardExists(const std::string& name) {
-  const int fd = shm_open(name.c_str(), O_RDONLY, 0);
-  if (fd < 0) return false;
-  close(fd);
-  return true;
-}
-
-// pellucid-server as a child process, stopped and reaped when the test ends.
-struct ServerProcess {
-  int number = UniqueNumber();
-  pid_t pid = -1;
-  explicit ServerProcess(std::vector<std::string> extra = {}) {
-    std::vector<std::string> args = {quorix_test::BuiltProgram("pellucid-server"), "--number",
-                                     std::to_string(number)};
-    args.insert(args.end(), extra.begin(), extra.end());
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    for (int i = 0; i < 500 && !BoardExists(PCDipc_BoardName("PCD_IPC_RB", number)); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  void Stop() {
-    if (pid <= 0) return;
-    kill(pid, SIGCONT);
-    kill(pid, SIGTERM);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    pid = -1;
-  }
-  ~ServerProcess() { Stop(); }
-};
+bool BoardExists(const std::string& name) { return quorix_test::SharedMemoryExists(name); }
 
 PcdRawVolumeData* Volume(int32_t channels, int16_t base) {
   const PcdIntSize4D size{4, 3, 2, channels};

@@ -1,13 +1,21 @@
 #include "support/test_support.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <stdexcept>
+#include <thread>
+
+extern char** environ;
 
 namespace quorix_test {
 
@@ -67,5 +75,49 @@ int RunCommand(const std::string& command, std::string* output) {
   if (status == -1 || !WIFEXITED(status)) return -1;
   return WEXITSTATUS(status);
 }
+
+bool SharedMemoryExists(const std::string& name) {
+  const int fd = shm_open(name.c_str(), O_RDONLY, 0);
+  if (fd < 0) return false;
+  close(fd);
+  return true;
+}
+
+ServerProcess::ServerProcess(const std::vector<std::string>& extra) {
+  static int next = 0;
+  number = 1000 + (getpid() * 7 + next++) % 8000;
+  std::vector<std::string> args = {BuiltProgram("pellucid-server"), "--number", std::to_string(number)};
+  args.insert(args.end(), extra.begin(), extra.end());
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t child = -1;
+  if (posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), environ) == 0) pid = child;
+  posix_spawn_file_actions_destroy(&actions);
+  char board[32];
+  std::snprintf(board, sizeof board, "/PCD_IPC_RB(%04d)", number);
+  for (int i = 0; i < 500 && pid > 0 && !SharedMemoryExists(board); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+void ServerProcess::Stop() {
+  if (pid <= 0) return;
+  kill(pid, SIGCONT);
+  kill(pid, SIGTERM);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  pid = -1;
+}
+
+ServerProcess::~ServerProcess() { Stop(); }
+
+NoticeRecorder::NoticeRecorder() {
+  previous = PCD_SetNoticeHandler([this](const PcdNotice& n) { notices.push_back(n); });
+}
+
+NoticeRecorder::~NoticeRecorder() { PCD_SetNoticeHandler(previous); }
 
 }  // namespace quorix_test

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "io/notice.h"
+
 namespace quorix_test {
 
 // A fresh folder under the system's temporary directory, removed with everything in it
@@ -34,5 +36,29 @@ std::string BuiltProgram(const std::string& name);
 
 // Runs a command through /bin/sh, returning its exit status (or -1) and its output.
 int RunCommand(const std::string& command, std::string* output = nullptr);
+
+// pellucid-server as a child process on a server number of its own (chosen from the
+// test's process id and a counter), with extra arguments; its stderr is discarded. The
+// constructor returns once the boards exist; the destructor stops and reaps it.
+struct ServerProcess {
+  int number;
+  int pid = -1;
+  explicit ServerProcess(const std::vector<std::string>& extra = {});
+  ~ServerProcess();
+  ServerProcess(const ServerProcess&) = delete;
+  ServerProcess& operator=(const ServerProcess&) = delete;
+  void Stop();
+};
+
+// True when a shared memory object of that name ("/PCD_IPC_BB(0007)") exists.
+bool SharedMemoryExists(const std::string& name);
+
+// Collects the core's notices while it lives instead of letting them print.
+struct NoticeRecorder {
+  std::vector<PcdNotice> notices;
+  PcdNoticeHandler previous;
+  NoticeRecorder();
+  ~NoticeRecorder();
+};
 
 }  // namespace quorix_test

@@ -19,8 +19,7 @@ int run_convert(BatchArgs& args) {
 
 }  // namespace
 
-extern const BatchCommand kBatchConvertCommand = {
-    "convert", "write a data set as a DTI, raw volume, MPG or NIfTI file",
+static const std::string kConvertUsage = std::string(
     "Usage: quorix-batch convert INPUT -o OUTPUT [options]\n"
     "\n"
     "Loads INPUT as the desktop program does and writes it again; the ending of OUTPUT\n"
@@ -29,11 +28,10 @@ extern const BatchCommand kBatchConvertCommand = {
     "  .raw            raw volume file with header (every channel)\n"
     "  .mpg            MPG description file (the setting alone)\n"
     "  .nii, .nii.gz   NIfTI-1 image of the DTI channels with <stem>.bval/<stem>.bvec\n"
-    "\n"
-    "Input options:\n"
-    "  --mpg FILE          replace the MPG setting with an MPG description file\n"
-    "  --bval FILE         b values of a NIfTI input (default: <stem>.bval beside it)\n"
-    "  --bvec FILE         directions of a NIfTI input (default: <stem>.bvec beside it)\n"
-    "  --voxel-size MM     voxel size for inputs that carry none; otherwise 1.0 with a\n"
-    "                      warning\n",
+    "\n") +
+    kBatchInputOptionsHelp;
+
+extern const BatchCommand kBatchConvertCommand = {
+    "convert", "write a data set as a DTI, raw volume, MPG or NIfTI file",
+    kConvertUsage.c_str(),
     run_convert};

@@ -28,18 +28,16 @@ int run_info(BatchArgs& args) {
 
 }  // namespace
 
-extern const BatchCommand kBatchInfoCommand = {
-    "info", "print the matrix, channel types and MPG setting of a data set",
+static const std::string kInfoUsage = std::string(
     "Usage: quorix-batch info INPUT [options]\n"
     "\n"
     "Loads INPUT (raw volume file with header, DTI file, or NIfTI image) as the desktop\n"
     "program does and prints its matrix size, voxel size and channel types on standard\n"
     "output, then the MPG setting on standard error.\n"
-    "\n"
-    "Input options:\n"
-    "  --mpg FILE          replace the MPG setting with an MPG description file\n"
-    "  --bval FILE         b values of a NIfTI input (default: <stem>.bval beside it)\n"
-    "  --bvec FILE         directions of a NIfTI input (default: <stem>.bvec beside it)\n"
-    "  --voxel-size MM     voxel size for inputs that carry none; otherwise 1.0 with a\n"
-    "                      warning\n",
+    "\n") +
+    kBatchInputOptionsHelp;
+
+extern const BatchCommand kBatchInfoCommand = {
+    "info", "print the matrix, channel types and MPG setting of a data set",
+    kInfoUsage.c_str(),
     run_info};
