@@ -204,4 +204,65 @@ TEST(DesktopProgram, StartUpFailuresEndQuietlyWithStatusZero) {
   EXPECT_EQ(out, "IPC available (IPC Client initialization succeeded)\n");
 }
 
+// Every command of the main menu stands at its path with its accelerator (plain letters
+// for the palette frame, on purpose).
+TEST(DesktopProgram, MainMenuCommandsCarryTheirAccelerators) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  struct Expected {
+    const char* path;
+    const char* accelerator;
+  };
+  const Expected expected[] = {
+      {"/File/Open work data", "<control>O"},
+      {"/File/Import/DICOM (directory)", "<control>D"},
+      {"/File/Import/DTI file (incl. MPG setting)", "<control>K"},
+      {"/File/Import/PELLUCID file", "<control>L"},
+      {"/File/Import/MPG text file", "<control>M"},
+      {"/File/Import/Study object", ""},
+      {"/File/Import/ROI object", ""},
+      {"/File/Save work data", "<control>S"},
+      {"/File/Export/DTI file (incl. MPG setting)", ""},
+      {"/File/Export/PELLUCID file", ""},
+      {"/File/Export/MPG text file", ""},
+      {"/File/Export/Study object", ""},
+      {"/File/Export/ROI object", ""},
+      {"/File/Quit", "<control>Q"},
+      {"/Setting/MPG/Presets/Single So/GE 6 dir b=1000", ""},
+      {"/Setting/MPG/Presets/Single So/GE 13 dir b=1000", ""},
+      {"/Setting/MPG/Presets/Jones 30 dir", ""},
+      {"/Setting/MPG/Manual set/Total DTI channels", ""},
+      {"/Setting/MPG/Manual set/So (b=0) channels", ""},
+      {"/Setting/MPG/Manual set/uniform b value", ""},
+      {"/Setting/ROI 3D object/Hide", "F11"},
+      {"/Setting/ROI 3D object/Show, Update", "F12"},
+      {"/Setting/ROI 3D object/Auto update/Off", ""},
+      {"/Setting/ROI 3D object/Auto update/On", ""},
+      {"/Special/Start realtime analysis", "<control>R"},
+      {"/Special/Add computational channels", ""},
+      {"/Special/Voxelize visible tracklines as/Grey volume", ""},
+      {"/Special/Voxelize visible tracklines as/Color volume", ""},
+      {"/Special/Voxelize visible tracklines as/Voxelgroup ROI", ""},
+      {"/Special/ROI palette frame/Channel/First", "F"},
+      {"/Special/ROI palette frame/Channel/Last", "L"},
+      {"/Special/ROI palette frame/Channel/Next", "N"},
+      {"/Special/ROI palette frame/Channel/Previous", "B"},
+      {"/Special/ROI palette frame/Upload current channel", "<control>U"},
+      {"/Special/ROI palette frame/Adjust greyscale", "G"},
+      {"/Special/ROI palette frame/Export ROI to editor", ""},
+      {"/Help/About ...", ""},
+  };
+  for (const Expected& e : expected) {
+    const PcdMenuEntry* found = nullptr;
+    for (const PcdMenuEntry& entry : kPcdMainMenu)
+      if (PCD_MenuPathWithoutMnemonics(entry.path) == e.path) found = &entry;
+    ASSERT_NE(found, nullptr) << e.path;
+    guint wantKey = 0, gotKey = 0;
+    GdkModifierType wantMods{}, gotMods{};
+    gtk_accelerator_parse(e.accelerator, &wantKey, &wantMods);
+    if (found->accelerator != nullptr) gtk_accelerator_parse(found->accelerator, &gotKey, &gotMods);
+    EXPECT_EQ(gdk_keyval_to_lower(gotKey), gdk_keyval_to_lower(wantKey)) << e.path;
+    EXPECT_EQ(gotMods, wantMods) << e.path;
+  }
+}
+
 }  // namespace
