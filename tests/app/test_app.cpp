@@ -72,8 +72,19 @@ std::string PageLabel(int page) {
   return gtk_notebook_get_tab_label_text(GTK_NOTEBOOK(pcd_app->notebook), child);
 }
 
+// Lets the X server send its expose events and the toolkit draw them (a closed dialog
+// leaves its picture on the window beneath until then).
+void DrainEvents() {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(400);
+  while (std::chrono::steady_clock::now() < until) {
+    gdk_display_sync(gdk_display_get_default());
+    while (gtk_events_pending()) gtk_main_iteration();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+// The window as it is on screen, into BINARY_DIR/screenshots/name.
 void SaveScreenshot(GtkWidget* widget, const std::string& name) {
-  while (gtk_events_pending()) gtk_main_iteration();
   GdkWindow* w = gtk_widget_get_window(widget);
   if (w == nullptr) return;
   GdkPixbuf* shot = gdk_pixbuf_get_from_window(w, 0, 0, gdk_window_get_width(w), gdk_window_get_height(w));
@@ -89,7 +100,12 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   TempDir dir;
   std::filesystem::create_directory(dir.path() / "saved");
   Server server(WritePhantom(dir), dir.file("saved"));
-  RecordDialogs();
+  // the recognition notice as the user sees it (the responder is called once it is drawn)
+  PCD_SetDialogResponder([](const PcdDialogSeen& seen) {
+    if (seen.text.rfind("Quorix.II recognized", 0) == 0) SaveScreenshot(seen.window, "recognition-notice.png");
+    g_seen.push_back(seen);
+    return PcdDialogAnswer{kPcdDialogCancel, ""};
+  });
   std::string number = std::to_string(server.number);
   char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
 
@@ -126,7 +142,11 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   EXPECT_EQ(PageLabel(0), " Study performer ");
   EXPECT_EQ(PageLabel(1), " ROI editor ");
   EXPECT_EQ(PageLabel(2), " Utility ");
+  RecordDialogs();
+  DrainEvents();
   SaveScreenshot(pcd_app->window, "main-window.png");
+  EXPECT_EQ(gtk_widget_get_allocated_width(pcd_app->window), 320);
+  EXPECT_EQ(gtk_widget_get_allocated_height(pcd_app->window), 712);
 
   // Manual set: 7 total channels with So 1 keeps the single-So default; a cancel changes nothing
   g_seen.clear();
