@@ -96,6 +96,16 @@ GtkWidget* build_utility_page() {
   return frame;
 }
 
+// The theme's tab padding would make the three tabs wider than the 320-pixel window.
+void narrow_tabs(GtkWidget* notebook) {
+  gtk_widget_set_name(notebook, "pcd-main-notebook");
+  GtkCssProvider* css = gtk_css_provider_new();
+  gtk_css_provider_load_from_data(css, "#pcd-main-notebook tab { padding: 3px 4px; }", -1, nullptr);
+  gtk_style_context_add_provider_for_screen(gtk_widget_get_screen(notebook), GTK_STYLE_PROVIDER(css),
+                                            GTK_STYLE_PROVIDER_PRIORITY_APPLICATION);
+  g_object_unref(css);
+}
+
 void append_page(GtkWidget* notebook, GtkWidget* page, const char* label) {
   gtk_notebook_append_page(GTK_NOTEBOOK(notebook), page, gtk_label_new(label));
 }
@@ -107,6 +117,7 @@ bool PCD_BuildMainWindow() {
   app->window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   g_signal_connect(app->window, "destroy", G_CALLBACK(on_window_destroy), nullptr);
   gtk_widget_set_size_request(app->window, kPcdWindowWidth, kPcdWindowHeight);
+  gtk_window_set_default_size(GTK_WINDOW(app->window), kPcdWindowWidth, kPcdWindowHeight);
   gtk_window_set_title(GTK_WINDOW(app->window), kPcdWindowTitle);
 
   app->vbox = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
@@ -125,6 +136,7 @@ bool PCD_BuildMainWindow() {
 
   app->notebook = gtk_notebook_new();
   gtk_notebook_set_tab_pos(GTK_NOTEBOOK(app->notebook), GTK_POS_TOP);
+  narrow_tabs(app->notebook);
   app->studyPage = build_study_page();
   app->roiPage = build_roi_page();
   app->utilityPage = build_utility_page();

@@ -68,6 +68,7 @@ int PCD_InitializeApplication(int argc, char** argv) {
   app->volume = pcd_viewer_receive_volume();
   if (app->volume == nullptr) return Fail();
   std::fputs("OK\n", stdout);
+  std::fflush(stdout);
   WriteMemoFromViewer();
   app->dti = nullptr;
   PCD_CreateDtiData();
