@@ -26,10 +26,8 @@ using quorix_test::TempDir;
 
 using quorix_test::ServerProcess;
 
-int UniqueNumber() {
-  static int next = 0;
-  return 9000 + (getpid() + next++) % 999;
-}
+// A number no server runs on: the slot of this process that ServerProcess leaves free.
+int UniqueNumber() { return getpid() * 8 + 7; }
 
 bool BoardExists(const std::string& name) { return quorix_test::SharedMemoryExists(name); }
 
@@ -107,8 +105,10 @@ TEST(ViewerLink, VolumesChannelsAndSettingsTravelBothWays) {
   // settings: connect, send, see them on the broadcast board
   ASSERT_EQ(PCDipc_SendConnectionRequest(), 0);
   EXPECT_EQ(PCDipc_SendVoxelSize(2.25f), 0);
-  // sent without waiting: a request written at once after it would replace it on RB
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  // sent without waiting: a request written at once after it would replace it on RB, so
+  // the test lets the server take it first
+  for (int i = 0; i < 400 && (PCDipc_GetBroadcastedInfo(&b) != 0 || b.pair.x != 2.25f); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   const PcdVector3D origin{1.9f, 2.0f, 3.5f}, size{4.0f, 5.0f, 6.7f};
   EXPECT_EQ(PCDipc_SendRegion(&origin, &size), 0);
   const PcdIntVector3D position{7, 8, 9};

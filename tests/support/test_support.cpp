@@ -85,7 +85,8 @@ bool SharedMemoryExists(const std::string& name) {
 
 ServerProcess::ServerProcess(const std::vector<std::string>& extra) {
   static int next = 0;
-  number = 1000 + (getpid() * 7 + next++) % 8000;
+  // process ids are unique among live processes: no two running tests share a number
+  number = getpid() * 8 + next++ % 7;
   std::vector<std::string> args = {BuiltProgram("pellucid-server"), "--number", std::to_string(number)};
   args.insert(args.end(), extra.begin(), extra.end());
   std::vector<char*> argv;

@@ -321,7 +321,7 @@ bool ParseOptions(int argc, char** argv, Options* o) {
     else if (a == "--accept-pause") o->acceptPauseMs = std::atoi(v);
     else return false;
   }
-  return o->number >= 0 && o->number <= 9999 && o->acceptPauseMs >= 0;
+  return o->number >= 0 && o->number <= 99999999 && o->acceptPauseMs >= 0;
 }
 
 }  // namespace
@@ -331,7 +331,7 @@ int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, &server.options)) {
     std::fputs("Usage: pellucid-server [--number N] [--volume FILE] [--voxel-size MM] [--save-dir DIR]\n"
                "                       [--accept-pause MS]\n"
-               "Serves the Quorix.II viewer link on the shared memory boards of number N (0..9999).\n",
+               "Serves the Quorix.II viewer link on the shared memory boards of number N (0..99999999).\n",
                stderr);
     return 2;
   }
