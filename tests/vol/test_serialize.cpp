@@ -1,10 +1,9 @@
-// Serialized volumes, channels and object groups, and the list records.
+// Serialized volumes, channels and object groups.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <vector>
 
-#include "vol/list.h"
 #include "vol/serialize.h"
 
 namespace {
@@ -164,26 +163,6 @@ TEST(SerializedObjectGroup, CountsCodesColoursAndPayloadsInOrder) {
   EXPECT_EQ(PCD_GetFloat32LE(&n[28 + 28]), 0.25f);
   nested->objects[0].nested->objects[0].payload.resize(3);  // wrong payload size
   EXPECT_EQ(PCD_SerializeObjectGroup(nested.get(), n.data()), -1);
-}
-
-TEST(List, AppendsRemovesAndCounts) {
-  PcdList* list = PCD_NewList();
-  int a = 1, b = 2, c = 3;
-  for (int* item : {&a, &b, &c}) ASSERT_NE(PCD_NewNodeAddedToList(list, item), nullptr);
-  EXPECT_EQ(list->count, 3);
-  EXPECT_EQ(PCD_GetItemOfList(list, 2), &c);
-  EXPECT_EQ(PCD_GetItemOfList(list, 3), nullptr);
-  EXPECT_EQ(PCD_RemoveItemFromList(list, &c), 0);  // the tail
-  EXPECT_EQ(PCD_RemoveItemFromList(list, &c), -1);
-  ASSERT_NE(PCD_NewNodeAddedToList(list, &c), nullptr);  // appended after the new tail
-  EXPECT_EQ(PCD_GetItemOfList(list, 2), &c);
-  EXPECT_EQ(PCD_RemoveItemFromList(list, &a), 0);  // the head
-  EXPECT_EQ(PCD_GetItemOfList(list, 0), &b);
-  EXPECT_EQ(list->count, 2);
-  PCD_DeleteList(list);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(PCD_NewNodeAddedToList(nullptr, &a), nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Err: PCD_NewNodeAddedToList\n");
 }
 
 }  // namespace
