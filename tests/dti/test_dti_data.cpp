@@ -1,6 +1,7 @@
 // The DTI record: creation warnings, the three settings, the dump and the serialized form.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -40,6 +41,16 @@ std::string Dump(const PcdDtiData* dti) {
 }
 
 const std::string kRule = "---------------------------------------------------\n";
+
+// Little-endian bytes appended by hand, independent of the library's helpers.
+void PushBits(std::vector<uint8_t>& out, uint32_t bits) {
+  for (int k = 0; k < 4; ++k) out.push_back(static_cast<uint8_t>(bits >> (8 * k)));
+}
+void PushFloat(std::vector<uint8_t>& out, float f) {
+  uint32_t bits;
+  std::memcpy(&bits, &f, 4);
+  PushBits(out, bits);
+}
 
 TEST(DtiRecord, CreationWarnsButAlwaysCreates) {
   Data seven(7, 7);
@@ -111,10 +122,15 @@ TEST(DtiRecord, DumpToTheLetter) {
   const std::string head = kRule + "  MPG setting seems to be ready for analysis\n" + kRule +
                 " Total channels: 8\n DTI channels: 7\n b=0 channels: 1\n b>0 channels: 6\n" +
                 kRule;
-  EXPECT_EQ(dump.substr(0, head.size()), head);
-  EXPECT_NE(dump.find("   1   b=0.0, g=(0.000, 0.000, 0.000)\n"), std::string::npos);
-  EXPECT_NE(dump.find("   2   b=1000.0, g=(0.707, 0.000, 0.707)\n"), std::string::npos);
-  EXPECT_NE(dump.find("   7   b=1000.0, g=(-0.707, 0.707, 0.000)\n" + kRule), std::string::npos);
+  const std::string body =
+      "   1   b=0.0, g=(0.000, 0.000, 0.000)\n"
+      "   2   b=1000.0, g=(0.707, 0.000, 0.707)\n"
+      "   3   b=1000.0, g=(-0.707, 0.000, 0.707)\n"
+      "   4   b=1000.0, g=(0.000, 0.707, 0.707)\n"
+      "   5   b=1000.0, g=(0.000, 0.707, -0.707)\n"
+      "   6   b=1000.0, g=(0.707, 0.707, 0.000)\n"
+      "   7   b=1000.0, g=(-0.707, 0.707, 0.000)\n";
+  EXPECT_EQ(dump, head + body + kRule);
   EXPECT_EQ(std::count(dump.begin(), dump.end(), '\n'), 7 + 9);
 }
 
@@ -134,6 +150,18 @@ TEST(DtiRecord, SerializedFormRoundTripsAndItsLayoutIsFixed) {
   EXPECT_EQ(PCD_GetFloat32LE(&b[v + 8 + 28 + 12]), 0.707f);  // channel 1, x
   EXPECT_EQ(PCD_GetFloat32LE(&b[v + 8 + 16 * 7]), 2.5f);
   EXPECT_EQ(PCD_GetInt32LE(&b[v + 12 + 16 * 7]), 1);
+
+  // the whole tail, byte for byte: counts, b values, then directions, scalar, flag
+  std::vector<uint8_t> expected(v);
+  ASSERT_EQ(PCD_SerializeRawVolumeData(d.volume, expected.data()), 0);
+  PushBits(expected, 7);
+  PushBits(expected, 1);
+  for (int i = 0; i < 7; ++i) PushFloat(expected, i == 0 ? 0.0f : 1000.0f);
+  for (int i = 0; i < 7; ++i)
+    for (int c = 0; c < 3; ++c) PushFloat(expected, i == 0 ? 0.0f : gradient_vectors[0][i - 1][c]);
+  PushFloat(expected, 2.5f);
+  PushBits(expected, 1);
+  EXPECT_EQ(b, expected);
 
   for (bool checked : {false, true}) {
     PcdDtiData back{};
