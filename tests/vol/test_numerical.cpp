@@ -123,6 +123,38 @@ TEST(PseudoInverse, SolvesSquareOverDeterminedAndRankDeficientSystems) {
   for (PcdVector* v : {y, rhs, zy}) PCD_DeleteVector(v);
 }
 
+TEST(PseudoInverse, ARepeatedEquationLeavesTheSolutionUnchanged) {
+  // six equations of the tensor-fit shape, then the third one again
+  const float rows[7][6] = {{1, 0, 0, 2, 0, 0}, {0, 1, 0, 0, 0, 1}, {0, 0, 1, 0, 1, 0},
+                            {1, 1, 0, 1, 0, 0}, {0, 1, 1, 0, 0, 2}, {1, 0, 1, 0, 1, 1},
+                            {0, 0, 1, 0, 1, 0}};
+  const float solution[6] = {0.5f, -1, 2, 0.25f, 3, -0.75f};
+  PcdMatrix* square = PCD_NewMatrix(6, 6);
+  PcdMatrix* tall = PCD_NewMatrix(7, 6);
+  PcdVector* y6 = PCD_NewVector(6);
+  PcdVector* y7 = PCD_NewVector(7);
+  for (int i = 0; i < 7; ++i) {
+    double sum = 0;
+    for (int j = 0; j < 6; ++j) {
+      tall->m[i][j] = rows[i][j];
+      if (i < 6) square->m[i][j] = rows[i][j];
+      sum += static_cast<double>(rows[i][j]) * solution[j];
+    }
+    y7->data[i] = static_cast<float>(sum);
+    if (i < 6) y6->data[i] = static_cast<float>(sum);
+  }
+  PcdVector* x6 = PCDnumerical_SolveLinearEquations(square, y6);
+  PcdVector* x7 = PCDnumerical_SolveLinearEquations(tall, y7);
+  ASSERT_NE(x6, nullptr);
+  ASSERT_NE(x7, nullptr);
+  for (int j = 0; j < 6; ++j) {
+    EXPECT_NEAR(x6->data[j], solution[j], 1e-5);
+    EXPECT_NEAR(x7->data[j], solution[j], 1e-5);
+  }
+  for (PcdMatrix* m : {square, tall}) PCD_DeleteMatrix(m);
+  for (PcdVector* v : {y6, y7, x6, x7}) PCD_DeleteVector(v);
+}
+
 TEST(SvdDecomposition, ReproducesTheMatrix) {
   const float values[5][4] = {{2, -1, 0, 3}, {1, 4, 2, 0}, {0, 1, -3, 1}, {5, 0, 1, 1}, {1, 1, 1, 1}};
   std::vector<std::vector<float>> a(6, std::vector<float>(5)), v(5, std::vector<float>(5));
