@@ -1,0 +1,74 @@
+// NIfTI gradient directions follow FSL: image axes, x flipped for a positive determinant.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "io/nifti_file.h"
+#include "support/test_support.h"
+
+namespace {
+
+using quorix_test::ReadFileText;
+using quorix_test::TempDir;
+using quorix_test::WriteFileText;
+
+// Writes a 7-volume DWI image with the given geometry, then hand-written gradient files.
+PcdDtiData* ReadWithHandBvec(const TempDir& dir, const PcdWorldGeometry& geometry,
+                             std::string* writtenBvec) {
+  const PcdIntSize4D size{2, 2, 2, 7};
+  std::vector<int32_t> types(7, SINT16), formats(7, PCD_MONOCHROME);
+  PcdRawVolumeData* v = PCD_NewRawVolumeData(&size, types.data(), formats.data());
+  testing::internal::CaptureStderr();
+  PcdDtiData* dti = PCDdti_NewDiffusionTensorImageData(v, 7);
+  const float b[7] = {0, 1000, 1000, 1000, 1000, 1000, 1000};
+  const PcdVector3D g[7] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1},
+                            {0.6f, 0.8f, 0}, {0, 0.6f, 0.8f}, {0.8f, 0, 0.6f}};
+  PCDdti_SetPropertiesOfDiffusionTensorImageData(dti, 7, 1, b, g);
+  const std::string path = dir.file("dwi.nii");
+  EXPECT_EQ(WriteNiftiDwiFile(dti, &geometry, path.c_str()), 0);
+  std::free(dti);
+  PCD_DeleteRawVolumeData(v);
+  *writtenBvec = ReadFileText(dir.file("dwi.bvec"));
+
+  WriteFileText(dir.file("dwi.bval"), "0 1000 1000 1000 1000 1000 1000\n");
+  WriteFileText(dir.file("dwi.bvec"),
+                "0 1 0 0 0.6 0 0.8\n0 0 1 0 0.8 0.6 0\n0 0 0 1 0 0.8 0.6\n");
+  PcdWorldGeometry read{};
+  std::string info;
+  PcdDtiData* back = ReadNiftiDwiFile(path.c_str(), nullptr, nullptr, &read, &info);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(PCD_BvecFlipsX(&read), PCD_BvecFlipsX(&geometry));
+  return back;
+}
+
+TEST(NiftiDirections, XFlipsOnlyForAPositiveDeterminant) {
+  for (const float xStep : {2.0f, -2.0f}) {
+    SCOPED_TRACE(xStep);
+    TempDir dir;
+    PcdWorldGeometry geometry{};
+    PCD_SetDefaultWorldGeometry(&geometry, 2.0f);
+    geometry.voxelToWorld[0][0] = xStep;
+    const bool flips = xStep > 0;
+    EXPECT_EQ(PCD_WorldGeometryDeterminant(&geometry) > 0, flips);
+    EXPECT_EQ(PCD_BvecFlipsX(&geometry), flips);
+    std::string written;
+    PcdDtiData* back = ReadWithHandBvec(dir, geometry, &written);
+    ASSERT_NE(back, nullptr);
+    const float sign = flips ? -1.0f : 1.0f;
+    EXPECT_FLOAT_EQ(back->mpgVectors[1].x, sign);
+    EXPECT_FLOAT_EQ(back->mpgVectors[2].y, 1.0f);
+    EXPECT_FLOAT_EQ(back->mpgVectors[4].x, 0.6f * sign);
+    EXPECT_FLOAT_EQ(back->mpgVectors[4].y, 0.8f);
+    EXPECT_FLOAT_EQ(back->mpgVectors[6].z, 0.6f);
+    EXPECT_FLOAT_EQ(back->bValues[3], 1000.0f);
+    // the writer applies the same rule: direction (1, 0, 0) leaves as x = -1 when flipped
+    const std::string xRow = written.substr(0, written.find('\n'));
+    EXPECT_EQ(xRow.find('-') != std::string::npos, flips) << xRow;
+    PCD_DeleteRawVolumeData(back->volume);
+    std::free(back);
+  }
+}
+
+}  // namespace
