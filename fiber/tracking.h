@@ -87,3 +87,7 @@ void* check_completion_for_fiber_tracking(void* works);
 PcdTrakLineBuffer* do_fiber_tracking(const PcdDtiData* dti, const PcdFibeTrakContext* context,
                                      PcdDiffusionTensorData* tensor, PcdTrakLineBuffer* work,
                                      float dx, float dy, float dz);
+
+// Seed k of voxel (x, y, z) for seeding K per voxel: per axis frac(0.5 + k * alpha) of a
+// low-discrepancy sequence, so k = 0 is the voxel's centre and any K spreads evenly.
+PcdVector3D PCDdti_SeedInVoxel(int x, int y, int z, int k);

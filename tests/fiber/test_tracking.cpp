@@ -328,4 +328,18 @@ TEST(FiberTracking, NotReadyDataSetIsRefused) {
   EXPECT_EQ(run.said, "DTI data NOT ready\n");
 }
 
+TEST(FiberTracking, SeedsOfAVoxelStartAtItsCentreAndStayInsideIt) {
+  const PcdVector3D centre = PCDdti_SeedInVoxel(3, 4, 5, 0);
+  EXPECT_EQ(centre.x, 3.5f);
+  EXPECT_EQ(centre.y, 4.5f);
+  EXPECT_EQ(centre.z, 5.5f);
+  std::vector<PcdVector3D> seen;
+  for (int k = 0; k < 50; ++k) {
+    const PcdVector3D s = PCDdti_SeedInVoxel(3, 4, 5, k);
+    EXPECT_TRUE(s.x >= 3 && s.x < 4 && s.y >= 4 && s.y < 5 && s.z >= 5 && s.z < 6) << k;
+    for (const PcdVector3D& t : seen) EXPECT_FALSE(t.x == s.x && t.y == s.y && t.z == s.z) << k;
+    seen.push_back(s);
+  }
+}
+
 }  // namespace

@@ -1,5 +1,4 @@
 // quorix-batch track: deterministic fiber tracking from a seed mask or box.
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -14,16 +13,6 @@
 #include "tools/batch/batch_input.h"
 
 namespace {
-
-// Fractional parts of a low-discrepancy sequence in the unit cube: seed k of a voxel sits
-// at frac(0.5 + k * alpha) per axis, so K = 1 gives the centre and any K spreads evenly.
-PcdVector3D SeedInVoxel(int x, int y, int z, int k) {
-  constexpr double kAlpha[3] = {0.8191725133961645, 0.6710436067037893, 0.5497004779019703};
-  auto frac = [](double v) { return v - std::floor(v); };
-  return {static_cast<float>(x + frac(0.5 + k * kAlpha[0])),
-          static_cast<float>(y + frac(0.5 + k * kAlpha[1])),
-          static_cast<float>(z + frac(0.5 + k * kAlpha[2]))};
-}
 
 bool ElementIsNonZero(const PcdRawVolumeData* v, size_t at) {
   static const uint8_t zero[8] = {};
@@ -113,7 +102,7 @@ int run_track(BatchArgs& args) {
   std::vector<PcdVector3D> seeds;
   seeds.reserve(voxels.size() * static_cast<size_t>(k));
   for (const PcdIntVector3D& v : voxels)
-    for (int64_t i = 0; i < k; ++i) seeds.push_back(SeedInVoxel(v.x, v.y, v.z, static_cast<int>(i)));
+    for (int64_t i = 0; i < k; ++i) seeds.push_back(PCDdti_SeedInVoxel(v.x, v.y, v.z, static_cast<int>(i)));
 
   PcdFibeTrakContext context;
   PcdDiffusionTensorLimits& l = context.limits;
