@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,64 @@ TEST(NiftiDirections, XFlipsOnlyForAPositiveDeterminant) {
     EXPECT_EQ(xRow.find('-') != std::string::npos, flips) << xRow;
     PCD_DeleteRawVolumeData(back->volume);
     std::free(back);
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// Header fields patched to lie about the image: each is refused with an "Err: " line and
+// leaves the caller's geometry and information as they were.
+TEST(NiftiHeader, LyingSizesAreRefusedAndLeaveTheCallersStateAlone) {
+  TempDir dir;
+  PcdWorldGeometry geometry{};
+  PCD_SetDefaultWorldGeometry(&geometry, 1.5f);
+  std::string written;
+  PcdDtiData* good = ReadWithHandBvec(dir, geometry, &written);
+  ASSERT_NE(good, nullptr);
+  PCD_DeleteRawVolumeData(good->volume);
+  std::free(good);
+  const std::vector<uint8_t> original = quorix_test::ReadFileBytes(dir.file("dwi.nii"));
+  ASSERT_GE(original.size(), 352u);
+
+  auto put16 = [](std::vector<uint8_t>& b, size_t at, int16_t v) {
+    b[at] = static_cast<uint8_t>(v & 0xFF);
+    b[at + 1] = static_cast<uint8_t>((v >> 8) & 0xFF);
+  };
+  struct Lie {
+    const char* name;
+    size_t offset;  // of an int16 dim[] field
+    int16_t value;
+  };
+  const Lie lies[] = {{"negative x", 42, -3},      {"30000 volumes", 48, 30000},
+                      {"huge x", 42, 32767},       {"2000 volumes", 48, 2000},
+                      {"dim0 of 9", 40, 9},  {"bad data type", 70, 1536}};
+  for (const Lie& lie : lies) {
+    SCOPED_TRACE(lie.name);
+    std::vector<uint8_t> bytes = original;
+    put16(bytes, lie.offset, lie.value);
+    quorix_test::WriteFileBytes(dir.file("lie.nii"), bytes);
+    WriteFileText(dir.file("lie.bval"), "0 1000 1000 1000 1000 1000 1000\n");
+    WriteFileText(dir.file("lie.bvec"), "0 1 0 0 0 0 0\n0 0 1 0 0 0 0\n0 0 0 1 1 1 1\n");
+    PcdWorldGeometry kept{};
+    PCD_SetDefaultWorldGeometry(&kept, 3.0f);
+    const PcdWorldGeometry before = kept;
+    std::string info = "previous";
+    testing::internal::CaptureStderr();
+    PcdDtiData* dti = ReadNiftiDwiFile(dir.file("lie.nii").c_str(), nullptr, nullptr, &kept, &info);
+    EXPECT_EQ(dti, nullptr);
+    if (dti != nullptr) {
+      PCD_DeleteRawVolumeData(dti->volume);
+      std::free(dti);
+    }
+    PcdRawVolumeData* v = ReadNiftiVolumeFile(dir.file("lie.nii").c_str(), &kept, &info);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(v, nullptr);
+    if (v != nullptr) PCD_DeleteRawVolumeData(v);
+    EXPECT_NE(said.find("Err: "), std::string::npos) << said;
+    EXPECT_EQ(std::memcmp(&kept, &before, sizeof kept), 0);
+    EXPECT_EQ(info, "previous");
   }
 }
 
