@@ -166,6 +166,31 @@ TEST(MpgFile, CountsAreCheckedAndRotatedAxesApplied) {
   EXPECT_EQ(e.dti->isReady, 1);
 }
 
+// Counts beyond the volume or the record, negative counts and a lying earlier-layout
+// count are refused with the setting untouched; no read goes past the lines present.
+TEST(MpgFile, LyingCountsLeaveTheSettingUntouched) {
+  TempDir dir;
+  const std::string magic = "#Quorix-II MPG description file (not used in earlier Quorix)\n";
+  DataSet d(8, 8);
+  PCDdti_SetPropertiesOfDiffusionTensorImageDataAsMultiSoDefault(d.dti, 8, 2);
+  std::vector<float> b(d.dti->bValues, d.dti->bValues + 8);
+  std::vector<PcdVector3D> g(d.dti->mpgVectors, d.dti->mpgVectors + 8);
+  for (const std::string& text :
+       {magic + "1 0 0\n0 1 0\n100000\n1\n0 0 0 0\n", magic + "1 0 0\n0 1 0\n8\n-3\n",
+        magic + "1 0 0\n0 1 0\n2147483647\n-2147483648\n", magic + "1 0 0\n",
+        std::string("2000000000\n800\n1 0 0\n"), std::string("-7\n")}) {
+    SCOPED_TRACE(text);
+    WriteFileText(dir.file("lie.mpg"), text);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ReadMpgDescriptionFile(dir.file("lie.mpg").c_str(), d.dti), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error: Invalid MPG axes.  Setting unchanged.\n");
+    EXPECT_EQ(d.dti->isReady, 1);
+    EXPECT_EQ(d.dti->soCount, 2);
+    EXPECT_EQ(std::memcmp(d.dti->bValues, b.data(), 8 * sizeof(float)), 0);
+    EXPECT_EQ(std::memcmp(d.dti->mpgVectors, g.data(), 8 * sizeof(PcdVector3D)), 0);
+  }
+}
+
 TEST(Nifti, DwiRoundTripKeepsVoxelsBValuesAndDirections) {
   TempDir dir;
   DataSet d(9, 9);
