@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr int kResponderChoseFile = 1001;  // private response: the responder named a file
+
 PcdDialogResponder g_responder;
 GtkWidget* g_parent = nullptr;
 bool g_notices_connected = false;
@@ -27,11 +29,13 @@ struct DialogRun {
   GtkEntry* entry = nullptr;  // the value dialog's entry, filled from the answer
   PcdDialogAnswer answer{};
   bool answered = false;
-  guint fallback = 0;
+  guint fallback = 0;  // answers a dialog that is never drawn
+  guint idle = 0;      // the pending answer after the first draw
 };
 
 gboolean answer_now(gpointer user) {
   auto* run = static_cast<DialogRun*>(user);
+  run->idle = 0;
   if (run->answered) return G_SOURCE_REMOVE;
   run->answered = true;
   if (run->fallback) {
@@ -42,16 +46,17 @@ gboolean answer_now(gpointer user) {
   if (run->entry && run->answer.code == kPcdValueOk) {
     gtk_entry_set_text(run->entry, run->answer.text.c_str());
   }
-  if (GTK_IS_FILE_CHOOSER(run->dialog) && !run->answer.text.empty()) {
-    gtk_file_chooser_set_filename(GTK_FILE_CHOOSER(run->dialog), run->answer.text.c_str());
-  }
-  gtk_dialog_response(run->dialog, run->answer.code);
+  int code = run->answer.code;
+  // The chooser checks an accepted name on its own and may hold the answer back while it
+  // loads a folder; a name given by the responder is taken as typed instead.
+  if (GTK_IS_FILE_CHOOSER(run->dialog) && code == kPcdFileChosen) code = kResponderChoseFile;
+  gtk_dialog_response(run->dialog, code);
   return G_SOURCE_REMOVE;
 }
 
 gboolean on_first_draw(GtkWidget*, cairo_t*, gpointer user) {
   auto* run = static_cast<DialogRun*>(user);
-  if (!run->answered) g_idle_add_full(G_PRIORITY_LOW, answer_now, run, nullptr);
+  if (!run->answered && run->idle == 0) run->idle = g_idle_add_full(G_PRIORITY_LOW, answer_now, run, nullptr);
   return FALSE;
 }
 
@@ -75,7 +80,9 @@ int run_dialog(DialogRun* run) {
   }
   gtk_widget_show_all(window);
   int response = gtk_dialog_run(run->dialog);
+  // nothing may reach this run once it has returned
   if (run->fallback) g_source_remove(run->fallback);
+  if (run->idle) g_source_remove(run->idle);
   if (handler && GTK_IS_WIDGET(window)) g_signal_handler_disconnect(window, handler);
   // a run that ended some other way must not be answered later
   run->answered = true;
@@ -165,7 +172,7 @@ bool PCD_ChooseFile(PcdDialogKind kind, const char* title, const char* defaultNa
   if (kind == PcdDialogKind::SelectFolder) action = GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER;
   GtkWidget* dialog = gtk_file_chooser_dialog_new(
       title, nullptr, action, "_Cancel", GTK_RESPONSE_CANCEL,
-      kind == PcdDialogKind::SaveFile ? "_Save" : "_Open", GTK_RESPONSE_ACCEPT, nullptr);
+      kind == PcdDialogKind::SaveFile ? "_Save" : "_Open", kPcdFileChosen, nullptr);
   gtk_window_set_default_size(GTK_WINDOW(dialog), 640, 480);
   if (kind == PcdDialogKind::SaveFile && defaultName && *defaultName) {
     gtk_file_chooser_set_current_name(GTK_FILE_CHOOSER(dialog), defaultName);
@@ -174,13 +181,11 @@ bool PCD_ChooseFile(PcdDialogKind kind, const char* title, const char* defaultNa
                                      480, dialog}};
   int response = run_dialog(&run);
   bool chosen = false;
-  if (response == GTK_RESPONSE_ACCEPT) {
-    // An answer given by a responder is taken as typed; the chooser may still be loading
-    // the folder it was pointed at.
-    if (!run.answer.text.empty()) {
-      *path = run.answer.text;
-      chosen = true;
-    } else if (char* name = gtk_file_chooser_get_filename(GTK_FILE_CHOOSER(dialog))) {
+  if (response == kResponderChoseFile && !run.answer.text.empty()) {
+    *path = run.answer.text;
+    chosen = true;
+  } else if (response == kPcdFileChosen) {
+    if (char* name = gtk_file_chooser_get_filename(GTK_FILE_CHOOSER(dialog))) {
       *path = name;
       g_free(name);
       chosen = true;

@@ -15,6 +15,7 @@
 constexpr int kPcdConfirmYes = 661;  // the confirming answer of a yes/no dialog
 constexpr int kPcdValueOk = 789;     // the confirming answer of a value dialog
 constexpr int kPcdDialogCancel = 0;  // every other answer
+constexpr int kPcdFileChosen = GTK_RESPONSE_ACCEPT;  // the file chooser's confirming answer
 
 constexpr char kPcdNoticeTitle[] = "Important Notice";
 constexpr char kPcdWarningTitle[] = "Warning";
@@ -34,7 +35,7 @@ struct PcdDialogSeen {
 };
 
 // The responder's answer: the code the dialog returns (kPcdConfirmYes, kPcdValueOk,
-// kPcdDialogCancel, or 1 for a chosen file) and the text typed into its entry or the
+// kPcdDialogCancel, or kPcdFileChosen) and the text typed into its entry or the
 // file chosen.
 struct PcdDialogAnswer {
   int code = kPcdDialogCancel;

@@ -92,12 +92,17 @@ void TakeVolume(PcdRawVolumeData* read) {
 
 void PCD_LoadVolume(int importKind, const char* fileName) {
   PcdAppState* app = pcd_app;
+  if (importKind != PCD_IMPORT_DTI_FILE && importKind != PCD_IMPORT_RAW_VOLUME) {
+    // no DICOM reader yet: say so before anything is asked or discarded
+    PCD_ShowNotice(kPcdNoticeTitle, kPcdNotImplemented);
+    return;
+  }
   if (PCD_MpgReady() &&
       PCD_AskConfirmation(kPcdNoticeTitle, "Discard current session data?", 240, 100) != kPcdConfirmYes)
     return;
   std::string path = fileName ? fileName : "";
   if (path.empty() && !PCD_ChooseFile(PcdDialogKind::OpenFile, "Open", nullptr, &path)) return;
-  if (importKind == 2) {  // DTI file
+  if (importKind == PCD_IMPORT_DTI_FILE) {
     std::string info;
     PcdDtiData* read = ReadDtiFile(path.c_str(), &info);
     if (read == nullptr) return;  // refused: the current data set stays
@@ -107,15 +112,12 @@ void PCD_LoadVolume(int importKind, const char* fileName) {
     app->volume = read->volume;
     app->memo = info;
     PCDdti_DumpMPGvectorSetting(app->dti);
-  } else if (importKind == 3) {  // raw volume file
+  } else {
     std::string info;
     PcdRawVolumeData* read = ReadRawVolumeFile(path.c_str(), &info);
     if (read == nullptr) return;
     app->memo = info;
     TakeVolume(read);
-  } else {
-    PCD_ShowNotice(kPcdNoticeTitle, kPcdNotImplemented);
-    return;
   }
   std::fputs("ROI cleaned in PELLUCID.\n", stdout);
   PCD_CleanUpObjects();

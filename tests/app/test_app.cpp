@@ -31,6 +31,9 @@ namespace {
 
 using quorix_test::TempDir;
 
+// The file chooser keeps its settings; without a session bus they stay in memory.
+const bool kSettingsInMemory = setenv("GSETTINGS_BACKEND", "memory", 1) == 0;
+
 // The viewer server with a volume, saving what it receives.
 struct Server : quorix_test::ServerProcess {
   Server(const std::string& volume, const std::string& saveDir)
@@ -204,6 +207,115 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   const std::string bye = testing::internal::GetCapturedStdout();
   EXPECT_EQ(bye, "Requesting removal of Object 1\nClean-up old objects OK\n");
   EXPECT_EQ(pcd_app, nullptr);
+  PCD_SetDialogResponder(nullptr);
+}
+
+// Everything through the real dialogs: exports, loads of the exported files, refusals
+// and cancels that keep the data set, and the MPG setting round trip.
+TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  TempDir dir;
+  Server server(WritePhantom(dir), dir.path().string());
+  RecordDialogs();
+  std::string number = std::to_string(server.number);
+  char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(PCD_InitializeApplication(2, argv), 1);
+  testing::internal::GetCapturedStdout();
+  testing::internal::GetCapturedStderr();
+  const auto chosen = [](const std::string& path) { return PcdDialogAnswer{kPcdFileChosen, path}; };
+
+  // exports, each through the file chooser with its default name
+  g_seen.clear();
+  g_answers = {chosen(dir.file("x.dti")), chosen(dir.file("mpg.txt")), chosen(dir.file("vol.raw"))};
+  cmd_export_dti(nullptr, 0, nullptr);
+  cmd_export_mpg(nullptr, 0, nullptr);
+  EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel)), "MPG vector data exported.");
+  cmd_export_volume(nullptr, 0, nullptr);
+  ASSERT_EQ(g_seen.size(), 3u);
+  EXPECT_EQ(g_seen[1].initialText, "mpg.txt");
+  EXPECT_EQ(g_seen[2].initialText, "exported.raw");
+  for (const char* name : {"x.dti", "mpg.txt", "vol.raw"}) EXPECT_TRUE(std::filesystem::exists(dir.file(name))) << name;
+
+  // DICOM has no reader yet: said at once, nothing asked, nothing lost
+  PcdRawVolumeData* const volume = pcd_app->volume;
+  PcdDtiData* const dti = pcd_app->dti;
+  g_seen.clear();
+  PCD_LoadVolume(PCD_IMPORT_DICOM, nullptr);
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].text, "Not implemented yet.");
+  // a cancelled chooser after the confirmation, and a refused DTI file, keep the data set
+  g_answers = {{kPcdConfirmYes, ""}};
+  PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, nullptr);
+  quorix_test::WriteFileText(dir.file("bad.dti"), "PCD-DTI? no, nothing of the kind");
+  g_answers = {{kPcdConfirmYes, ""}};
+  PCD_LoadVolume(PCD_IMPORT_DTI_FILE, dir.file("bad.dti").c_str());
+  EXPECT_EQ(g_seen.back().title, "Warning");
+  EXPECT_EQ(g_seen.back().text, "This is NOT a DTI file.");
+  EXPECT_EQ(pcd_app->volume, volume);
+  EXPECT_EQ(pcd_app->dti, dti);
+
+  // the exported raw volume comes back; it carries no voxel size, so it is asked for
+  g_seen.clear();
+  g_answers = {{kPcdConfirmYes, ""}, chosen(dir.file("vol.raw")), {kPcdValueOk, "2.5"}};
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, nullptr);
+  testing::internal::GetCapturedStderr();
+  const std::string loaded = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(loaded,
+            "Volume data OK. Replacing.\nVoxel size is specified as 2.500000 mm.\n"
+            "ROI cleaned in PELLUCID.\nClean-up old objects OK\nTransfering to PELLUCID... done\n")
+      << loaded;
+  ASSERT_EQ(g_seen.size(), 4u);
+  EXPECT_EQ(g_seen[2].text, "voxel size(mm)");
+  EXPECT_EQ(g_seen[2].initialText, "1.0");
+  EXPECT_EQ(g_seen[3].text.rfind("Quorix.II recognized", 0), 0u);
+  EXPECT_EQ(pcd_app->dti->reserved, 2.5f);
+  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 7);
+  EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel)), " initialized.");
+
+  // uniform b: every DWI channel, the So channel untouched; then the MPG file brings 1000 back
+  g_answers = {{kPcdValueOk, "800"}};
+  testing::internal::CaptureStderr();
+  cmd_manual_set(nullptr, PCD_MANUAL_UNIFORM_B, nullptr);
+  const std::string dump = testing::internal::GetCapturedStderr();
+  EXPECT_NE(dump.find("   7   b=800.0, g="), std::string::npos) << dump;
+  EXPECT_EQ(g_seen.back().initialText, "1000.00");
+  EXPECT_EQ(pcd_app->dti->bValues[0], 0.0f);
+  EXPECT_EQ(pcd_app->dti->bValues[6], 800.0f);
+  g_answers = {chosen(dir.file("mpg.txt"))};
+  testing::internal::CaptureStderr();
+  cmd_import_mpg(nullptr, 0, nullptr);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(pcd_app->dti->bValues[6], 1000.0f);
+  EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel)), "MPG vector data imported.");
+
+  // the DTI file brings its own setting and description
+  g_answers = {{kPcdConfirmYes, ""}};
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  PCD_LoadVolume(PCD_IMPORT_DTI_FILE, dir.file("x.dti").c_str());
+  testing::internal::GetCapturedStderr();
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(pcd_app->memo.rfind("Data Source: DTI file\n", 0), 0u) << pcd_app->memo;
+  EXPECT_EQ(pcd_app->dti->volume, pcd_app->volume);
+  EXPECT_EQ(pcd_app->dti->isReady, 1);
+
+  // four DWIs cannot be fitted: the setting is no longer ready and quit asks nothing
+  g_answers = {{kPcdValueOk, "5"}};
+  testing::internal::CaptureStderr();
+  cmd_manual_set(nullptr, PCD_MANUAL_TOTAL_CHANNELS, nullptr);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(pcd_app->dti->isReady, 0);
+  g_seen.clear();
+  cmd_quit(nullptr, 0, nullptr);
+  EXPECT_TRUE(g_seen.empty());
+
+  testing::internal::CaptureStdout();
+  PCD_CleanUpApplication();
+  testing::internal::GetCapturedStdout();
   PCD_SetDialogResponder(nullptr);
 }
 
