@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,7 +15,6 @@
 #include <stdexcept>
 #include <thread>
 
-extern char** environ;
 
 namespace quorix_test {
 
@@ -87,17 +86,30 @@ ServerProcess::ServerProcess(const std::vector<std::string>& extra) {
   static int next = 0;
   // process ids are unique among live processes: no two running tests share a number
   number = getpid() * 8 + next++ % 7;
+  // boards of this number can only be left over from a killed process that had our pid:
+  // remove them, so that waiting for the new server's boards does not find the old ones
+  for (const char* base : {"BB", "MB", "RB", "DB"}) {
+    char name[40];
+    std::snprintf(name, sizeof name, "/PCD_IPC_%s(%04d)", base, number);
+    shm_unlink(name);
+  }
   std::vector<std::string> args = {BuiltProgram("pellucid-server"), "--number", std::to_string(number)};
   args.insert(args.end(), extra.begin(), extra.end());
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t child = -1;
-  if (posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), environ) == 0) pid = child;
-  posix_spawn_file_actions_destroy(&actions);
+  // the server ends with the test process, also when a test aborts or is killed
+  const pid_t parent = getpid();
+  const pid_t child = fork();
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) _exit(1);
+    const int null = open("/dev/null", O_WRONLY);
+    if (null >= 0) dup2(null, 2);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  if (child > 0) pid = child;
   char board[32];
   std::snprintf(board, sizeof board, "/PCD_IPC_RB(%04d)", number);
   for (int i = 0; i < 500 && pid > 0 && !SharedMemoryExists(board); ++i)
