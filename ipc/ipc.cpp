@@ -91,14 +91,21 @@ bool ConnectedToUs() {
   return ReadText(g_client.bb, kPcdIpcIdOffset, id) && std::strcmp(id, g_client.id) == 0;
 }
 
-// Type, our ID and the parameter block; the ID's terminator of a 32-character ID falls on
-// offset 40, which the request board does not otherwise use.
+// Our ID, the parameter block, then the type: the server acts when it sees the type, so
+// everything the request carries must be on the board before it. The ID's terminator of a
+// 32-character ID falls on offset 40, which the request board does not otherwise use.
 bool WriteRequest(int32_t type) {
   uint8_t block[4 * kPcdIpcParameterWords];
   for (size_t i = 0; i < kPcdIpcParameterWords; ++i) PCD_PutInt32LE(block + 4 * i, g_client.parameters[i]);
-  return WriteWord(g_client.rb, kPcdIpcTypeOffset, type) &&
-         WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) &&
-         AccessBoard(g_client.rb, kPcdIpcParameterOffset, block, sizeof block, true);
+  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) &&
+         AccessBoard(g_client.rb, kPcdIpcParameterOffset, block, sizeof block, true) &&
+         WriteWord(g_client.rb, kPcdIpcTypeOffset, type);
+}
+
+// A connection or disconnection request: the ID first, then the type.
+bool WriteBareRequest(int32_t type) {
+  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) &&
+         WriteWord(g_client.rb, kPcdIpcTypeOffset, type);
 }
 
 bool ReadMessageBlock() {
@@ -185,9 +192,7 @@ int32_t PCDipc_GetParameterWord(int index) {
 
 int PCDipc_SendConnectionRequest() {
   if (!ServerFree()) return -1;
-  if (!WriteWord(g_client.rb, kPcdIpcTypeOffset, PCDipc_REQUEST_TYPE_CONNECTION) ||
-      !WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1))
-    return -1;
+  if (!WriteBareRequest(PCDipc_REQUEST_TYPE_CONNECTION)) return -1;
   for (int64_t i = 0; i < g_retryLimit; ++i)
     if (ConnectedToUs()) return 0;
   PCDipc_SendRequest(PCDipc_REQUEST_TYPE_DISCONNECTION, true);
@@ -196,9 +201,7 @@ int PCDipc_SendConnectionRequest() {
 
 int PCDipc_SendDisconnectionRequest() {
   if (ServerFree()) return 0;
-  if (!WriteWord(g_client.rb, kPcdIpcTypeOffset, PCDipc_REQUEST_TYPE_DISCONNECTION) ||
-      !WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1))
-    return -1;
+  if (!WriteBareRequest(PCDipc_REQUEST_TYPE_DISCONNECTION)) return -1;
   for (int64_t i = 0; i < g_retryLimit; ++i)
     if (ServerFree()) return 0;
   return -1;
