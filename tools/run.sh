@@ -18,7 +18,9 @@ bin=build/bin
 echo "== a 64 x 64 x 24 phantom, 1 So + 30 DWIs, 2% noise: $work/phantom.*"
 "$bin/quorix-batch" phantom --noise 0.02 -o "$work/phantom"
 echo "== what it holds"
-"$bin/quorix-batch" info "$work/phantom.raw" --mpg "$work/phantom.mpg" --voxel-size 2 2>&1 | head -8
+"$bin/quorix-batch" info "$work/phantom.raw" --mpg "$work/phantom.mpg" --voxel-size 2 \
+  >"$work/info.txt" 2>&1
+head -8 "$work/info.txt"
 echo "== tensor maps (directional colour, FA, ADC as NIfTI; all four appended in the .raw)"
 "$bin/quorix-batch" channels "$work/phantom.raw" --mpg "$work/phantom.mpg" --voxel-size 2 \
   -o "$work/phantom_maps.raw" 2>/dev/null
