@@ -14,6 +14,16 @@ int16_t PCDdti_MapValueToSINT16(float value) {
   return static_cast<int16_t>(static_cast<uint32_t>(static_cast<int32_t>(v)) & 0xFFFFu);
 }
 
+bool PCD_StartThread(std::vector<std::thread>* threads, void* (*entry)(void*), void* argument) {
+  try {
+    threads->emplace_back(entry, argument);
+    return true;
+  } catch (const std::system_error& error) {
+    std::fprintf(stderr, "Warning: thread creation err (%d)\n", error.code().value());
+    return false;
+  }
+}
+
 int32_t distribute_objects_to_threads_optimally(int32_t n, int32_t t, int32_t* counts) {
   for (int32_t i = 0; i < t; ++i) counts[i] = 0;
   if (n <= t) {
@@ -129,18 +139,6 @@ struct VolumeDeleter {
 };
 using OwnedVolume = std::unique_ptr<PcdRawVolumeData, VolumeDeleter>;
 
-// Starts a thread running entry(argument); a failure is reported and leaves the work
-// undone.
-bool StartThread(std::vector<std::thread>* threads, void* (*entry)(void*), void* argument) {
-  try {
-    threads->emplace_back(entry, argument);
-    return true;
-  } catch (const std::system_error& error) {
-    std::fprintf(stderr, "Warning: thread creation err (%d)\n", error.code().value());
-    return false;
-  }
-}
-
 }  // namespace
 
 int PCDdti_AddComputationalChannels(PcdDtiData* dti, int16_t threshold, int32_t maxThreads) {
@@ -181,9 +179,9 @@ int PCDdti_AddComputationalChannels(PcdDtiData* dti, int16_t threshold, int32_t 
   }
   bool allStarted = true;
   for (int32_t i = 0; i < threads; ++i)
-    allStarted = StartThread(&running, threaded_channel_computation, &works[i]) && allStarted;
+    allStarted = PCD_StartThread(&running, threaded_channel_computation, &works[i]) && allStarted;
   // a slab whose thread never ran would keep the progress line waiting for ever
-  if (threads > 1 && allStarted) StartThread(&running, check_completion_for_channel_computation, works.get());
+  if (threads > 1 && allStarted) PCD_StartThread(&running, check_completion_for_channel_computation, works.get());
   for (std::thread& t : running) t.join();
   std::fputs("\n", stderr);
 

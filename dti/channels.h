@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <thread>
+#include <vector>
 
 #include "dti/dti_data.h"
 #include "dti/tensor.h"
@@ -34,6 +36,11 @@ int PCDdti_AddComputationalChannels(PcdDtiData* dti, int16_t threshold, int32_t 
 // Splits n objects over at most t threads: counts[0 .. t-1] receive the share of each
 // thread (0 for unused ones) and the number of threads to start is returned.
 int32_t distribute_objects_to_threads_optimally(int32_t n, int32_t t, int32_t* counts);
+
+// Starts a worker thread running entry(argument) and keeps it in threads. A thread that
+// cannot be created prints "Warning: thread creation err (%d)\n" and leaves its work
+// undone; false then. Shared by every threaded analysis.
+bool PCD_StartThread(std::vector<std::thread>* threads, void* (*entry)(void*), void* argument);
 
 void* threaded_channel_computation(void* work);
 void* check_completion_for_channel_computation(void* works);

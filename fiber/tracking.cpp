@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdio>
 #include <memory>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -258,20 +257,10 @@ PcdFibeTrakBuffer* PCDdti_FiberTracking(const PcdDtiData* dti, PcdFibeTrakContex
     w.total = context->seedCount;
     w.interleaved = interleaved.empty() ? nullptr : interleaved.data();
     first = w.last + 1;
-    try {
-      running.emplace_back(threaded_fiber_tracking, &w);
-    } catch (const std::system_error& error) {
-      std::fprintf(stderr, "Warning: thread creation err (%d)\n", error.code().value());
-      allStarted = false;
-    }
+    allStarted = PCD_StartThread(&running, threaded_fiber_tracking, &w) && allStarted;
   }
-  if (used > 1 && allStarted) {
-    try {
-      running.emplace_back(check_completion_for_fiber_tracking, works.get());
-    } catch (const std::system_error& error) {
-      std::fprintf(stderr, "Warning: thread creation err (%d)\n", error.code().value());
-    }
-  }
+  // a range whose thread never ran would keep the progress line waiting for ever
+  if (used > 1 && allStarted) PCD_StartThread(&running, check_completion_for_fiber_tracking, works.get());
   for (std::thread& t : running) t.join();
   std::fputs("\n", stderr);
   add_marks_to_fibetrak_buffer(buffer);

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -199,11 +198,7 @@ void PCDdti_TrakLineNodeMarking(PcdFibeTrakBuffer* buffer, int slot, int bit, in
     w.total = buffer->lineCount;
     w.test = test;
     first = w.last + 1;
-    try {
-      running.emplace_back(threaded_line_nodes_marking, &w);
-    } catch (const std::system_error& error) {
-      std::fprintf(stderr, "Warning: thread creation err (%d)\n", error.code().value());
-    }
+    PCD_StartThread(&running, threaded_line_nodes_marking, &w);
   }
   for (std::thread& t : running) t.join();
 }
