@@ -1,5 +1,17 @@
 # Helpers shared by the comparison scripts (sourced, not run).
 
+# The scripts' common arguments and tools: BUILD_DIR and ROUNDS, 2 threads, a scratch
+# folder removed at exit. Sets build, rounds, threads, batch, py and work.
+bench_setup() {
+  build=${1:-$root/build}
+  rounds=${2:-5}
+  threads=2
+  batch=$build/bin/quorix-batch
+  py=/usr/bin/python3  # the Debian python with numpy, nibabel and dipy
+  work=$(mktemp -d)
+  trap 'rm -rf "$work"' EXIT
+}
+
 # Wall time of one run of a shell command, in seconds.
 run() {
   local s e

@@ -7,13 +7,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/bench/common.sh"
-build=${1:-$root/build}
-rounds=${2:-5}
-threads=2
-batch=$build/bin/quorix-batch
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-py=/usr/bin/python3
+bench_setup "$@"
 for tool in dwi2tensor tensor2metric mrcalc; do
   command -v $tool >/dev/null || { echo "Err: $tool missing (tools/setup.sh --peers)"; exit 1; }
 done

@@ -8,13 +8,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/bench/common.sh"
-build=${1:-$root/build}
-rounds=${2:-5}
-threads=2
-batch=$build/bin/quorix-batch
-py=/usr/bin/python3
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+bench_setup "$@"
 command -v tckgen >/dev/null || { echo "Err: tckgen missing (tools/setup.sh --peers)"; exit 1; }
 
 echo "phantom 128 x 128 x 60, 1 So + 30 DWIs, voxel 2 mm; 27 seed voxels in the straight bundle"

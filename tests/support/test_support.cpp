@@ -75,6 +75,10 @@ int RunCommand(const std::string& command, std::string* output) {
   return WEXITSTATUS(status);
 }
 
+std::string BatchCommandLine(const std::string& arguments) {
+  return BuiltProgram("quorix-batch") + " " + arguments + " 2>&1";
+}
+
 bool SharedMemoryExists(const std::string& name) {
   const int fd = shm_open(name.c_str(), O_RDONLY, 0);
   if (fd < 0) return false;

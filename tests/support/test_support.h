@@ -34,6 +34,10 @@ void WriteFileText(const std::string& path, const std::string& text);
 // Path of an executable built next to the tests (quorix-batch, pellucid-server, ...).
 std::string BuiltProgram(const std::string& name);
 
+// The shell command line of the built quorix-batch with these arguments, stderr merged
+// into stdout (for RunCommand).
+std::string BatchCommandLine(const std::string& arguments);
+
 // Runs a command through /bin/sh, returning its exit status (or -1) and its output.
 int RunCommand(const std::string& command, std::string* output = nullptr);
 

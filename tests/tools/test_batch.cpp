@@ -18,9 +18,7 @@ using quorix_test::ReadFileBytes;
 using quorix_test::RunCommand;
 using quorix_test::TempDir;
 
-std::string Batch(const std::string& arguments) {
-  return BuiltProgram("quorix-batch") + " " + arguments + " 2>&1";
-}
+std::string Batch(const std::string& arguments) { return quorix_test::BatchCommandLine(arguments); }
 
 TEST(BatchTool, HelpListsEveryCommandAndWrongLinesFailWithUsageStatus) {
   std::string out;

@@ -15,9 +15,7 @@ using quorix_test::ReadFileBytes;
 using quorix_test::RunCommand;
 using quorix_test::TempDir;
 
-std::string Batch(const std::string& arguments) {
-  return BuiltProgram("quorix-batch") + " " + arguments + " 2>&1";
-}
+std::string Batch(const std::string& arguments) { return quorix_test::BatchCommandLine(arguments); }
 
 // 7 SINT16 channels then one RGBA channel: the DTI record takes the first seven.
 void WriteSevenChannelVolume(const std::string& path) {
