@@ -74,6 +74,77 @@ void get_directional_color(const PcdDiffusionTensorData* record, uint32_t* red,
   *alpha = TruncateToUnsigned(w * 255.0f);
 }
 
+namespace {
+
+// The four values of one voxel from its diagonalised tensor.
+void WriteVoxelMaps(PcdChannelWork* work, const PcdDiffusionTensorData* record, size_t at,
+                    int16_t s) {
+  const float adc = PCDdti_GetADC(record);
+  const float fa = PCDdti_GetFA(record);
+  uint32_t r, g, b, a;
+  get_directional_color(record, &r, &g, &b, &a);
+  work->colorOut[at] = r * 16777216u + g * 65536u + b * 256u + a;
+  work->faOut[at] = PCDdti_MapValueToSINT16(fa * 1000.0f);
+  work->adcOut[at] = PCDdti_MapValueToSINT16(adc * 1000000.0f);
+  work->isotropicOut[at] =
+      PCDdti_MapValueToSINT16(std::exp(-adc * work->bValue) * static_cast<float>(s));
+}
+
+void ClearVoxelMaps(PcdChannelWork* work, size_t at) {
+  work->colorOut[at] = 0;
+  work->faOut[at] = work->adcOut[at] = work->isotropicOut[at] = 0;
+}
+
+// One row voxel by voxel, each estimate on its own (and reporting its own failure).
+void ComputeRowByVoxel(PcdChannelWork* work, PcdDiffusionTensorData* record, int32_t y,
+                       int32_t z, size_t at) {
+  for (int32_t x = 0; x < work->sizeX; ++x, ++at) {
+    const int16_t s = work->soSignal[at];
+    const PcdIntVector3D voxel{x, y, z};
+    if (s <= work->threshold ||
+        PCDdti_CalcAndDiagnalizeDiffusionTensorAtVoxel(work->dti, record, &voxel) == 0)
+      ClearVoxelMaps(work, at);
+    else
+      WriteVoxelMaps(work, record, at, s);
+  }
+}
+
+// One row in batches of the voxels above the threshold: the same values as voxel by
+// voxel, with the signals read row-wise from each channel block.
+void ComputeRowByBatch(PcdChannelWork* work, PcdDiffusionTensorData* record,
+                       PcdTensorBatch* batch, size_t rowStart) {
+  const PcdDtiData* dti = work->dti;
+  int32_t lanes[kPcdTensorLanes];
+  auto flush = [&]() {
+    for (int32_t c = 0; c < dti->channelCount; ++c) {
+      const auto* block = static_cast<const int16_t*>(dti->volume->data[c]) + rowStart;
+      float* to = &batch->signal[static_cast<size_t>(c) * kPcdTensorLanes];
+      for (int32_t v = 0; v < batch->count; ++v) to[v] = static_cast<float>(block[lanes[v]]);
+    }
+    PCDdti_EstimateTensorBatch(dti, record, batch);
+    PCDdti_DiagonalizeTensorBatch(batch);
+    for (int32_t v = 0; v < batch->count; ++v) {
+      PCDdti_TakeDiagonalizedFromTensorBatch(batch, v, record);
+      const size_t at = rowStart + static_cast<size_t>(lanes[v]);
+      WriteVoxelMaps(work, record, at, work->soSignal[at]);
+    }
+    batch->count = 0;
+  };
+  batch->count = 0;
+  for (int32_t x = 0; x < work->sizeX; ++x) {
+    const size_t at = rowStart + static_cast<size_t>(x);
+    if (work->soSignal[at] <= work->threshold) {
+      ClearVoxelMaps(work, at);
+      continue;
+    }
+    lanes[batch->count++] = x;
+    if (batch->count == kPcdTensorLanes) flush();
+  }
+  if (batch->count > 0) flush();
+}
+
+}  // namespace
+
 void* threaded_channel_computation(void* argument) {
   auto* work = static_cast<PcdChannelWork*>(argument);
   const PcdDtiData* dti = work->dti;
@@ -85,29 +156,18 @@ void* threaded_channel_computation(void* argument) {
     work->slicesDone.store(work->lastSlice - work->firstSlice + 1, std::memory_order_relaxed);
     return nullptr;
   }
+  // the batches need the pseudo-inverse up front; without one every voxel reports
+  const bool batched = PCDdti_PreparePseudoInverse(dti, record);
+  PcdTensorBatch batch;
+  if (batched) PCDdti_ResizeTensorBatch(dti, &batch);
   const size_t plane = static_cast<size_t>(work->sizeX) * work->sizeY;
   for (int32_t z = work->firstSlice; z <= work->lastSlice; ++z) {
-    size_t at = static_cast<size_t>(z) * plane;
     for (int32_t y = 0; y < work->sizeY; ++y) {
-      for (int32_t x = 0; x < work->sizeX; ++x, ++at) {
-        const int16_t s = work->soSignal[at];
-        const PcdIntVector3D voxel{x, y, z};
-        if (s <= work->threshold ||
-            PCDdti_CalcAndDiagnalizeDiffusionTensorAtVoxel(dti, record, &voxel) == 0) {
-          work->colorOut[at] = 0;
-          work->faOut[at] = work->adcOut[at] = work->isotropicOut[at] = 0;
-          continue;
-        }
-        const float adc = PCDdti_GetADC(record);
-        const float fa = PCDdti_GetFA(record);
-        uint32_t r, g, b, a;
-        get_directional_color(record, &r, &g, &b, &a);
-        work->colorOut[at] = r * 16777216u + g * 65536u + b * 256u + a;
-        work->faOut[at] = PCDdti_MapValueToSINT16(fa * 1000.0f);
-        work->adcOut[at] = PCDdti_MapValueToSINT16(adc * 1000000.0f);
-        work->isotropicOut[at] =
-            PCDdti_MapValueToSINT16(std::exp(-adc * work->bValue) * static_cast<float>(s));
-      }
+      const size_t rowStart = static_cast<size_t>(z) * plane + static_cast<size_t>(y) * work->sizeX;
+      if (batched)
+        ComputeRowByBatch(work, record, &batch, rowStart);
+      else
+        ComputeRowByVoxel(work, record, y, z, rowStart);
     }
     work->slicesDone.store(z - work->firstSlice + 1, std::memory_order_relaxed);
   }

@@ -1,9 +1,13 @@
 #include "dti/tensor.h"
 
+#include "dti/eigen_solver.h"
+
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -181,6 +185,19 @@ std::vector<int16_t> PCDdti_InterleaveChannels(const PcdDtiData* dti) {
   return out;
 }
 
+bool PCDdti_PreparePseudoInverse(const PcdDtiData* dti, PcdDiffusionTensorData* r) {
+  if (SettingMatchesCache(dti, r)) return true;
+  BuildDesign(dti, r);
+  if (!DesignMatchesCache(r)) {
+    PCD_DeleteMatrix(r->cachedInverse);
+    r->cachedInverse = PCDnumerical_GetInversedMatrix(r->design);
+    if (r->cachedInverse == nullptr) return false;
+    RememberDesign(r);
+  }
+  SettingOf(dti, r->design->rows, &r->cachedSetting);
+  return true;
+}
+
 PcdDiffusionTensorData* PCDdti_NewDiffusionTensorData(int32_t channelCount, int32_t soCount) {
   const int32_t dwi = channelCount - soCount;
   auto* r = new (std::nothrow) PcdDiffusionTensorData;
@@ -282,222 +299,28 @@ float PCDdti_GetADCofSingleDWI(const PcdDtiData* dti, const PcdVector3D* positio
 
 // ---- eigen-system ----------------------------------------------------------------------
 
-float pythag(float a, float b) {
-  const float absa = std::fabs(a), absb = std::fabs(b);
-  if (absa > absb) {
-    const float ratio = absb / absa;
-    return static_cast<float>(absa * std::sqrt(1.0 + ratio * ratio));
-  }
-  if (absb == 0.0f) return 0.0f;
-  const float ratio = absa / absb;
-  return static_cast<float>(absb * std::sqrt(1.0 + ratio * ratio));
-}
+float pythag(float a, float b) { return pcd_eigen::Pythag(a, b); }
 
-// Householder reduction of the symmetric a[1..n][1..n] to tridiagonal form: diagonal in
-// d, off-diagonal in e[2..n] (e[1] = 0), a replaced by the accumulated orthogonal
-// transformation.
-void tred2(float** a, int n, float* d, float* e) {
-  for (int i = n; i >= 2; --i) {
-    const int l = i - 1;
-    float h = 0.0f;
-    if (l > 1) {
-      float scale = 0.0f;
-      for (int k = 1; k <= l; ++k) scale += std::fabs(a[i][k]);
-      if (scale == 0.0f) {
-        e[i] = a[i][l];
-      } else {
-        for (int k = 1; k <= l; ++k) {
-          a[i][k] /= scale;
-          h += a[i][k] * a[i][k];
-        }
-        float f = a[i][l];
-        float g = f >= 0.0f ? -std::sqrt(h) : std::sqrt(h);
-        e[i] = scale * g;
-        h -= f * g;
-        a[i][l] = f - g;
-        f = 0.0f;
-        for (int j = 1; j <= l; ++j) {
-          a[j][i] = a[i][j] / h;
-          g = 0.0f;
-          for (int k = 1; k <= j; ++k) g += a[j][k] * a[i][k];
-          for (int k = j + 1; k <= l; ++k) g += a[k][j] * a[i][k];
-          e[j] = g / h;
-          f += e[j] * a[i][j];
-        }
-        const float hh = f / (h + h);
-        for (int j = 1; j <= l; ++j) {
-          f = a[i][j];
-          e[j] = g = e[j] - hh * f;
-          for (int k = 1; k <= j; ++k) a[j][k] -= (f * e[k] + g * a[i][k]);
-        }
-      }
-    } else {
-      e[i] = a[i][l];
-    }
-    d[i] = h;
-  }
-  d[1] = 0.0f;
-  e[1] = 0.0f;
-  for (int i = 1; i <= n; ++i) {
-    const int l = i - 1;
-    if (d[i] != 0.0f) {
-      for (int j = 1; j <= l; ++j) {
-        float g = 0.0f;
-        for (int k = 1; k <= l; ++k) g += a[i][k] * a[k][j];
-        for (int k = 1; k <= l; ++k) a[k][j] -= g * a[k][i];
-      }
-    }
-    d[i] = a[i][i];
-    a[i][i] = 1.0f;
-    for (int j = 1; j <= l; ++j) a[j][i] = a[i][j] = 0.0f;
-  }
-}
-
-namespace {
-
-// The give-up state of the QL iteration, written for 3 x 3 only: identity axes and
-// eigenvalues of 1e-14, an isotropic tensor.
-void ResetEigenSystem(float* d, float* e, float** z) {
-  for (int i = 1; i <= 3; ++i) {
-    for (int j = 1; j <= 3; ++j) z[i][j] = i == j ? 1.0f : 0.0f;
-    d[i] = 1.0e-14f;
-    e[i] = 1.0e-14f;
-  }
-}
-
-}  // namespace
-
-int tqli(float* d, float* e, int n, float** z) {
-  for (int i = 2; i <= n; ++i) e[i - 1] = e[i];
-  e[n] = 0.0f;
-  for (int l = 1; l <= n; ++l) {
-    int sweeps = 0;
-    int m;
-    do {
-      for (m = l; m <= n - 1; ++m) {
-        const float dd = std::fabs(d[m]) + std::fabs(d[m + 1]);
-        if (std::fabs(e[m]) + dd == dd) break;
-      }
-      if (m == l) break;
-      if (sweeps++ == 30) {
-        ResetEigenSystem(d, e, z);
-        return 0;
-      }
-      float g = (d[l + 1] - d[l]) / (2.0f * e[l]);
-      float r = pythag(g, 1.0f);
-      g = d[m] - d[l] + e[l] / (g + (g >= 0.0f ? std::fabs(r) : -std::fabs(r)));
-      float s = 1.0f, c = 1.0f, p = 0.0f;
-      int i;
-      for (i = m - 1; i >= l; --i) {
-        float f = s * e[i];
-        const float b = c * e[i];
-        e[i + 1] = (r = pythag(f, g));
-        if (r == 0.0f) {
-          d[i + 1] -= p;
-          e[m] = 0.0f;
-          break;
-        }
-        s = f / r;
-        c = g / r;
-        g = d[i + 1] - p;
-        r = (d[i] - g) * s + 2.0f * c * b;
-        d[i + 1] = g + (p = s * r);
-        g = c * r - b;
-        for (int k = 1; k <= n; ++k) {
-          f = z[k][i + 1];
-          z[k][i + 1] = s * z[k][i] + c * f;
-          z[k][i] = c * z[k][i] - s * f;
-        }
-      }
-      if (r == 0.0f && i >= l) continue;
-      d[l] -= p;
-      e[l] = g;
-      e[m] = 0.0f;
-    } while (m != l);
-  }
-  return 1;
-}
-
-// Sorts arr[1..n] ascending and moves brr[1..n] along. Straight insertion below 7
-// elements (equal keys keep their order), quicksort with a stack of 50 above.
-void sort2(int n, float* arr, float* brr) {
-  constexpr int kInsertionLimit = 7;
-  int stack[51];
-  int top = 0, lo = 1, hi = n;
-  for (;;) {
-    if (hi - lo < kInsertionLimit) {
-      for (int j = lo + 1; j <= hi; ++j) {
-        const float a = arr[j], b = brr[j];
-        int i = j - 1;
-        for (; i >= lo && arr[i] > a; --i) {
-          arr[i + 1] = arr[i];
-          brr[i + 1] = brr[i];
-        }
-        arr[i + 1] = a;
-        brr[i + 1] = b;
-      }
-      if (top == 0) return;
-      hi = stack[top--];
-      lo = stack[top--];
-      continue;
-    }
-    const int k = (lo + hi) >> 1;
-    std::swap(arr[k], arr[lo + 1]);
-    std::swap(brr[k], brr[lo + 1]);
-    auto order = [&](int x, int y) {
-      if (arr[x] > arr[y]) {
-        std::swap(arr[x], arr[y]);
-        std::swap(brr[x], brr[y]);
-      }
-    };
-    order(lo, hi);
-    order(lo + 1, hi);
-    order(lo, lo + 1);
-    int i = lo + 1, j = hi;
-    const float a = arr[lo + 1], b = brr[lo + 1];
-    for (;;) {
-      do ++i; while (arr[i] < a);
-      do --j; while (arr[j] > a);
-      if (j < i) break;
-      std::swap(arr[i], arr[j]);
-      std::swap(brr[i], brr[j]);
-    }
-    arr[lo + 1] = arr[j];
-    arr[j] = a;
-    brr[lo + 1] = brr[j];
-    brr[j] = b;
-    if (top + 2 > 50) return;  // cannot happen for the sizes used here
-    if (hi - i + 1 >= j - lo) {
-      stack[++top] = i;
-      stack[++top] = hi;
-      hi = j - 1;
-    } else {
-      stack[++top] = lo;
-      stack[++top] = j - 1;
-      lo = i;
-    }
-  }
-}
+void tred2(float** a, int n, float* d, float* e) { pcd_eigen::Tred2Body(a, n, d, e); }
+int tqli(float* d, float* e, int n, float** z) { return pcd_eigen::TqliBody(d, e, n, z); }
+void sort2(int n, float* arr, float* brr) { pcd_eigen::Sort2Body(n, arr, brr); }
 
 int PCDdti_DiagonalizeDiffusionTensorData(PcdDiffusionTensorData* record) {
-  float** a = record->tensor;
-  float* d = record->eigenvalues;
-  float* e = record->work;
-  tred2(a, 3, d, e);
-  tqli(d, e, 3, a);
-  for (int j = 1; j <= 3; ++j) {
-    const float length = std::sqrt(a[1][j] * a[1][j] + a[2][j] * a[2][j] + a[3][j] * a[3][j]);
-    const float inverse = 1.0f / length;
-    for (int i = 1; i <= 3; ++i) a[i][j] *= inverse;
+  // worked on a local copy: the record's rows are separate blocks the compiler must
+  // assume overlap the eigenvalues
+  float a[4][4];
+  float d[4], e[4];
+  for (int i = 1; i <= 3; ++i) {
+    for (int j = 1; j <= 3; ++j) a[i][j] = record->tensor[i][j];
+    d[i] = record->eigenvalues[i];
+    e[i] = record->work[i];
   }
-  // Sorting each row with a fresh copy of the eigenvalues applies one permutation to
-  // all three rows, so whole columns (the eigenvectors) move with their eigenvalues.
-  for (int row = 1; row <= 3; ++row) {
-    for (int i = 1; i <= 3; ++i) e[i] = d[i];
-    sort2(3, e, a[row]);
+  pcd_eigen::Diagonalize3(a, d, e);
+  for (int i = 1; i <= 3; ++i) {
+    for (int j = 1; j <= 3; ++j) record->tensor[i][j] = a[i][j];
+    record->eigenvalues[i] = d[i];
+    record->work[i] = e[i];
   }
-  for (int i = 1; i <= 3; ++i) e[i] = d[i];
-  sort2(3, e, d);
   return 1;
 }
 

@@ -6,6 +6,7 @@
 // thread its own record and reuse it for every voxel.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -41,6 +42,43 @@ struct PcdDiffusionTensorData {
   // values are the same.
   const int16_t* interleaved = nullptr;
 };
+
+// Voxels estimated side by side with one record's pseudo-inverse. Each voxel goes through
+// the arithmetic of PCDdti_CalcDiffusionTensorAtVoxel step for step; taking the voxels of
+// a row together lets every step run over all of them at once.
+constexpr int kPcdTensorLanes = 32;
+struct PcdTensorBatch {
+  int32_t count = 0;          // voxels in use, at most kPcdTensorLanes
+  std::vector<float> signal;  // [channel * kPcdTensorLanes + voxel], filled by the caller
+  std::vector<float> rightHand;  // [DWI * kPcdTensorLanes + voxel]
+  float So[kPcdTensorLanes] = {};
+  float component[6][kPcdTensorLanes] = {};  // Dxx, Dyy, Dzz, Dxy, Dyz, Dxz
+  // after diagonalising: eigenvalues ascending in [1..3], unit eigenvectors in columns
+  float values[kPcdTensorLanes][4] = {};
+  float vectors[kPcdTensorLanes][4][4] = {};
+
+  std::array<float, 6> componentOf(int32_t v) const {
+    return {component[0][v], component[1][v], component[2][v],
+            component[3][v], component[4][v], component[5][v]};
+  }
+};
+
+// Makes the record hold the pseudo-inverse of the data set's design; false when the design
+// has none (the per-voxel estimate then reports the failure voxel by voxel).
+bool PCDdti_PreparePseudoInverse(const PcdDtiData* dti, PcdDiffusionTensorData* record);
+void PCDdti_ResizeTensorBatch(const PcdDtiData* dti, PcdTensorBatch* batch);
+// So and the six components of every voxel of the batch; the record must be prepared.
+void PCDdti_EstimateTensorBatch(const PcdDtiData* dti, const PcdDiffusionTensorData* record,
+                                PcdTensorBatch* batch);
+// The eigen-systems of every voxel of an estimated batch, each as
+// PCDdti_DiagonalizeDiffusionTensorData finds it for the voxel's record.
+void PCDdti_DiagonalizeTensorBatch(PcdTensorBatch* batch);
+// Puts voxel v of an estimated batch into the record, as an estimate there would leave it;
+// the second also as diagonalising would leave it.
+void PCDdti_TakeFromTensorBatch(const PcdTensorBatch* batch, int32_t v,
+                                PcdDiffusionTensorData* record);
+void PCDdti_TakeDiagonalizedFromTensorBatch(const PcdTensorBatch* batch, int32_t v,
+                                            PcdDiffusionTensorData* record);
 
 // The interleaved copy a record may read from (see above), or empty when memory runs out.
 std::vector<int16_t> PCDdti_InterleaveChannels(const PcdDtiData* dti);
