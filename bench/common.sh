@@ -12,11 +12,16 @@ bench_setup() {
   trap 'rm -rf "$work"' EXIT
 }
 
-# Wall time of one run of a shell command, in seconds.
+# Wall time of one run of a shell command, in seconds; a failing command stops the
+# comparison (a tool that gives up early would look fast).
 run() {
   local s e
   s=$(date +%s.%N)
-  bash -c "$1" >/dev/null 2>&1
+  bash -c "$1" >/dev/null 2>"$work/last_error" || {
+    echo "Err: failed: $1" >&2
+    tail -3 "$work/last_error" >&2
+    return 1
+  }
   e=$(date +%s.%N)
   awk -v a="$s" -v b="$e" 'BEGIN {printf "%.4f", b - a}'
 }

@@ -18,7 +18,7 @@ echo "phantom 128 x 128 x 60, 1 So + 30 DWIs, 2% Rician noise"
 # every tool reads an uncompressed image, so that no one pays for gzip
 "$batch" convert "$work/ph.nii.gz" -o "$work/ph.nii" 2>/dev/null
 # the voxels with signal, as a mask for the peers (quorix fits where So > threshold 0)
-mrconvert -quiet -coord 3 0 "$work/ph.nii" - | mrcalc -quiet - 0 -gt "$work/mask.nii"
+mrconvert -quiet -coord 3 0 -axes 0,1,2 "$work/ph.nii" - | mrcalc -quiet - 0 -gt "$work/mask.nii"
 
 cat > "$work/dipy_fit.py" <<'PY'
 import sys, numpy as np, nibabel as nib
