@@ -2,6 +2,7 @@
 
 #include "dti/eigen_solver.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -151,8 +152,9 @@ int Estimate(const PcdDtiData* dti, PcdDiffusionTensorData* r, Signal signal) {
 
 // The clamped trilinear read of every channel at one stencil, blended in the order of
 // the single-channel reader so that each value is the same to the bit.
+PCD_WIDE_VECTORS
 void InterpolateInterleaved(const int16_t* data, int32_t channels, const PcdTrilinearStencil& st,
-                            float* S) {
+                            float* S, size_t stride) {
   const int16_t* corner[8];
   for (int i = 0; i < 8; ++i) corner[i] = data + st.offset[i] * static_cast<size_t>(channels);
   const double gx = 1.0 - st.fx, gy = 1.0 - st.fy, gz = 1.0 - st.fz;
@@ -163,7 +165,7 @@ void InterpolateInterleaved(const int16_t* data, int32_t channels, const PcdTril
     const double r11 = corner[6][c] * gx + corner[7][c] * st.fx;
     const double p0 = r00 * gy + r01 * st.fy;
     const double p1 = r10 * gy + r11 * st.fy;
-    S[c] = static_cast<float>(static_cast<int32_t>(p0 * gz + p1 * st.fz));
+    S[c * stride] = static_cast<float>(static_cast<int32_t>(p0 * gz + p1 * st.fz));
   }
 }
 
@@ -178,9 +180,16 @@ std::vector<int16_t> PCDdti_InterleaveChannels(const PcdDtiData* dti) {
   } catch (const std::bad_alloc&) {
     return {};
   }
-  for (size_t c = 0; c < channels; ++c) {
-    const auto* block = static_cast<const int16_t*>(dti->volume->data[c]);
-    for (size_t v = 0; v < voxels; ++v) out[v * channels + c] = block[v];
+  // a block of voxels at a time, so that the rows being written stay in cache while
+  // every channel visits them
+  constexpr size_t kBlock = 512;
+  for (size_t first = 0; first < voxels; first += kBlock) {
+    const size_t end = std::min(voxels, first + kBlock);
+    for (size_t c = 0; c < channels; ++c) {
+      const auto* block = static_cast<const int16_t*>(dti->volume->data[c]);
+      int16_t* to = out.data() + c;
+      for (size_t v = first; v < end; ++v) to[v * channels] = block[v];
+    }
   }
   return out;
 }
@@ -249,12 +258,28 @@ int PCDdti_CalcDiffusionTensor(const PcdDtiData* dti, PcdDiffusionTensorData* re
       PCD_GetTrilinearStencil(s.x, s.y, s.z, position->x, position->y, position->z);
   if (record->interleaved != nullptr) {
     float S[kPcdDtiMaxChannels];
-    InterpolateInterleaved(record->interleaved, dti->channelCount, stencil, S);
+    InterpolateInterleaved(record->interleaved, dti->channelCount, stencil, S, 1);
     return Estimate(dti, record, [&](int32_t c) { return S[c]; });
   }
   return Estimate(dti, record, [&](int32_t c) {
     return static_cast<float>(PCD_GetValueOfSINT16BlockByStencil(dti->volume->data[c], stencil));
   });
+}
+
+void PCDdti_InterpolateIntoTensorBatch(const PcdDtiData* dti, const int16_t* interleaved,
+                                       const PcdVector3D* position, PcdTensorBatch* batch,
+                                       int32_t v) {
+  const PcdIntSize4D& s = *dti->volume->matrixSize;
+  const PcdTrilinearStencil stencil =
+      PCD_GetTrilinearStencil(s.x, s.y, s.z, position->x, position->y, position->z);
+  float* S = batch->signal.data() + v;
+  if (interleaved != nullptr) {
+    InterpolateInterleaved(interleaved, dti->channelCount, stencil, S, kPcdTensorLanes);
+    return;
+  }
+  for (int32_t c = 0; c < dti->channelCount; ++c)
+    S[static_cast<size_t>(c) * kPcdTensorLanes] =
+        static_cast<float>(PCD_GetValueOfSINT16BlockByStencil(dti->volume->data[c], stencil));
 }
 
 int PCDdti_CalcDiffusionTensorAtVoxel(const PcdDtiData* dti, PcdDiffusionTensorData* record,

@@ -14,6 +14,14 @@
 #include "vol/numerical.h"
 #include "vol/raw_volume.h"
 
+// Hot loops over many independent values are also built for AVX2 and picked at run time
+// (no FMA: each operation rounds exactly as in the baseline build).
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define PCD_WIDE_VECTORS __attribute__((target_clones("avx2", "default")))
+#else
+#define PCD_WIDE_VECTORS
+#endif
+
 struct PcdDiffusionTensorData {
   float** tensor = nullptr;  // 4 x 4, indices 1..3; eigenvectors in columns after diagonalising
   float eigenvalues[4] = {};  // 1..3, ascending after diagonalising: [3] is lambda1
@@ -67,9 +75,18 @@ struct PcdTensorBatch {
 // has none (the per-voxel estimate then reports the failure voxel by voxel).
 bool PCDdti_PreparePseudoInverse(const PcdDtiData* dti, PcdDiffusionTensorData* record);
 void PCDdti_ResizeTensorBatch(const PcdDtiData* dti, PcdTensorBatch* batch);
+// out[v] = static_cast<float>(std::log(double(S[v]) * inverse[v])) bit for bit, mostly
+// without the library call; logInverse[v] = std::log(inverse[v]).
+void PCDdti_LogRatiosAsFloats(const float* S, const double* inverse, const double* logInverse,
+                              float* out, int32_t n);
 // So and the six components of every voxel of the batch; the record must be prepared.
 void PCDdti_EstimateTensorBatch(const PcdDtiData* dti, const PcdDiffusionTensorData* record,
                                 PcdTensorBatch* batch);
+// The signals at a point in voxel units, interpolated as PCDdti_CalcDiffusionTensor reads
+// them (from the interleaved copy when given), into lane v of the batch.
+void PCDdti_InterpolateIntoTensorBatch(const PcdDtiData* dti, const int16_t* interleaved,
+                                       const PcdVector3D* position, PcdTensorBatch* batch,
+                                       int32_t v);
 // The eigen-systems of every voxel of an estimated batch, each as
 // PCDdti_DiagonalizeDiffusionTensorData finds it for the voxel's record.
 void PCDdti_DiagonalizeTensorBatch(PcdTensorBatch* batch);

@@ -1,8 +1,12 @@
 // Tensors of many voxels side by side (see PcdTensorBatch). Every voxel goes through the
 // arithmetic of the one-voxel estimate and eigen solver, operation for operation; only
 // the order in which voxels take their turns differs, so each voxel's bits are the same.
+#include <algorithm>
+#include <cfloat>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <vector>
 
 #include "dti/eigen_solver.h"
 #include "dti/tensor.h"
@@ -10,6 +14,84 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+
+namespace {
+
+// ln s for the whole numbers s = 0 .. 32767 that signals mostly are (entry 0 unused).
+constexpr int32_t kLogTableSize = 32768;
+const std::vector<double>& LogTable() {
+  static const std::vector<double> table = [] {
+    std::vector<double> t(kLogTableSize, 0.0);
+    for (int32_t s = 1; s < kLogTableSize; ++s) t[s] = std::log(static_cast<double>(s));
+    return t;
+  }();
+  return table;
+}
+
+}  // namespace
+
+namespace {
+
+// ln S + ln(1/So) is within 4 ulp of |ln S| + |ln(1/So)| of the true ln x (each term within
+// 1 ulp, the product x = S/So and the sum rounded once each), and the library's ln x is
+// within 1 ulp of the true value. When everything that close rounds to one float, the
+// library's result does too: the value is taken and settled[v] set. Branch-free, so that
+// the loop runs in vector registers.
+PCD_WIDE_VECTORS
+void LogRatiosFromTable(const double* table, const float* S, const double* logInverse,
+                        float* out, uint8_t* settled, int32_t n) {
+  for (int32_t v = 0; v < n; ++v) {
+    const bool inTable = S[v] >= 1.0f && S[v] < static_cast<float>(kLogTableSize);
+    const auto s = static_cast<int32_t>(inTable ? S[v] : 0.0f);
+    const double a = table[s], b = logInverse[v];
+    const double r = a + b;
+    const double tolerance = (std::fabs(a) + std::fabs(b) + 1.0) * 0x1p-50;
+    const auto low = static_cast<float>(r - tolerance);
+    const auto high = static_cast<float>(r + tolerance);
+    out[v] = low;
+    settled[v] = inTable && static_cast<float>(s) == S[v] && low == high;
+  }
+}
+
+}  // namespace
+
+void PCDdti_LogRatiosAsFloats(const float* S, const double* inverse, const double* logInverse,
+                              float* out, int32_t n) {
+  uint8_t settled[kPcdTensorLanes];
+  for (int32_t first = 0; first < n; first += kPcdTensorLanes) {
+    const int32_t count = std::min(n - first, kPcdTensorLanes);
+    LogRatiosFromTable(LogTable().data(), S + first, logInverse + first, out + first, settled,
+                       count);
+    // signals that are not whole numbers in the table, and the rare close calls
+    for (int32_t v = 0; v < count; ++v)
+      if (!settled[v])
+        out[first + v] = static_cast<float>(
+            std::log(static_cast<double>(S[first + v]) * inverse[first + v]));
+  }
+}
+
+namespace {
+
+// x = P y accumulated as the matrix-vector product does it, every voxel a lane of its
+// own (lanes past the count compute on stale values and are never read).
+PCD_WIDE_VECTORS
+void ApplyPseudoInverseToLanes(const PcdMatrix* P, const float* rightHand,
+                               float (*acc)[kPcdTensorLanes]) {
+  constexpr int L = kPcdTensorLanes;
+  for (int row = 0; row < 6; ++row)
+    for (int32_t v = 0; v < L; ++v) acc[row][v] = 0.0f;
+  for (int32_t k = 0; k < P->cols; ++k) {
+    const float* y = rightHand + static_cast<size_t>(k) * L;
+    for (int row = 0; row < 6; ++row) {
+      const double p = P->m[row][k];
+      for (int32_t v = 0; v < L; ++v)
+        acc[row][v] = static_cast<float>(static_cast<double>(acc[row][v]) +
+                                         p * static_cast<double>(y[v]));
+    }
+  }
+}
+
+}  // namespace
 
 void PCDdti_ResizeTensorBatch(const PcdDtiData* dti, PcdTensorBatch* b) {
   b->signal.assign(static_cast<size_t>(dti->channelCount) * kPcdTensorLanes, 0.0f);
@@ -24,35 +106,22 @@ void PCDdti_EstimateTensorBatch(const PcdDtiData* dti, const PcdDiffusionTensorD
   const int32_t n = b->count, soCount = dti->soCount, dwi = r->cachedInverse->cols;
   const float* S = b->signal.data();
   // So and the right-hand sides, in the order the one-voxel estimate takes them
-  double inverseSo[L];
+  double inverseSo[L], logInverseSo[L];
   for (int32_t v = 0; v < n; ++v) {
     float sum = 0.0f;
     for (int32_t c = 0; c < soCount; ++c) sum += S[c * L + v];
     b->So[v] = sum / static_cast<float>(soCount);
     inverseSo[v] = 1.0 / static_cast<double>(b->So[v]);
+    logInverseSo[v] = std::log(inverseSo[v]);
   }
   for (int32_t k = 0; k < dwi; ++k) {
     const float* Sk = S + static_cast<size_t>(soCount + k) * L;
     float* y = &b->rightHand[static_cast<size_t>(k) * L];
-    for (int32_t v = 0; v < n; ++v)
-      y[v] = static_cast<float>(std::log(static_cast<double>(Sk[v]) * inverseSo[v]));
+    PCDdti_LogRatiosAsFloats(Sk, inverseSo, logInverseSo, y, n);
     const float bValue = dti->bValues[soCount + k];
     for (int32_t v = 0; v < n; ++v) y[v] = -(y[v] / bValue);
   }
-  // x = P y accumulated as the matrix-vector product does it, every voxel a lane of its
-  // own (lanes past the count compute on stale values and are never read)
-  float(*acc)[L] = b->component;
-  for (int row = 0; row < 6; ++row)
-    for (int32_t v = 0; v < L; ++v) acc[row][v] = 0.0f;
-  for (int32_t k = 0; k < dwi; ++k) {
-    const float* y = &b->rightHand[static_cast<size_t>(k) * L];
-    for (int row = 0; row < 6; ++row) {
-      const double p = r->cachedInverse->m[row][k];
-      for (int32_t v = 0; v < L; ++v)
-        acc[row][v] = static_cast<float>(static_cast<double>(acc[row][v]) +
-                                         p * static_cast<double>(y[v]));
-    }
-  }
+  ApplyPseudoInverseToLanes(r->cachedInverse, b->rightHand.data(), b->component);
 }
 
 namespace {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cfloat>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -164,6 +165,46 @@ TEST(TensorBatch, EstimatesMatchTheOneVoxelEstimateIncludingZeroAndNegativeSigna
   }
   PCD_DeleteRawVolumeData(dti->volume);
   std::free(dti);
+}
+
+// float(ln(S / So)) as the fit forms it, through the batch's shortcut.
+float LogRatio(float signal, float so) {
+  const double inverse = 1.0 / static_cast<double>(so);
+  const double logInverse = std::log(inverse);
+  float out;
+  PCDdti_LogRatiosAsFloats(&signal, &inverse, &logInverse, &out, 1);
+  return out;
+}
+
+float LibraryLogRatio(float signal, float so) {
+  return static_cast<float>(std::log(static_cast<double>(signal) * (1.0 / static_cast<double>(so))));
+}
+
+TEST(TensorBatch, LogarithmOfEverySignalRatioIsTheLibrarysRoundedToFloat) {
+  // every 16-bit signal against a spread of So values (means of several So channels too)
+  const float soValues[] = {1.0f, 2.0f, 3.0f, 7.0f, 100.0f, 812.5f, 1000.0f, 4096.0f, 8000.0f,
+                            12345.67f, 32767.0f, 0.3f, 1e-30f, 3e38f};
+  for (const float so : soValues)
+    for (int s = -3; s <= 32768; ++s)
+      ASSERT_TRUE(SameValue(LogRatio(static_cast<float>(s), so),
+                            LibraryLogRatio(static_cast<float>(s), so)))
+          << s << " / " << so;
+  // So equal to the signal, signals that are not whole numbers, and hostile values
+  std::mt19937 random(3);
+  std::uniform_real_distribution<float> any(0.0f, 40000.0f);
+  for (int i = 0; i < 200000; ++i) {
+    const float so = std::floor(any(random));
+    const float s = i % 3 == 0 ? so : (i % 3 == 1 ? std::floor(any(random)) : any(random));
+    ASSERT_TRUE(SameValue(LogRatio(s, so), LibraryLogRatio(s, so))) << s << " / " << so;
+  }
+  const float inf = std::numeric_limits<float>::infinity();
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float hostile[][2] = {{5, 0},    {5, -0.0f}, {0, 0},   {5, -3},  {-5, -3},
+                              {nan, 5},  {5, nan},   {inf, 5}, {5, inf}, {1e-45f, 1},
+                              {32767, 1e-45f}};
+  for (const auto& h : hostile)
+    EXPECT_TRUE(SameValue(LogRatio(h[0], h[1]), LibraryLogRatio(h[0], h[1])))
+        << h[0] << " / " << h[1];
 }
 
 }  // namespace
