@@ -318,6 +318,100 @@ TEST(FiberTracking, SharedSignalCopyGivesTheTensorOfThePerChannelReads) {
   PCDdti_DeleteDiffusionTensorData(b);
 }
 
+// The half-lines of a seed traced node by node through do_fiber_tracking, as the run
+// would give them without its side-by-side rounds.
+struct NodeByNode {
+  PcdTrakLineBuffer* forward = nullptr;
+  PcdTrakLineBuffer* backward = nullptr;
+  bool started = false;
+  ~NodeByNode() {
+    delete_trakline_buffer(forward);
+    delete_trakline_buffer(backward);
+  }
+};
+
+void TraceNodeByNode(const PcdDtiData* dti, const PcdFibeTrakContext& context,
+                     const PcdVector3D& seed, NodeByNode* out) {
+  PcdDiffusionTensorData* t = PCDdti_NewDiffusionTensorData(dti->channelCount, dti->soCount);
+  PcdTrakLineBuffer* work = new_trakline_buffer(context.nodeLimit);
+  if (!precheck_by_So(dti, &context.limits, &seed)) {
+    PCDdti_CalcAndDiagnalizeDiffusionTensor(dti, t, &seed);
+    t->turningAngle = 1.0f;
+    if (context.stopTest(t, &context.limits) == 0) {
+      out->started = true;
+      const float d[3] = {t->tensor[1][3], t->tensor[2][3], t->tensor[3][3]};
+      const float L[3] = {t->eigenvalues[3], t->eigenvalues[2], t->eigenvalues[1]};
+      for (const float sign : {1.0f, -1.0f}) {
+        work->x[0] = seed.x;
+        work->y[0] = seed.y;
+        work->z[0] = seed.z;
+        work->L1[0] = L[0];
+        work->L2[0] = L[1];
+        work->L3[0] = L[2];
+        work->nodeCount = 1;
+        (sign > 0 ? out->forward : out->backward) =
+            do_fiber_tracking(dti, &context, t, work, sign * d[0], sign * d[1], sign * d[2]);
+      }
+    }
+  }
+  delete_trakline_buffer(work);
+  PCDdti_DeleteDiffusionTensorData(t);
+}
+
+bool SameLine(const PcdTrakLineBuffer* a, const PcdTrakLineBuffer* b) {
+  if (a->nodeCount != b->nodeCount) return false;
+  const auto n = static_cast<size_t>(a->nodeCount) * sizeof(float);
+  return std::memcmp(a->x, b->x, n) == 0 && std::memcmp(a->y, b->y, n) == 0 &&
+         std::memcmp(a->z, b->z, n) == 0 && std::memcmp(a->L1, b->L1, n) == 0 &&
+         std::memcmp(a->L2, b->L2, n) == 0 && std::memcmp(a->L3, b->L3, n) == 0;
+}
+
+// Lines that run side by side end at different rounds and free their lanes for others;
+// every line must still be the one traced on its own, to the bit, in every mix of
+// schemes, limits and seeds that never start.
+TEST(FiberTracking, SideBySideRoundsGiveTheLinesOfNodeByNodeTracing) {
+  PcdPhantomOptions o;
+  o.sizeX = 32;
+  o.sizeY = 32;
+  o.sizeZ = 12;
+  o.noise = 0.04f;
+  PcdDtiData* dti = PCD_MakeDwiPhantom(o, nullptr);
+  struct Setting {
+    int scheme, nodeLimit, useAngle;
+    float soMin;
+  };
+  for (const Setting& set : {Setting{123, 160, 0, 0.0f}, Setting{345, 160, 0, 0.0f},
+                             Setting{123, 7, 1, 0.0f}, Setting{345, 40, 1, 3000.0f},
+                             Setting{123, 1, 0, 0.0f}}) {
+    TrackingRun run;
+    run.context.scheme = set.scheme;
+    run.context.nodeLimit = set.nodeLimit;
+    run.context.limits.useAngleMax = set.useAngle;
+    run.context.limits.SoMin = set.soMin;
+    // 90 seeds over the head, the bundles and outside it: more lines than lanes
+    for (int k = 0; k < 90; ++k)
+      run.seeds.push_back({-1.5f + 0.37f * k, 3.5f + 0.29f * k, 1.2f + 0.11f * k});
+    run.Track(dti, 2);
+    ASSERT_NE(run.result, nullptr);
+    int32_t at = 0, started = 0;
+    for (const PcdVector3D& seed : run.seeds) {
+      NodeByNode want;
+      TraceNodeByNode(dti, run.context, seed, &want);
+      if (!want.started) continue;
+      ++started;
+      ASSERT_LT(at, run.result->lineCount);
+      const PcdTrakLinePair* got = run.result->pairs[at++];
+      EXPECT_EQ(std::memcmp(&got->seed, &seed, sizeof seed), 0);
+      EXPECT_TRUE(SameLine(got->forward, want.forward)) << set.scheme << " seed " << at;
+      EXPECT_TRUE(SameLine(got->backward, want.backward)) << set.scheme << " seed " << at;
+    }
+    EXPECT_EQ(at, run.result->lineCount);
+    EXPECT_GT(started, 20) << set.scheme << " " << set.nodeLimit;
+  }
+  PCD_DeleteRawVolumeData(dti->volume);
+  std::free(dti);
+}
+
 TEST(FiberTracking, NotReadyDataSetIsRefused) {
   Phantom p(8, 8, 4);
   p.dti->isReady = 0;
