@@ -13,6 +13,7 @@
 #include <random>
 #include <vector>
 
+#include "dti/eigen_lanes.h"
 #include "dti/tensor.h"
 #include "tools/phantom/phantom.h"
 
@@ -103,6 +104,41 @@ TEST(TensorBatch, EigenSystemsMatchTheOneTensorSolverInEveryLaneAndGroupSize) {
   }
   EXPECT_GE(next, tensors.size());
 }
+
+#if defined(__SSE2__)
+// The batch uses eight AVX lanes where the processor has them, four SSE lanes otherwise:
+// both widths must leave the same bits in every lane.
+TEST(TensorBatch, FourAndEightLaneIterationsAgree) {
+  const std::vector<Six> tensors = AwkwardTensors();
+  for (size_t first = 0; first < tensors.size(); first += 8) {
+    const int used = static_cast<int>(std::min<size_t>(8, tensors.size() - first));
+    PcdEigenLanes four{}, eight{};
+    for (int lane = 0; lane < used; ++lane) {
+      float a[4][4] = {}, d[4], e[4];
+      const Six& t = tensors[first + lane];
+      a[1][1] = t[0], a[2][2] = t[1], a[3][3] = t[2];
+      a[1][2] = a[2][1] = t[3], a[2][3] = a[3][2] = t[4], a[1][3] = a[3][1] = t[5];
+      float* rows[4] = {a[0], a[1], a[2], a[3]};
+      tred2(rows, 3, d, e);
+      for (int i = 1; i <= 3; ++i) {
+        four.d[i][lane] = d[i];
+        four.e[i][lane] = e[i];
+        for (int j = 1; j <= 3; ++j) four.z[i][j][lane] = a[i][j];
+      }
+    }
+    eight = four;
+    TqliLanesOfArrays<__m128, 4>(&four, 0, std::min(used, 4));
+    if (used > 4) TqliLanesOfArrays<__m128, 4>(&four, 4, used - 4);
+    PCDdti_TqliEightLanes(&eight, used);
+    for (int lane = 0; lane < used; ++lane)
+      for (int i = 1; i <= 3; ++i) {
+        EXPECT_TRUE(SameValue(four.d[i][lane], eight.d[i][lane])) << first + lane;
+        for (int j = 1; j <= 3; ++j)
+          EXPECT_TRUE(SameValue(four.z[i][j][lane], eight.z[i][j][lane])) << first + lane;
+      }
+  }
+}
+#endif
 
 TEST(TensorBatch, GiveUpStateOfTheSweepLimitIsKeptPerLane) {
   // a NaN component never converges: that lane ends isotropic at 1e-14 while its
