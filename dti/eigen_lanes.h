@@ -29,6 +29,12 @@ struct PcdEigenLanes {
 // processors with AVX2.
 void PCDdti_TqliEightLanes(PcdEigenLanes* systems, int used);
 
+// out[v] = float(table[S[v]] + logInverse[v]) for v < n (n a multiple of 4), and bit v of
+// the result set where that is certainly the library's float(ln(S / So)) (see
+// PCDdti_LogRatiosAsFloats); only on processors with AVX2.
+uint32_t PCDdti_LogRatiosFourWide(const double* table, const float* S, const double* logInverse,
+                                  float* out, int32_t n);
+
 namespace {
 
 // ---- the operations, for both register widths ----------------------------------------

@@ -17,6 +17,18 @@
 
 namespace {
 
+#if defined(__SSE2__)
+// The AVX2 parts (tensor_batch_avx2.cpp) are used where the processor has AVX2.
+bool WideVectorsAvailable() {
+#if defined(__x86_64__)
+  static const bool available = __builtin_cpu_supports("avx2") != 0;
+  return available;
+#else
+  return false;
+#endif
+}
+#endif
+
 // ln s for the whole numbers s = 0 .. 32767 that signals mostly are (entry 0 unused).
 constexpr int32_t kLogTableSize = 32768;
 const std::vector<double>& LogTable() {
@@ -35,11 +47,10 @@ namespace {
 // ln S + ln(1/So) is within 4 ulp of |ln S| + |ln(1/So)| of the true ln x (each term within
 // 1 ulp, the product x = S/So and the sum rounded once each), and the library's ln x is
 // within 1 ulp of the true value. When everything that close rounds to one float, the
-// library's result does too: the value is taken and settled[v] set. Branch-free, so that
-// the loop runs in vector registers.
-PCD_WIDE_VECTORS
-void LogRatiosFromTable(const double* table, const float* S, const double* logInverse,
-                        float* out, uint8_t* settled, int32_t n) {
+// library's result does too: the value is taken and bit v of the result set (n <= 32).
+uint32_t LogRatiosFromTable(const double* table, const float* S, const double* logInverse,
+                            float* out, int32_t n) {
+  uint32_t settled = 0;
   for (int32_t v = 0; v < n; ++v) {
     const bool inTable = S[v] >= 1.0f && S[v] < static_cast<float>(kLogTableSize);
     const auto s = static_cast<int32_t>(inTable ? S[v] : 0.0f);
@@ -49,24 +60,37 @@ void LogRatiosFromTable(const double* table, const float* S, const double* logIn
     const auto low = static_cast<float>(r - tolerance);
     const auto high = static_cast<float>(r + tolerance);
     out[v] = low;
-    settled[v] = inTable && static_cast<float>(s) == S[v] && low == high;
+    if (inTable && static_cast<float>(s) == S[v] && low == high) settled |= 1u << v;
   }
+  return settled;
 }
 
 }  // namespace
 
 void PCDdti_LogRatiosAsFloats(const float* S, const double* inverse, const double* logInverse,
                               float* out, int32_t n) {
-  uint8_t settled[kPcdTensorLanes];
+  static_assert(kPcdTensorLanes <= 32, "one bit per lane");
+  const double* table = LogTable().data();
   for (int32_t first = 0; first < n; first += kPcdTensorLanes) {
     const int32_t count = std::min(n - first, kPcdTensorLanes);
-    LogRatiosFromTable(LogTable().data(), S + first, logInverse + first, out + first, settled,
-                       count);
+    int32_t wide = 0;
+    uint32_t settled = 0;
+#if defined(__SSE2__)
+    if (WideVectorsAvailable()) {
+      // four at a time in AVX registers, the rest one by one
+      wide = count & ~3;
+      settled = PCDdti_LogRatiosFourWide(table, S + first, logInverse + first, out + first, wide);
+    }
+#endif
+    settled |= LogRatiosFromTable(table, S + first + wide, logInverse + first + wide,
+                                  out + first + wide, count - wide)
+               << wide;
     // signals that are not whole numbers in the table, and the rare close calls
-    for (int32_t v = 0; v < count; ++v)
-      if (!settled[v])
-        out[first + v] = static_cast<float>(
-            std::log(static_cast<double>(S[first + v]) * inverse[first + v]));
+    const uint32_t all = count == 32 ? ~0u : (1u << count) - 1u;
+    for (uint32_t pending = all & ~settled; pending != 0; pending &= pending - 1) {
+      const int32_t v = first + __builtin_ctz(pending);
+      out[v] = static_cast<float>(std::log(static_cast<double>(S[v]) * inverse[v]));
+    }
   }
 }
 
@@ -128,15 +152,6 @@ namespace {
 
 #if defined(__SSE2__)
 
-bool EightLanesAvailable() {
-#if defined(__x86_64__)
-  static const bool available = __builtin_cpu_supports("avx2") != 0;
-  return available;
-#else
-  return false;
-#endif
-}
-
 // Voxels first .. first+used-1 (used <= 8) of the batch: reduction and finishing one by
 // one, the QL iteration side by side.
 void DiagonalizeLanes(PcdTensorBatch* b, int32_t first, int used) {
@@ -153,7 +168,7 @@ void DiagonalizeLanes(PcdTensorBatch* b, int32_t first, int used) {
       for (int j = 1; j <= 3; ++j) lanes.z[i][j][lane] = a[i][j];
     }
   }
-  if (EightLanesAvailable()) {
+  if (WideVectorsAvailable()) {
     PCDdti_TqliEightLanes(&lanes, used);
   } else {
     TqliLanesOfArrays<__m128, 4>(&lanes, 0, used < 4 ? used : 4);
