@@ -82,9 +82,11 @@ void PCDdti_LogRatiosAsFloats(const float* S, const double* inverse, const doubl
       settled = PCDdti_LogRatiosFourWide(table, S + first, logInverse + first, out + first, wide);
     }
 #endif
-    settled |= LogRatiosFromTable(table, S + first + wide, logInverse + first + wide,
-                                  out + first + wide, count - wide)
-               << wide;
+    // a shift by the full 32 bits is undefined, so a block done wholly wide skips this
+    if (wide < count)
+      settled |= LogRatiosFromTable(table, S + first + wide, logInverse + first + wide,
+                                    out + first + wide, count - wide)
+                 << wide;
     // signals that are not whole numbers in the table, and the rare close calls
     const uint32_t all = count == 32 ? ~0u : (1u << count) - 1u;
     for (uint32_t pending = all & ~settled; pending != 0; pending &= pending - 1) {
