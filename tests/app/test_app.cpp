@@ -50,12 +50,8 @@ struct Server : quorix_test::ServerProcess {
 
 // A small DWI phantom as the viewer's volume: 1 So + 6 DWIs.
 std::string WritePhantom(const TempDir& dir) {
-  PcdPhantomOptions o;
-  o.sizeX = 12;
-  o.sizeY = 10;
-  o.sizeZ = 4;
-  o.directions = 6;
-  PcdDtiData* dti = PCD_MakeDwiPhantom(o, nullptr);
+  PcdDtiData* dti =
+      PCD_MakeDwiPhantom({.sizeX = 12, .sizeY = 10, .sizeZ = 4, .directions = 6}, nullptr);
   const std::string path = dir.file("phantom.raw");
   WriteRawVolumeFile(dti->volume, path.c_str());
   PCD_DeleteRawVolumeData(dti->volume);

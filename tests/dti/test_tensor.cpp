@@ -302,13 +302,8 @@ TEST(ComputedChannels, ThresholdAboveEverySignalGivesZeroChannelsAndOneSliceNoPr
 // and solved afresh through its own pseudo-inverse. The threaded run, which forms the
 // pseudo-inverse once, must give the same bytes in all four channels.
 TEST(ComputedChannels, MatchThePlainPerVoxelPathByteForByteOnANoisyPhantom) {
-  PcdPhantomOptions o;
-  o.sizeX = 20;
-  o.sizeY = 18;
-  o.sizeZ = 6;
-  o.noise = 0.05f;
-  o.seed = 7;
-  PcdDtiData* dti = PCD_MakeDwiPhantom(o, nullptr);
+  PcdDtiData* dti = PCD_MakeDwiPhantom(
+      {.sizeX = 20, .sizeY = 18, .sizeZ = 6, .noise = 0.05f, .seed = 7}, nullptr);
   ASSERT_NE(dti, nullptr);
   const int32_t first = dti->volume->matrixSize->channels;
   testing::internal::CaptureStderr();

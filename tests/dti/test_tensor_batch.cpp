@@ -157,13 +157,8 @@ TEST(TensorBatch, GiveUpStateOfTheSweepLimitIsKeptPerLane) {
 }
 
 TEST(TensorBatch, EstimatesMatchTheOneVoxelEstimateIncludingZeroAndNegativeSignals) {
-  PcdPhantomOptions o;
-  o.sizeX = 12;
-  o.sizeY = 10;
-  o.sizeZ = 3;
-  o.noise = 0.08f;
-  o.seed = 5;
-  PcdDtiData* dti = PCD_MakeDwiPhantom(o, nullptr);
+  PcdDtiData* dti = PCD_MakeDwiPhantom(
+      {.sizeX = 12, .sizeY = 10, .sizeZ = 3, .noise = 0.08f, .seed = 5}, nullptr);
   ASSERT_NE(dti, nullptr);
   // a few hostile voxels: a zero DWI, a zero So, a negative DWI, a DWI above So
   auto sample = [&](int32_t c, size_t at) -> int16_t& {

@@ -370,12 +370,8 @@ bool SameLine(const PcdTrakLineBuffer* a, const PcdTrakLineBuffer* b) {
 // every line must still be the one traced on its own, to the bit, in every mix of
 // schemes, limits and seeds that never start.
 TEST(FiberTracking, SideBySideRoundsGiveTheLinesOfNodeByNodeTracing) {
-  PcdPhantomOptions o;
-  o.sizeX = 32;
-  o.sizeY = 32;
-  o.sizeZ = 12;
-  o.noise = 0.04f;
-  PcdDtiData* dti = PCD_MakeDwiPhantom(o, nullptr);
+  PcdDtiData* dti =
+      PCD_MakeDwiPhantom({.sizeX = 32, .sizeY = 32, .sizeZ = 12, .noise = 0.04f}, nullptr);
   struct Setting {
     int scheme, nodeLimit, useAngle;
     float soMin;
