@@ -15,8 +15,10 @@
 #include "vol/raw_volume.h"
 
 // Hot loops over many independent values are also built for AVX2 and picked at run time
-// (no FMA: each operation rounds exactly as in the baseline build).
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+// (no FMA: each operation rounds exactly as in the baseline build). Not under
+// ThreadSanitizer: the clone resolver runs before its runtime is up and crashes the start.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && \
+    !defined(__SANITIZE_THREAD__)
 #define PCD_WIDE_VECTORS __attribute__((target_clones("avx2", "default")))
 #else
 #define PCD_WIDE_VECTORS
