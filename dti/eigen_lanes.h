@@ -297,4 +297,12 @@ void TqliLanesOfArrays(PcdEigenLanes* a, int offset, int used) {
   }
 }
 
+#if defined(__SSE2__)
+// Lanes 0 .. used-1 (used <= 8) in SSE registers: two rounds of four.
+inline void TqliEightLanesInSse(PcdEigenLanes* a, int used) {
+  TqliLanesOfArrays<__m128, 4>(a, 0, used < 4 ? used : 4);
+  if (used > 4) TqliLanesOfArrays<__m128, 4>(a, 4, used - 4);
+}
+#endif
+
 }  // namespace

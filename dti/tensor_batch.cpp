@@ -40,10 +40,6 @@ const std::vector<double>& LogTable() {
   return table;
 }
 
-}  // namespace
-
-namespace {
-
 // ln S + ln(1/So) is within 4 ulp of |ln S| + |ln(1/So)| of the true ln x (each term within
 // 1 ulp, the product x = S/So and the sum rounded once each), and the library's ln x is
 // within 1 ulp of the true value. When everything that close rounds to one float, the
@@ -170,12 +166,10 @@ void DiagonalizeLanes(PcdTensorBatch* b, int32_t first, int used) {
       for (int j = 1; j <= 3; ++j) lanes.z[i][j][lane] = a[i][j];
     }
   }
-  if (WideVectorsAvailable()) {
+  if (WideVectorsAvailable())
     PCDdti_TqliEightLanes(&lanes, used);
-  } else {
-    TqliLanesOfArrays<__m128, 4>(&lanes, 0, used < 4 ? used : 4);
-    if (used > 4) TqliLanesOfArrays<__m128, 4>(&lanes, 4, used - 4);
-  }
+  else
+    TqliEightLanesInSse(&lanes, used);
   for (int lane = 0; lane < used; ++lane) {
     const int32_t v = first + lane;
     for (int i = 1; i <= 3; ++i) {

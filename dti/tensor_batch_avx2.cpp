@@ -36,10 +36,9 @@ uint32_t PCDdti_LogRatiosFourWide(const double* table, const float* S, const dou
   return settled;
 }
 #elif defined(__SSE2__)
+// without AVX2 in this build
 void PCDdti_TqliEightLanes(PcdEigenLanes* systems, int used) {
-  // without AVX2 in this build: two rounds of four
-  TqliLanesOfArrays<__m128, 4>(systems, 0, used < 4 ? used : 4);
-  if (used > 4) TqliLanesOfArrays<__m128, 4>(systems, 4, used - 4);
+  TqliEightLanesInSse(systems, used);
 }
 
 uint32_t PCDdti_LogRatiosFourWide(const double*, const float*, const double*, float*, int32_t) {

@@ -238,7 +238,6 @@ class LaneTracker {
       Refill();
       if (!Round()) break;
     }
-    w_->done.store(w_->last - w_->first + 1, std::memory_order_relaxed);
   }
 
  private:
@@ -357,32 +356,35 @@ class LaneTracker {
 
 }  // namespace
 
+namespace {
+
+// The work's seeds with the record: side by side when the pseudo-inverse can be formed up
+// front and the lanes' work lines allocated, seed after seed otherwise. False when even
+// the one work line cannot be had.
+bool TrackSeeds(PcdTrackingWork* w, PcdDiffusionTensorData* tensor) {
+  if (PCDdti_PreparePseudoInverse(w->dti, tensor)) {
+    LaneTracker lanes(w, tensor);
+    if (lanes.Allocate()) {
+      lanes.Run();
+      return true;
+    }
+  }
+  PcdTrakLineBuffer* line = new_trakline_buffer(w->context->nodeLimit);
+  if (line == nullptr) return false;
+  TrackSeedsOneByOne(w, line, tensor);
+  delete_trakline_buffer(line);
+  return true;
+}
+
+}  // namespace
+
 void* threaded_fiber_tracking(void* argument) {
   auto* w = static_cast<PcdTrackingWork*>(argument);
-  const PcdFibeTrakContext* context = w->context;
-  PcdTrakLineBuffer* line = new_trakline_buffer(context->nodeLimit);
   PcdDiffusionTensorData* tensor = PCDdti_NewDiffusionTensorData(w->dti->channelCount, w->dti->soCount);
-  std::unique_ptr<LaneTracker> lanes;
-  if (tensor != nullptr && PCDdti_PreparePseudoInverse(w->dti, tensor)) {
-    lanes = std::make_unique<LaneTracker>(w, tensor);
-    if (!lanes->Allocate()) lanes.reset();
-  }
-  if (line == nullptr || tensor == nullptr) {
-    std::fputs("insufficient memory\n", stderr);
-    delete_trakline_buffer(line);
-    PCDdti_DeleteDiffusionTensorData(tensor);
-    w->done.store(w->last - w->first + 1, std::memory_order_relaxed);  // lets progress end
-    return nullptr;
-  }
-  tensor->interleaved = w->interleaved;
-  if (lanes != nullptr)
-    lanes->Run();
-  else
-    TrackSeedsOneByOne(w, line, tensor);
-  lanes.reset();
-  w->done.store(w->last - w->first + 1, std::memory_order_relaxed);
-  delete_trakline_buffer(line);
+  if (tensor != nullptr) tensor->interleaved = w->interleaved;
+  if (tensor == nullptr || !TrackSeeds(w, tensor)) std::fputs("insufficient memory\n", stderr);
   PCDdti_DeleteDiffusionTensorData(tensor);
+  w->done.store(w->last - w->first + 1, std::memory_order_relaxed);  // lets progress end
   return nullptr;
 }
 
