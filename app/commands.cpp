@@ -11,6 +11,7 @@
 #include "app/main_window.h"
 #include "app/viewer_link.h"
 #include "dti/channels.h"
+#include "dti/dti_check.h"
 #include "dti/gradient_vectors.h"
 #include "io/dti_file.h"
 #include "io/raw_volume_file.h"
@@ -111,7 +112,11 @@ void cmd_toggle_realtime(gpointer, guint, GtkWidget*) {
 
 void cmd_add_computational_channels(gpointer, guint, GtkWidget*) {
   PcdDtiData* dti = pcd_app->dti;
-  if (dti == nullptr || pcd_app->volume == nullptr) return;
+  std::string problem;
+  if (!PCDdti_CheckDataSetForAnalysis(dti, PCD_DTI_AT_VOXELS, &problem)) {
+    PCD_ShowNotice(kPcdNoticeTitle, problem.c_str());
+    return;
+  }
   const auto start = std::chrono::steady_clock::now();
   const int32_t first = pcd_app->volume->matrixSize->channels;
   const int added = PCDdti_AddComputationalChannels(dti, 0, 8);

@@ -1,5 +1,7 @@
 #include "dti/channels.h"
 
+#include "dti/dti_check.h"
+
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -202,6 +204,7 @@ using OwnedVolume = std::unique_ptr<PcdRawVolumeData, VolumeDeleter>;
 }  // namespace
 
 int PCDdti_AddComputationalChannels(PcdDtiData* dti, int16_t threshold, int32_t maxThreads) {
+  if (!PCDdti_CheckDataSetForAnalysis(dti, PCD_DTI_AT_VOXELS)) return 0;
   PcdRawVolumeData* volume = dti->volume;
   const PcdIntSize3D size{volume->matrixSize->x, volume->matrixSize->y, volume->matrixSize->z};
   OwnedVolume outputs[4] = {

@@ -1,5 +1,7 @@
 #include "fiber/tracking.h"
 
+#include "dti/dti_check.h"
+
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -409,6 +411,7 @@ PcdFibeTrakBuffer* PCDdti_FiberTracking(const PcdDtiData* dti, PcdFibeTrakContex
     std::fputs("DTI data NOT ready\n", stderr);
     return nullptr;
   }
+  if (!PCDdti_CheckDataSetForAnalysis(dti, PCD_DTI_INTERPOLATED)) return nullptr;
   PcdFibeTrakBuffer* buffer =
       new_fibetrak_buffer(context->seedCount, context->seedPoints, context->nodeLimit);
   if (buffer == nullptr) {

@@ -59,8 +59,12 @@ int32_t Trunc(float v) {
 struct AxisSample {
   int32_t base;
   double f;
+  int32_t next = 1;  // index step to the upper sample
 };
+// An axis of one sample has no upper neighbour: both samples are that one, weight 0 on
+// the second, so the read stays inside the block and gives the sample itself.
 AxisSample ClampAxis(float p, int32_t n) {
+  if (n < 2) return {0, 0.0, 0};
   const int32_t i = Trunc(p);
   if (i >= n - 1) return {n - 2, static_cast<double>(static_cast<float>(n - 1) - (n - 2))};
   if (i < 0) return {0, 0.0};
@@ -419,7 +423,7 @@ PcdTrilinearStencil PCD_GetTrilinearStencil(int32_t nx, int32_t ny, int32_t nz, 
   st.fz = az.f;
   const auto sx = static_cast<int64_t>(nx), plane = static_cast<int64_t>(nx) * ny;
   for (int i = 0; i < 8; ++i) {
-    const int64_t dx = i & 1, dy = (i >> 1) & 1, dz = (i >> 2) & 1;
+    const int64_t dx = (i & 1) * ax.next, dy = ((i >> 1) & 1) * ay.next, dz = ((i >> 2) & 1) * az.next;
     st.offset[i] = static_cast<size_t>((az.base + dz) * plane + (ay.base + dy) * sx + ax.base + dx);
   }
   return st;

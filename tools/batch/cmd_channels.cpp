@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "dti/channels.h"
+#include "dti/dti_check.h"
 #include "io/nifti_file.h"
 #include "tools/batch/batch_input.h"
 
@@ -39,10 +40,7 @@ int run_channels(BatchArgs& args) {
   if (!args.Finish(1, 1)) return kBatchUsageError;
   std::unique_ptr<BatchDataSet> set = LoadBatchInput(args.positional()[0], options);
   if (!set) return kBatchFailed;
-  if (set->dti->isReady != 1) {
-    std::fputs("Err: the MPG setting is not ready; give one with --mpg\n", stderr);
-    return kBatchFailed;
-  }
+  if (!PCDdti_CheckDataSetForAnalysis(set->dti, PCD_DTI_AT_VOXELS)) return kBatchFailed;
   const int32_t first = set->volume->matrixSize->channels;
   if (PCDdti_AddComputationalChannels(set->dti, static_cast<int16_t>(threshold.value_or(0)),
                                       static_cast<int32_t>(threads.value_or(DefaultThreads()))) != 4) {

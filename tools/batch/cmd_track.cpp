@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "dti/dti_check.h"
 #include "fiber/tracking.h"
 #include "io/nifti_file.h"
 #include "io/raw_volume_file.h"
@@ -90,6 +91,7 @@ int run_track(BatchArgs& args) {
   if (!args.Finish(1, 1)) return kBatchUsageError;
   std::unique_ptr<BatchDataSet> set = LoadBatchInput(args.positional()[0], options);
   if (!set) return kBatchFailed;
+  if (!PCDdti_CheckDataSetForAnalysis(set->dti, PCD_DTI_INTERPOLATED)) return kBatchFailed;
 
   const PcdIntSize4D& size = *set->volume->matrixSize;
   std::vector<PcdIntVector3D> voxels;
