@@ -390,10 +390,12 @@ TEST(DesktopProgram, StartUpFailuresEndQuietlyWithStatusZero) {
   Server server(WritePhantom(dir), dir.path().string());
   if (quorix_test::RunCommand("command -v xvfb-run >/dev/null") != 0) GTEST_SKIP() << "no xvfb-run";
   EXPECT_EQ(quorix_test::RunCommand("xvfb-run -a -s '-screen 0 640x480x16' " + quorix + " " +
-                                        std::to_string(server.number) + " 2>/dev/null",
+                                        std::to_string(server.number) + " 2>&1",
                                     &out),
             0);
-  EXPECT_EQ(out, "IPC available (IPC Client initialization succeeded)\n");
+  // Xvfb may add lines of its own; ours is the link's line and nothing of the window
+  EXPECT_NE(out.find("IPC available (IPC Client initialization succeeded)\n"), std::string::npos) << out;
+  EXPECT_EQ(out.find("Establishing connection"), std::string::npos) << out;
 }
 
 // Every command of the main menu stands at its path with its accelerator (plain letters
