@@ -89,6 +89,28 @@ void RecordDialogs() {
   });
 }
 
+// A key pressed while the main window has the input focus, as the X server delivers it.
+void PressKey(guint keyval, guint modifiers = 0) {
+  GdkEvent* event = gdk_event_new(GDK_KEY_PRESS);
+  event->key.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(pcd_app->window)));
+  event->key.send_event = FALSE;
+  event->key.time = GDK_CURRENT_TIME;
+  event->key.state = modifiers;
+  event->key.keyval = keyval;
+  GdkKeymapKey* keys = nullptr;
+  gint count = 0;
+  GdkDisplay* display = gtk_widget_get_display(pcd_app->window);
+  if (gdk_keymap_get_entries_for_keyval(gdk_keymap_get_for_display(display), keyval, &keys, &count) &&
+      count > 0) {
+    event->key.hardware_keycode = static_cast<guint16>(keys[0].keycode);
+    event->key.group = static_cast<guint8>(keys[0].group);
+  }
+  g_free(keys);
+  gdk_event_set_device(event, gdk_seat_get_keyboard(gdk_display_get_default_seat(display)));
+  gtk_main_do_event(event);
+  gdk_event_free(event);
+}
+
 std::string PageLabel(int page) {
   GtkWidget* child = gtk_notebook_get_nth_page(GTK_NOTEBOOK(pcd_app->notebook), page);
   return gtk_notebook_get_tab_label_text(GTK_NOTEBOOK(pcd_app->notebook), child);
@@ -202,6 +224,26 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   EXPECT_EQ(pcd_app->volume, before);
   EXPECT_EQ(g_seen.back().text, "This is NOT a PELLUCID file.");
   EXPECT_EQ(g_seen.back().title, "Warning");
+
+  // typing into the memo: plain letters are text there, not the palette frame's commands;
+  // the same letter elsewhere and control keys in the memo still reach the menu
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 2);
+  DrainEvents();
+  gtk_widget_grab_focus(pcd_app->memoView);
+  ASSERT_EQ(gtk_window_get_focus(GTK_WINDOW(pcd_app->window)), pcd_app->memoView);
+  g_seen.clear();
+  for (guint key : {GDK_KEY_F, GDK_KEY_l, GDK_KEY_N, GDK_KEY_b, GDK_KEY_G}) PressKey(key);
+  EXPECT_TRUE(g_seen.empty());
+  EXPECT_NE(pcd_app->memo.find("FlNbG"), std::string::npos) << pcd_app->memo;
+  PressKey(GDK_KEY_q, GDK_CONTROL_MASK);
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].text, "Do you REALLY quit the program?");
+  gtk_widget_grab_focus(pcd_app->notebook);
+  g_seen.clear();
+  PressKey(GDK_KEY_F);
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].text, "Not implemented yet.");
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 0);
 
   // the computed channels are appended and sent to the viewer
   testing::internal::CaptureStdout();
