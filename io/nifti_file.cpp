@@ -58,12 +58,26 @@ ValueReader reader_for(int datatype) {
   }
 }
 
+// Nearest signed 16-bit value, saturated; NaN becomes 0 rather than reach the conversion.
+int16_t to_sint16(double v) {
+  if (std::isnan(v)) return 0;
+  return static_cast<int16_t>(std::clamp(std::nearbyint(v), -32768.0, 32767.0));
+}
+
 // ---- opening and checking a header before anything large is allocated -----------------
 
 NiftiPtr open_header(const char* fileName) {
   nifti_set_debug_level(0);  // our own "Err: " lines say what went wrong
   NiftiPtr nim(nifti_image_read(fileName, 0));
-  if (!nim) std::fprintf(stderr, "Err: %s is not a readable NIfTI-1 file\n", fileName);
+  if (!nim) {
+    std::fprintf(stderr, "Err: %s is not a readable NIfTI-1 file\n", fileName);
+    return nim;
+  }
+  // Sizes past dim[0] are unused and writers (nifticlib among them) leave them 0: a 3D
+  // image is one volume.
+  int* sizes[4] = {&nim->nx, &nim->ny, &nim->nz, &nim->nt};
+  for (int d = 1; d <= 4; ++d)
+    if (d > nim->dim[0]) *sizes[d - 1] = 1;
   return nim;
 }
 
@@ -148,10 +162,16 @@ PcdRawVolumeData* convert_to_sint16(const nifti_image* nim, const char* fileName
     maxAbs = std::max(maxAbs, std::fabs(v));
     if (integral && (v != std::floor(v) || v < -32768.0 || v > 32767.0)) integral = false;
   }
-  const double factor = integral || maxAbs == 0.0 ? 1.0 : 32767.0 / maxAbs;
-  if (factor != 1.0)
-    std::fprintf(stderr, "Warning: values of %s rescaled by %g into signed 16-bit\n", fileName,
-                 factor);
+  const bool rescale = !integral && maxAbs > 0.0;
+  // Below about 1.8e-304 the factor 32767 / maxAbs overflows to infinity (and 0 times
+  // infinity is NaN); dividing by maxAbs first keeps every value within -1..1.
+  const double factor = rescale ? 32767.0 / maxAbs : 1.0;
+  const bool divideFirst = !std::isfinite(factor);
+  if (rescale)
+    std::fprintf(stderr,
+                 "Warning: values of %s rescaled by %g into signed 16-bit (largest absolute "
+                 "value %g)\n",
+                 fileName, factor, maxAbs);
   if (nonFinite > 0)
     std::fprintf(stderr, "Warning: %zu NaN or infinite values of %s set to 0\n", nonFinite,
                  fileName);
@@ -173,12 +193,8 @@ PcdRawVolumeData* convert_to_sint16(const nifti_image* nim, const char* fileName
     }
     for (size_t i = 0; i < perVolume; ++i) {
       const double v = read(nim->data, first + i) * slope + inter;
-      if (!std::isfinite(v)) {
-        out[i] = 0;
-      } else {
-        const double r = std::nearbyint(v * factor);
-        out[i] = static_cast<int16_t>(std::clamp(r, -32768.0, 32767.0));
-      }
+      if (!std::isfinite(v)) out[i] = 0;
+      else out[i] = to_sint16(divideFirst ? v / maxAbs * 32767.0 : v * factor);
     }
   }
   return volume;

@@ -1,6 +1,8 @@
 // quorix-batch info and convert on hand-made inputs: options, warnings and exit statuses.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -102,6 +104,165 @@ TEST(BatchIo, BadLinesAndBadFilesFail) {
     EXPECT_NE(out.find("Err: "), std::string::npos) << out;
     EXPECT_FALSE(std::filesystem::exists(dir.file("out.dti"))) << line;
   }
+}
+
+// ---- data sets whose setting does not fit their volume --------------------------------
+
+// A DTI file built byte by byte: the 45-character magic, the volume (x, y, z, channel
+// count, type codes, colour codes, blocks) and the setting (channel count, So count, b
+// values, directions, reserved float, ready flag), all little-endian.
+struct DtiFileBytes {
+  std::vector<uint8_t> bytes;
+  void Int(int32_t v) {
+    uint8_t b[4];
+    std::memcpy(b, &v, 4);
+    bytes.insert(bytes.end(), b, b + 4);
+  }
+  void Float(float v) {
+    int32_t i;
+    std::memcpy(&i, &v, 4);
+    Int(i);
+  }
+  DtiFileBytes(PcdIntSize4D size, int32_t type, int32_t settingChannels, int32_t ready) {
+    const std::string magic = "# DTI data including PELLUCID raw volume data";
+    bytes.assign(magic.begin(), magic.end());
+    Int(size.x), Int(size.y), Int(size.z), Int(size.channels);
+    for (int c = 0; c < size.channels; ++c) Int(type);
+    for (int c = 0; c < size.channels; ++c) Int(0);
+    const int voxels = size.x * size.y * size.z;
+    for (int c = 0; c < size.channels; ++c)
+      for (int i = 0; i < voxels; ++i) {
+        // So 200, DWIs 100 + c: a plausible signal in either width
+        const int value = c == 0 ? 200 : 100 + c;
+        bytes.push_back(static_cast<uint8_t>(value));
+        if (type == SINT16) bytes.push_back(0);
+      }
+    Int(settingChannels), Int(1);
+    for (int c = 0; c < settingChannels; ++c) Float(c == 0 ? 0.0f : 1000.0f);
+    const float g[6][3] = {{0.707f, 0, 0.707f}, {-0.707f, 0, 0.707f}, {0, 0.707f, 0.707f},
+                           {0, 0.707f, -0.707f}, {0.707f, 0.707f, 0}, {-0.707f, 0.707f, 0}};
+    for (int c = 0; c < settingChannels; ++c)
+      for (int k = 0; k < 3; ++k) Float(c == 0 ? 0.0f : g[(c - 1) % 6][k]);
+    Float(2.0f);  // the voxel size
+    Int(ready);
+  }
+};
+
+// A raw volume file written by hand: the five header lines and the blocks.
+void WriteRawFile(const std::string& path, PcdIntSize4D size, const std::vector<int32_t>& types) {
+  std::string text = "# PELLUCID raw format file with header\n" + std::to_string(size.x) + " " +
+                     std::to_string(size.y) + " " + std::to_string(size.z) + " " +
+                     std::to_string(size.channels) + "\n";
+  for (int32_t t : types) text += std::to_string(t) + " ";
+  text += "\n";
+  for (size_t c = 0; c < types.size(); ++c) text += "0 ";
+  text += "\n";
+  const int voxels = size.x * size.y * size.z;
+  std::string body;
+  for (size_t c = 0; c < types.size(); ++c)
+    for (int i = 0; i < voxels; ++i) {
+      const int value = c == 0 ? 200 : 100 + static_cast<int>(c);
+      body.push_back(static_cast<char>(value));
+      if (types[c] == SINT16) body.push_back(0);
+    }
+  text += std::to_string(body.size()) + " uncompressed\n" + body;
+  quorix_test::WriteFileText(path, text);
+}
+
+// Runs quorix-batch with stdout and stderr kept apart.
+int RunBatch(const TempDir& dir, const std::string& arguments, std::string* err) {
+  const std::string errFile = dir.file("stderr.txt");
+  const int status = RunCommand(BuiltProgram("quorix-batch") + " " + arguments + " 2>" + errFile +
+                                " >" + dir.file("stdout.txt"));
+  *err = quorix_test::ReadFileText(errFile);
+  return status;
+}
+
+// Status 1, exactly one "Err: " line on stderr, no output file.
+void ExpectRefusedByTheCheck(const TempDir& dir, const std::string& input, const std::string& extra,
+                             const std::string& mention) {
+  const std::string outputs[2][2] = {{"channels", "out.raw"}, {"track", "out.tck"}};
+  for (const auto& [command, output] : outputs) {
+    SCOPED_TRACE(command + " " + input + extra);
+    std::string err;
+    const std::string arguments =
+        command == "channels" ? "channels " + input + extra + " -o " + dir.file(output)
+                              : "track " + input + extra + " --seed-box 0,0,0,1,1,0 --tck " + dir.file(output);
+    EXPECT_EQ(RunBatch(dir, arguments, &err), kBatchFailed) << err;
+    size_t errLines = 0;
+    for (size_t at = err.find("Err: "); at != std::string::npos; at = err.find("Err: ", at + 1))
+      ++errLines;
+    EXPECT_EQ(errLines, 1u) << err;
+    EXPECT_NE(err.find(mention), std::string::npos) << err;
+    EXPECT_FALSE(std::filesystem::exists(dir.file(output)));
+  }
+}
+
+// The earlier MPG layout with n equal to the channel count describes one channel more
+// than the volume holds; the setting keeps it, the analyses refuse it.
+TEST(BatchChecks, EarlierMpgLayoutOneChannelTooMany) {
+  TempDir dir;
+  WriteRawFile(dir.file("v.raw"), PcdIntSize4D{3, 3, 3, 7}, std::vector<int32_t>(7, SINT16));
+  std::string mpg = "7\n1000\n";
+  for (int i = 0; i < 7; ++i) mpg += "0.707 0.707 0\n";
+  quorix_test::WriteFileText(dir.file("old.mpg"), mpg);
+  ExpectRefusedByTheCheck(dir, dir.file("v.raw"), " --mpg " + dir.file("old.mpg"), "Err: ");
+
+  // six directions fit the seven channels: the same commands run
+  mpg = "6\n1000\n0.707 0 0.707\n-0.707 0 0.707\n0 0.707 0.707\n0 0.707 -0.707\n0.707 0.707 0\n"
+        "-0.707 0.707 0\n";
+  quorix_test::WriteFileText(dir.file("six.mpg"), mpg);
+  std::string err;
+  EXPECT_EQ(RunBatch(dir, "channels " + dir.file("v.raw") + " --mpg " + dir.file("six.mpg") + " -o " +
+                              dir.file("ok.raw"), &err), kBatchOk) << err;
+  EXPECT_TRUE(std::filesystem::exists(dir.file("ok.raw")));
+}
+
+// A current-layout file may take every channel of the volume, also one that is not
+// signed 16-bit.
+TEST(BatchChecks, CurrentMpgLayoutOverAnUnsigned8BitChannel) {
+  TempDir dir;
+  std::vector<int32_t> types(8, SINT16);
+  types[7] = UINT8;
+  WriteRawFile(dir.file("v.raw"), PcdIntSize4D{3, 3, 3, 8}, types);
+  std::string mpg = "#Quorix-II MPG description file (not used in earlier Quorix)\n"
+                    "1.0 0.0 0.0\n0.0 1.0 0.0\n8\n1\n0 0 0 0\n";
+  for (int i = 1; i < 8; ++i) mpg += "1000 0.707 0 0.707\n";
+  quorix_test::WriteFileText(dir.file("all.mpg"), mpg);
+  ExpectRefusedByTheCheck(dir, dir.file("v.raw"), " --mpg " + dir.file("all.mpg"), "channel 8");
+}
+
+// DTI files: unsigned 8-bit channels marked ready, a setting over more channels than the
+// volume holds, a volume one voxel thick.
+TEST(BatchChecks, DtiFilesWhoseSettingDoesNotFit) {
+  TempDir dir;
+  quorix_test::WriteFileBytes(dir.file("u8.dti"),
+                              DtiFileBytes(PcdIntSize4D{3, 3, 3, 7}, UINT8, 7, 1).bytes);
+  ExpectRefusedByTheCheck(dir, dir.file("u8.dti"), "", "channel 1");
+
+  quorix_test::WriteFileBytes(dir.file("wide.dti"),
+                              DtiFileBytes(PcdIntSize4D{3, 3, 3, 7}, SINT16, 9, 1).bytes);
+  ExpectRefusedByTheCheck(dir, dir.file("wide.dti"), "", "Err: ");
+
+  // one voxel thick: the maps are computed voxel by voxel, tracking interpolates
+  quorix_test::WriteFileBytes(dir.file("flat.dti"),
+                              DtiFileBytes(PcdIntSize4D{3, 3, 1, 7}, SINT16, 7, 1).bytes);
+  std::string err;
+  EXPECT_EQ(RunBatch(dir, "channels " + dir.file("flat.dti") + " -o " + dir.file("flat.raw"), &err),
+            kBatchOk) << err;
+  EXPECT_TRUE(std::filesystem::exists(dir.file("flat.raw")));
+  EXPECT_EQ(RunBatch(dir, "track " + dir.file("flat.dti") + " --seed-box 0,0,0,1,1,0 --tck " +
+                              dir.file("flat.tck"), &err), kBatchFailed) << err;
+  EXPECT_EQ(err.find("Err: "), err.rfind("Err: ")) << err;
+  EXPECT_NE(err.find("Err: "), std::string::npos) << err;
+  EXPECT_FALSE(std::filesystem::exists(dir.file("flat.tck")));
+
+  // the same bytes with fitting counts are accepted: the builder itself is sound
+  quorix_test::WriteFileBytes(dir.file("good.dti"),
+                              DtiFileBytes(PcdIntSize4D{3, 3, 3, 7}, SINT16, 7, 1).bytes);
+  EXPECT_EQ(RunBatch(dir, "track " + dir.file("good.dti") + " --seed-box 0,0,0,1,1,0 --tck " +
+                              dir.file("good.tck"), &err), kBatchOk) << err;
+  EXPECT_TRUE(std::filesystem::exists(dir.file("good.tck")));
 }
 
 }  // namespace
