@@ -67,6 +67,10 @@ void PCD_Delete2DArray(Pcd2DArray handle, int32_t sizeX, int32_t sizeY, int32_t 
 Pcd3DArray PCD_New3DArray(int32_t sizeX, int32_t sizeY, int32_t sizeZ, int32_t type);
 void PCD_Delete3DArray(Pcd3DArray handle, int32_t sizeX, int32_t sizeY, int32_t sizeZ,
                        int32_t type);
+// Blocks of 1 MB and more (and the channels of a volume that large together) lie in an
+// anonymous memory mapping instead of the heap; a 3D handle made here records which, and
+// deleting the last handle on a mapping unmaps it. 1 for a handle on such a block.
+int PCD_IsMapped3DArray(Pcd3DArray handle, int32_t sizeZ);
 
 // ---- the multi-channel volume ------------------------------------------------
 struct PcdRawVolumeData {
