@@ -400,7 +400,7 @@ void* check_completion_for_fiber_tracking(void* argument) {
     std::fprintf(stderr, "\rFiber tracking %d%% completed",
                  static_cast<int>(static_cast<float>(done) / static_cast<float>(total) * 100.0f));
     if (done >= total) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return nullptr;
 }
