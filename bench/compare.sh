@@ -62,7 +62,7 @@ compare() {
 "$batch" phantom --size 128,128,60 --directions 30 --noise 0.02 --no-truth -o "$work/noisy" 2>/dev/null
 for s in clean noisy; do "$batch" convert "$work/$s.nii.gz" -o "$work/$s.nii" 2>/dev/null; done
 mrconvert -quiet -coord 3 0 -axes 0,1,2 "$work/clean.nii" - | mrcalc -quiet - 0 -gt "$work/mask.nii" -datatype uint8
-voxels=$(mrstats -quiet -output sum "$work/mask.nii")
+voxels=$(mrstats -quiet -output count -mask "$work/mask.nii" "$work/mask.nii")
 echo "masked: phantom without noise, $voxels voxels with So > 0 fitted by every tool"
 compare "$work/clean" 0 "$work/mask.nii"
 echo "whole volume: phantom with 2% Rician noise, all $((128 * 128 * 60)) voxels fitted by every tool"

@@ -371,6 +371,57 @@ PcdRawVolumeData* PCD_NewRawVolumeData(const PcdIntSize4D* size, const int32_t* 
   return v;
 }
 
+PcdRawVolumeData* PCD_NewRawVolumeDataOnMapping(const PcdIntSize4D* size, const int32_t* dataType,
+                                                const int32_t* colorFormat, void* base,
+                                                size_t bytes, const size_t* offsets) {
+  if (size == nullptr || dataType == nullptr || colorFormat == nullptr || base == nullptr ||
+      offsets == nullptr || size->x <= 0 || size->y <= 0 || size->z <= 0 || size->channels <= 0)
+    return nullptr;
+  for (int32_t c = 0; c < size->channels; ++c) {
+    const int64_t count = ElementCount(size->x, size->y, size->z, dataType[c]);
+    const auto elem = static_cast<size_t>(PCD_SizeOfDataType(dataType[c]));
+    if (count < 0 || offsets[c] > bytes || static_cast<size_t>(count) > (bytes - offsets[c]) / elem ||
+        (reinterpret_cast<uintptr_t>(base) + offsets[c]) % elem != 0)
+      return nullptr;
+  }
+  auto* v = new (std::nothrow) PcdRawVolumeData;
+  if (v == nullptr) return nullptr;
+  const auto n = static_cast<size_t>(size->channels);
+  v->matrixSize = static_cast<PcdIntSize4D*>(std::malloc(sizeof(PcdIntSize4D)));
+  v->dataType = static_cast<int32_t*>(std::calloc(n, sizeof(int32_t)));
+  v->colorFormat = static_cast<int32_t*>(std::calloc(n, sizeof(int32_t)));
+  v->data = static_cast<void**>(std::calloc(n, sizeof(void*)));
+  v->array3D = static_cast<Pcd3DArray*>(std::calloc(n, sizeof(Pcd3DArray)));
+  auto* mapped = static_cast<MappedBlock*>(std::malloc(sizeof(MappedBlock)));
+  if (!v->matrixSize || !v->dataType || !v->colorFormat || !v->data || !v->array3D || !mapped) {
+    std::free(mapped);
+    FreeVolumeShell(v);
+    return nullptr;
+  }
+  *v->matrixSize = *size;
+  *mapped = {base, bytes, 1};  // held while the handles are made
+  for (int32_t c = 0; c < size->channels; ++c) {
+    Pcd3DArray a = HandleOnBlock(static_cast<uint8_t*>(base) + offsets[c], size->x, size->y, size->z,
+                                 static_cast<size_t>(PCD_SizeOfDataType(dataType[c])), mapped);
+    if (a == nullptr) {
+      // the mapping goes back to the caller untouched
+      for (int32_t k = 0; k < c; ++k) {
+        for (int32_t z = 0; z < size->z; ++z) std::free(v->array3D[k][z]);
+        std::free(v->array3D[k]);
+      }
+      std::free(mapped);
+      FreeVolumeShell(v);
+      return nullptr;
+    }
+    v->array3D[c] = a;
+    v->data[c] = a[0][0];
+    v->dataType[c] = dataType[c];
+    v->colorFormat[c] = colorFormat[c];
+  }
+  ReleaseBlock(mapped);
+  return v;
+}
+
 PcdRawVolumeData* PCD_NewSingleChannelRawVolumeData(const PcdIntSize3D* size,
                                                     int32_t dataType, int32_t colorFormat) {
   if (size == nullptr) return nullptr;

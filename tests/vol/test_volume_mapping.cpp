@@ -143,4 +143,93 @@ TEST(VolumeMapping, RawVolumeFileOfALargeVolumeReadsBackByteForByte) {
   PCD_DeleteRawVolumeData(v);
 }
 
+// A raw volume file built by hand: 4 x 3 x 2 with two SINT16 channels, or 3 x 3 x 1 with
+// a UINT8 channel between the two (which puts the second SINT16 block on the other parity
+// than the first); pad extra bytes between the header and the body (which the reader
+// allows: the body is the file's last bytes).
+std::vector<uint8_t> HandBuiltFile(size_t pad, bool withByteChannel, std::vector<uint8_t>* body) {
+  const std::string types = withByteChannel ? "3 0 3 \n" : "3 3 \n";
+  const std::string formats = withByteChannel ? "0 0 0 \n" : "0 0 \n";
+  const size_t bytes = withByteChannel ? 9 * 2 + 9 + 9 * 2 : 24 * 2 * 2;
+  const std::string header = std::string("# PELLUCID raw format file with header\n") +
+                             (withByteChannel ? "3 3 1 3\n" : "4 3 2 2\n") + types + formats +
+                             std::to_string(bytes) + " uncompressed\n";
+  body->clear();
+  for (size_t i = 0; i < bytes; ++i) body->push_back(static_cast<uint8_t>(i * 7 + 3));
+  std::vector<uint8_t> file(header.begin(), header.end());
+  file.insert(file.end(), pad, static_cast<uint8_t>('#'));
+  file.insert(file.end(), body->begin(), body->end());
+  return file;
+}
+
+void Save(const std::string& path, const std::vector<uint8_t>& bytes) {
+  FILE* f = std::fopen(path.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+  std::fclose(f);
+}
+
+std::vector<uint8_t> Load(const std::string& path) {
+  std::vector<uint8_t> bytes(1 << 16);
+  FILE* f = std::fopen(path.c_str(), "rb");
+  bytes.resize(f != nullptr ? std::fread(bytes.data(), 1, bytes.size(), f) : 0);
+  if (f != nullptr) std::fclose(f);
+  return bytes;
+}
+
+TEST(VolumeMapping, AlignedBodiesAreMappedFromTheFileAndOthersRead) {
+  const std::string path = testing::TempDir() + "hand_" + std::to_string(getpid()) + ".raw";
+  std::vector<uint8_t> body;
+  for (const bool withByteChannel : {false, true}) {
+    for (size_t pad = 0; pad < 16; ++pad) {
+      const std::vector<uint8_t> file = HandBuiltFile(pad, withByteChannel, &body);
+      Save(path, file);
+      const size_t offset = file.size() - body.size();
+      std::string info;
+      PcdRawVolumeData* v = ReadRawVolumeFileMapped(path.c_str(), &info);
+      ASSERT_NE(v, nullptr);
+      EXPECT_EQ(info, "Data Source: PELLUCID file: \nFile name: " + path + "\n");
+      // with the byte channel one of the SINT16 blocks is always on an odd offset
+      const bool aligned = !withByteChannel && offset % 2 == 0;
+      const size_t voxels = withByteChannel ? 9 : 24;
+      size_t at = 0;
+      for (int c = 0; c < v->matrixSize->channels; ++c) {
+        EXPECT_EQ(PCD_IsMapped3DArray(v->array3D[c], v->matrixSize->z), aligned ? 1 : 0) << pad << " " << c;
+        const size_t bytes = voxels * static_cast<size_t>(PCD_SizeOfDataType(v->dataType[c]));
+        EXPECT_EQ(std::memcmp(v->data[c], body.data() + at, bytes), 0) << pad << " " << c;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(v->data[c]) % static_cast<uintptr_t>(PCD_SizeOfDataType(v->dataType[c])), 0u);
+        at += bytes;
+      }
+      // writing to the volume never reaches the file
+      static_cast<int16_t*>(v->data[0])[5] = -1;
+      static_cast<uint8_t*>(v->data[v->matrixSize->channels - 1])[0] ^= 0xFF;
+      EXPECT_EQ(Load(path), file);
+      // and a channel converted away leaves the others on the mapping readable
+      ASSERT_EQ(PCD_ConvertChannelDataType(v, 0, FLOAT32, PCD_CONVERT_CLAMP, 0, 0), 0);
+      EXPECT_EQ(std::memcmp(static_cast<uint8_t*>(v->data[1]) + 1, body.data() + 2 * voxels + 1,
+                            withByteChannel ? voxels - 1 : 2 * voxels - 1),
+                0);
+      PCD_DeleteRawVolumeData(v);
+    }
+  }
+  // a file that is not one is refused as by the copying reader
+  Save(path, {'n', 'o', '\n'});
+  std::string info;
+  EXPECT_EQ(ReadRawVolumeFileMapped(path.c_str(), &info), nullptr);
+  std::remove(path.c_str());
+}
+
+TEST(VolumeMapping, SameFileKnowsAPathFromAnotherNameOfIt) {
+  const std::string dir = testing::TempDir();
+  const std::string a = dir + "same_a_" + std::to_string(getpid()), b = dir + "same_b_" + std::to_string(getpid());
+  Save(a, {1, 2, 3});
+  Save(b, {1, 2, 3});
+  EXPECT_EQ(PCD_IsSameFile(a.c_str(), a.c_str()), 1);
+  EXPECT_EQ(PCD_IsSameFile(a.c_str(), (dir + "./same_a_" + std::to_string(getpid())).c_str()), 1);
+  EXPECT_EQ(PCD_IsSameFile(a.c_str(), b.c_str()), 0);  // equal bytes, another file
+  EXPECT_EQ(PCD_IsSameFile(a.c_str(), (a + ".missing").c_str()), 0);
+  std::remove(a.c_str());
+  std::remove(b.c_str());
+}
+
 }  // namespace
