@@ -106,6 +106,22 @@ void narrow_tabs(GtkWidget* notebook) {
   g_object_unref(css);
 }
 
+// Plain-letter accelerators (the palette frame's F, L, N, B, G) must not take typing away
+// from the memo or an entry: a text widget with the focus sees unmodified keys first, and
+// only keys it leaves unhandled go on to the accelerators and mnemonics.
+gboolean on_window_key_press(GtkWidget* window, GdkEventKey* event, gpointer) {
+  GtkWidget* focus = gtk_window_get_focus(GTK_WINDOW(window));
+  const bool typing =
+      focus != nullptr &&
+      ((GTK_IS_TEXT_VIEW(focus) && gtk_text_view_get_editable(GTK_TEXT_VIEW(focus))) ||
+       (GTK_IS_EDITABLE(focus) && gtk_editable_get_editable(GTK_EDITABLE(focus))));
+  const guint commandKeys = GDK_CONTROL_MASK | GDK_MOD1_MASK | GDK_SUPER_MASK;
+  if (typing && (event->state & commandKeys) == 0 &&
+      gtk_window_propagate_key_event(GTK_WINDOW(window), event))
+    return TRUE;
+  return FALSE;  // the window's own handling: accelerators, mnemonics, then the focus
+}
+
 void append_page(GtkWidget* notebook, GtkWidget* page, const char* label) {
   gtk_notebook_append_page(GTK_NOTEBOOK(notebook), page, gtk_label_new(label));
 }
@@ -116,6 +132,7 @@ bool PCD_BuildMainWindow() {
   PcdAppState* app = pcd_app;
   app->window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   g_signal_connect(app->window, "destroy", G_CALLBACK(on_window_destroy), nullptr);
+  g_signal_connect(app->window, "key-press-event", G_CALLBACK(on_window_key_press), nullptr);
   gtk_widget_set_size_request(app->window, kPcdWindowWidth, kPcdWindowHeight);
   gtk_window_set_default_size(GTK_WINDOW(app->window), kPcdWindowWidth, kPcdWindowHeight);
   gtk_window_set_title(GTK_WINDOW(app->window), kPcdWindowTitle);

@@ -49,6 +49,21 @@ struct Server : quorix_test::ServerProcess {
 };
 
 // A small DWI phantom as the viewer's volume: 1 So + 6 DWIs.
+// The console is standard error: the given pieces stand there in this order (the MPG dump
+// and progress lines may come between them), and nothing goes to standard output.
+testing::AssertionResult ConsoleHasInOrder(const std::string& err, const std::string& out,
+                                           const std::vector<std::string>& pieces) {
+  if (!out.empty()) return testing::AssertionFailure() << "on standard output: " << out;
+  size_t at = 0;
+  for (const std::string& piece : pieces) {
+    const size_t found = err.find(piece, at);
+    if (found == std::string::npos)
+      return testing::AssertionFailure() << "missing or out of order: " << piece << "\nin: " << err;
+    at = found + piece.size();
+  }
+  return testing::AssertionSuccess();
+}
+
 std::string WritePhantom(const TempDir& dir) {
   PcdDtiData* dti =
       PCD_MakeDwiPhantom({.sizeX = 12, .sizeY = 10, .sizeZ = 4, .directions = 6}, nullptr);
@@ -72,6 +87,28 @@ void RecordDialogs() {
     }
     return PcdDialogAnswer{kPcdDialogCancel, ""};
   });
+}
+
+// A key pressed while the main window has the input focus, as the X server delivers it.
+void PressKey(guint keyval, guint modifiers = 0) {
+  GdkEvent* event = gdk_event_new(GDK_KEY_PRESS);
+  event->key.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(pcd_app->window)));
+  event->key.send_event = FALSE;
+  event->key.time = GDK_CURRENT_TIME;
+  event->key.state = modifiers;
+  event->key.keyval = keyval;
+  GdkKeymapKey* keys = nullptr;
+  gint count = 0;
+  GdkDisplay* display = gtk_widget_get_display(pcd_app->window);
+  if (gdk_keymap_get_entries_for_keyval(gdk_keymap_get_for_display(display), keyval, &keys, &count) &&
+      count > 0) {
+    event->key.hardware_keycode = static_cast<guint16>(keys[0].keycode);
+    event->key.group = static_cast<guint8>(keys[0].group);
+  }
+  g_free(keys);
+  gdk_event_set_device(event, gdk_seat_get_keyboard(gdk_display_get_default_seat(display)));
+  gtk_main_do_event(event);
+  gdk_event_free(event);
 }
 
 std::string PageLabel(int page) {
@@ -117,9 +154,12 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
 
   testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   ASSERT_EQ(PCD_InitializeApplication(2, argv), 1);
-  const std::string console = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(console, "IPC available (IPC Client initialization succeeded)\n>> Establishing connection ... OK\n");
+  std::string err = testing::internal::GetCapturedStderr();
+  std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(err.rfind("IPC available (IPC Client initialization succeeded)\n>> Establishing connection ... OK\n", 0), 0u) << err;
+  EXPECT_EQ(out, "");
   EXPECT_EQ(pcd_app->viewerSessionNumber, server.number);
   EXPECT_EQ(pcd_app->viewerObjectId, 1);
   EXPECT_EQ(pcd_app->memo, "Data Source: IPC with PELLUCID\nMatrix size: 12x10x4 x 7(ch)\n");
@@ -185,13 +225,36 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   EXPECT_EQ(g_seen.back().text, "This is NOT a PELLUCID file.");
   EXPECT_EQ(g_seen.back().title, "Warning");
 
+  // typing into the memo: plain letters are text there, not the palette frame's commands;
+  // the same letter elsewhere and control keys in the memo still reach the menu
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 2);
+  DrainEvents();
+  gtk_widget_grab_focus(pcd_app->memoView);
+  ASSERT_EQ(gtk_window_get_focus(GTK_WINDOW(pcd_app->window)), pcd_app->memoView);
+  g_seen.clear();
+  for (guint key : {GDK_KEY_F, GDK_KEY_l, GDK_KEY_N, GDK_KEY_b, GDK_KEY_G}) PressKey(key);
+  EXPECT_TRUE(g_seen.empty());
+  EXPECT_NE(pcd_app->memo.find("FlNbG"), std::string::npos) << pcd_app->memo;
+  PressKey(GDK_KEY_q, GDK_CONTROL_MASK);
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].text, "Do you REALLY quit the program?");
+  gtk_widget_grab_focus(pcd_app->notebook);
+  g_seen.clear();
+  PressKey(GDK_KEY_F);
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].text, "Not implemented yet.");
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 0);
+
   // the computed channels are appended and sent to the viewer
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   cmd_add_computational_channels(nullptr, 0, nullptr);
-  testing::internal::GetCapturedStderr();
-  const std::string added = testing::internal::GetCapturedStdout();
-  EXPECT_NE(added.find("4 channels added.\n"), std::string::npos) << added;
+  err = testing::internal::GetCapturedStderr();
+  out = testing::internal::GetCapturedStdout();
+  const std::string sent = "Sending a computational channel to PELLUCID...";
+  EXPECT_TRUE(ConsoleHasInOrder(err, out, {"Analysis completed in ", " sec.\n", sent, "done.\n", sent,
+                                           "done.\n", sent, "done.\n", sent, "done.\n",
+                                           "4 channels added.\n"}));
   EXPECT_EQ(pcd_app->volume->matrixSize->channels, 11);
   size_t channels = 0;
   for (const auto& e : std::filesystem::directory_iterator(dir.path() / "saved"))
@@ -207,9 +270,11 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   EXPECT_EQ(g_seen.back().text, "Not implemented yet.");
 
   testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   PCD_CleanUpApplication();
-  const std::string bye = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(bye, "Requesting removal of Object 1\nClean-up old objects OK\n");
+  err = testing::internal::GetCapturedStderr();
+  out = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(ConsoleHasInOrder(err, out, {"Requesting removal of Object 1\n", "Clean-up old objects OK\n"}));
   EXPECT_EQ(pcd_app, nullptr);
   PCD_SetDialogResponder(nullptr);
 }
@@ -266,12 +331,11 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, nullptr);
-  testing::internal::GetCapturedStderr();
-  const std::string loaded = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(loaded,
-            "Volume data OK. Replacing.\nVoxel size is specified as 2.500000 mm.\n"
-            "ROI cleaned in PELLUCID.\nClean-up old objects OK\nTransfering to PELLUCID... done\n")
-      << loaded;
+  const std::string loaded = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(ConsoleHasInOrder(loaded, testing::internal::GetCapturedStdout(),
+                                {"Volume data OK. Replacing.\n", "  MPG setting seems to be ready",
+                                 "Voxel size is specified as 2.500000 mm.\n", "ROI cleaned in PELLUCID.\n",
+                                 "Clean-up old objects OK\n", "Transfering to PELLUCID... done\n"}));
   ASSERT_EQ(g_seen.size(), 4u);
   EXPECT_EQ(g_seen[2].text, "voxel size(mm)");
   EXPECT_EQ(g_seen[2].initialText, "1.0");
@@ -317,8 +381,42 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   cmd_quit(nullptr, 0, nullptr);
   EXPECT_TRUE(g_seen.empty());
 
+  // no maps from a setting that is not ready: the notice says why, nothing is appended
+  testing::internal::CaptureStderr();
+  cmd_add_computational_channels(nullptr, 0, nullptr);
+  const std::string refused = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(refused, "Err: MPG setting NOT ready. Analysis NOT executable.\n");
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].title, "Important Notice");
+  EXPECT_EQ(g_seen[0].text, refused);
+  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 7);
+
+  // an explicit setting over more channels than the volume holds is refused the same way
+  pcd_app->dti->channelCount = 9;
+  pcd_app->dti->isReady = 1;
+  g_seen.clear();
+  testing::internal::CaptureStderr();
+  cmd_add_computational_channels(nullptr, 0, nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Err: the MPG setting describes 9 channels but the volume holds 7\n");
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 7);
+
+  // a cancelled voxel size question keeps the size the new volume came with (none)
+  g_seen.clear();
+  g_answers = {{kPcdConfirmYes, ""}, chosen(dir.file("vol.raw")), {kPcdDialogCancel, ""}};
+  testing::internal::CaptureStderr();
+  PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, nullptr);
+  const std::string cancelled = testing::internal::GetCapturedStderr();
+  ASSERT_GE(g_seen.size(), 3u);
+  EXPECT_EQ(g_seen[2].text, "voxel size(mm)");
+  EXPECT_EQ(pcd_app->dti->reserved, 0.0f);
+  EXPECT_EQ(cancelled.find("Voxel size is specified"), std::string::npos) << cancelled;
+
   testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   PCD_CleanUpApplication();
+  testing::internal::GetCapturedStderr();
   testing::internal::GetCapturedStdout();
   PCD_SetDialogResponder(nullptr);
 }
@@ -334,10 +432,12 @@ TEST(DesktopProgram, StartUpFailuresEndQuietlyWithStatusZero) {
   Server server(WritePhantom(dir), dir.path().string());
   if (quorix_test::RunCommand("command -v xvfb-run >/dev/null") != 0) GTEST_SKIP() << "no xvfb-run";
   EXPECT_EQ(quorix_test::RunCommand("xvfb-run -a -s '-screen 0 640x480x16' " + quorix + " " +
-                                        std::to_string(server.number) + " 2>/dev/null",
+                                        std::to_string(server.number) + " 2>&1",
                                     &out),
             0);
-  EXPECT_EQ(out, "IPC available (IPC Client initialization succeeded)\n");
+  // Xvfb may add lines of its own; ours is the link's line and nothing of the window
+  EXPECT_NE(out.find("IPC available (IPC Client initialization succeeded)\n"), std::string::npos) << out;
+  EXPECT_EQ(out.find("Establishing connection"), std::string::npos) << out;
 }
 
 // Every command of the main menu stands at its path with its accelerator (plain letters
