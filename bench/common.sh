@@ -12,22 +12,39 @@ bench_setup() {
   trap 'rm -rf "$work"' EXIT
 }
 
-# Wall time of one run of a shell command, in seconds; a failing command stops the
+# One run of a shell command: prints "WALL CPU" in seconds (CPU = user + system time of
+# the process and its children). On a shared machine the wall time follows the load; the
+# CPU time is the steadier measure of the work done. A failing command stops the
 # comparison (a tool that gives up early would look fast).
 run() {
-  local s e
+  local s e cpu
   s=$(date +%s.%N)
-  bash -c "$1" >/dev/null 2>"$work/last_error" || {
+  /usr/bin/time -f "%U %S" -o "$work/last_time" bash -c "$1" >/dev/null 2>"$work/last_error" || {
     echo "Err: failed: $1" >&2
     tail -3 "$work/last_error" >&2
     return 1
   }
   e=$(date +%s.%N)
-  awk -v a="$s" -v b="$e" 'BEGIN {printf "%.4f", b - a}'
+  cpu=$(awk '{print $1 + $2}' "$work/last_time")
+  awk -v a="$s" -v b="$e" -v c="$cpu" 'BEGIN {printf "%.4f %.3f", b - a, c}'
 }
 
 # Median of the numbers on standard input (blank-separated).
 median() {
   tr ' ' '\n' | grep -v '^$' | sort -g |
     awk '{a[NR]=$1} END {print (NR%2 ? a[(NR+1)/2] : (a[NR/2]+a[NR/2+1])/2)}'
+}
+
+# Runs the named commands round by round, interleaved (A B C A B C ...), and fills the
+# associative arrays wall[name] and cpu[name] with the blank-separated times.
+# Usage: paired_rounds NAME... (the commands in the array cmd, same order).
+paired_rounds() {
+  local r i t
+  for ((r = 0; r < rounds; ++r)); do
+    for i in "${!names[@]}"; do
+      t=$(run "${cmd[$i]}") || exit 1
+      wall[${names[$i]}]+="${t% *} "
+      cpu[${names[$i]}]+="${t#* } "
+    done
+  done
 }

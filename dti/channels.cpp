@@ -189,7 +189,7 @@ void* check_completion_for_channel_computation(void* argument) {
     std::fprintf(stderr, "\rAdditional channels computation %d%% completed",
                  static_cast<int>(percent));
     if (done >= total) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return nullptr;
 }

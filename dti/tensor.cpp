@@ -6,7 +6,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <climits>
 #include <new>
+#include <thread>
 #include <type_traits>
 #include <utility>
 
@@ -171,27 +173,66 @@ void InterpolateInterleaved(const int16_t* data, int32_t channels, const PcdTril
 
 }  // namespace
 
-std::vector<int16_t> PCDdti_InterleaveChannels(const PcdDtiData* dti) {
-  const auto voxels = static_cast<size_t>(PCD_GetNumberOfVoxels(dti->volume));
-  const auto channels = static_cast<size_t>(dti->channelCount);
-  std::vector<int16_t> out;
-  try {
-    out.resize(voxels * channels);
-  } catch (const std::bad_alloc&) {
-    return {};
+PcdVoxelMajorSignals::~PcdVoxelMajorSignals() {
+  PCD_Delete3DArray(handle, sizeX * channels, sizeY, sizeZ, SINT16);
+}
+
+bool PCDdti_PrepareVoxelMajorSignals(const PcdDtiData* dti, PcdVoxelMajorSignals* s) {
+  const PcdIntSize4D& size = *dti->volume->matrixSize;
+  const int64_t rowLength = static_cast<int64_t>(size.x) * dti->channelCount;
+  if (rowLength > INT32_MAX || s->handle != nullptr) return false;
+  const auto rows = static_cast<size_t>(size.y) * static_cast<size_t>(size.z);
+  // a large copy is a fresh mapping whose pages cost nothing until a row is made in them
+  s->handle = PCD_New3DArray(static_cast<int32_t>(rowLength), size.y, size.z, SINT16);
+  s->rowState.reset(new (std::nothrow) std::atomic<uint8_t>[rows]());
+  if (s->handle == nullptr || s->rowState == nullptr) {
+    PCD_Delete3DArray(s->handle, static_cast<int32_t>(rowLength), size.y, size.z, SINT16);
+    s->handle = nullptr;
+    s->rowState.reset();
+    return false;
   }
-  // a block of voxels at a time, so that the rows being written stay in cache while
-  // every channel visits them
-  constexpr size_t kBlock = 512;
-  for (size_t first = 0; first < voxels; first += kBlock) {
-    const size_t end = std::min(voxels, first + kBlock);
-    for (size_t c = 0; c < channels; ++c) {
-      const auto* block = static_cast<const int16_t*>(dti->volume->data[c]);
-      int16_t* to = out.data() + c;
-      for (size_t v = first; v < end; ++v) to[v * channels] = block[v];
-    }
+  s->volume = dti->volume;
+  s->channels = dti->channelCount;
+  s->sizeX = size.x;
+  s->sizeY = size.y;
+  s->sizeZ = size.z;
+  s->copy = static_cast<int16_t*>(s->handle[0][0]);
+  return true;
+}
+
+namespace {
+
+// Row r (y + sizeY * z) of every channel into the copy: the one writer of the row.
+void MakeVoxelMajorRow(PcdVoxelMajorSignals* s, size_t r) {
+  const auto n = static_cast<size_t>(s->sizeX), channels = static_cast<size_t>(s->channels);
+  int16_t* to = s->copy + r * n * channels;
+  for (size_t c = 0; c < channels; ++c) {
+    const int16_t* from = static_cast<const int16_t*>(s->volume->data[c]) + r * n;
+    for (size_t x = 0; x < n; ++x) to[x * channels + c] = from[x];
   }
-  return out;
+}
+
+void EnsureVoxelMajorRow(PcdVoxelMajorSignals* s, size_t r) {
+  std::atomic<uint8_t>& state = s->rowState[r];
+  if (state.load(std::memory_order_acquire) == 2) return;
+  uint8_t empty = 0;
+  if (state.compare_exchange_strong(empty, 1, std::memory_order_acquire)) {
+    MakeVoxelMajorRow(s, r);
+    state.store(2, std::memory_order_release);
+    return;
+  }
+  // another thread is making it: a row takes microseconds
+  while (state.load(std::memory_order_acquire) != 2) std::this_thread::yield();
+}
+
+}  // namespace
+
+const int16_t* PCDdti_VoxelMajorSignalsFor(PcdVoxelMajorSignals* s,
+                                          const PcdTrilinearStencil& stencil) {
+  // corners 0, 2, 4, 6 start the four rows the stencil reads (1, 3, 5, 7 are their x + 1)
+  const auto n = static_cast<size_t>(s->sizeX);
+  for (int i = 0; i < 8; i += 2) EnsureVoxelMajorRow(s, stencil.offset[i] / n);
+  return s->copy;
 }
 
 bool PCDdti_PreparePseudoInverse(const PcdDtiData* dti, PcdDiffusionTensorData* r) {
@@ -256,9 +297,10 @@ int PCDdti_CalcDiffusionTensor(const PcdDtiData* dti, PcdDiffusionTensorData* re
   const PcdIntSize4D& s = *dti->volume->matrixSize;
   const PcdTrilinearStencil stencil =
       PCD_GetTrilinearStencil(s.x, s.y, s.z, position->x, position->y, position->z);
-  if (record->interleaved != nullptr) {
+  if (record->voxelMajor != nullptr) {
     float S[kPcdDtiMaxChannels];
-    InterpolateInterleaved(record->interleaved, dti->channelCount, stencil, S, 1);
+    InterpolateInterleaved(PCDdti_VoxelMajorSignalsFor(record->voxelMajor, stencil),
+                           dti->channelCount, stencil, S, 1);
     return Estimate(dti, record, [&](int32_t c) { return S[c]; });
   }
   return Estimate(dti, record, [&](int32_t c) {
@@ -266,15 +308,16 @@ int PCDdti_CalcDiffusionTensor(const PcdDtiData* dti, PcdDiffusionTensorData* re
   });
 }
 
-void PCDdti_InterpolateIntoTensorBatch(const PcdDtiData* dti, const int16_t* interleaved,
+void PCDdti_InterpolateIntoTensorBatch(const PcdDtiData* dti, PcdVoxelMajorSignals* voxelMajor,
                                        const PcdVector3D* position, PcdTensorBatch* batch,
                                        int32_t v) {
   const PcdIntSize4D& s = *dti->volume->matrixSize;
   const PcdTrilinearStencil stencil =
       PCD_GetTrilinearStencil(s.x, s.y, s.z, position->x, position->y, position->z);
   float* S = batch->signal.data() + v;
-  if (interleaved != nullptr) {
-    InterpolateInterleaved(interleaved, dti->channelCount, stencil, S, kPcdTensorLanes);
+  if (voxelMajor != nullptr) {
+    InterpolateInterleaved(PCDdti_VoxelMajorSignalsFor(voxelMajor, stencil), dti->channelCount,
+                           stencil, S, kPcdTensorLanes);
     return;
   }
   for (int32_t c = 0; c < dti->channelCount; ++c)

@@ -7,7 +7,9 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "dti/dti_data.h"
@@ -23,6 +25,8 @@
 #else
 #define PCD_WIDE_VECTORS
 #endif
+
+struct PcdVoxelMajorSignals;
 
 struct PcdDiffusionTensorData {
   float** tensor = nullptr;  // 4 x 4, indices 1..3; eigenvectors in columns after diagonalising
@@ -46,12 +50,37 @@ struct PcdDiffusionTensorData {
   std::vector<float> cachedSetting;
   PcdVector* solution = nullptr;
 
-  // Optional, not owned: the data set's channels 0 .. channelCount-1 side by side for
-  // every voxel (voxel-major), shared read-only by the threads of a run. Point estimates
-  // then read one short run per stencil corner instead of one block per channel; the
-  // values are the same.
-  const int16_t* interleaved = nullptr;
+  // Optional, not owned: the data set's signals voxel-major (see below), shared by the
+  // threads of a run. Point estimates then read one short run per stencil corner instead
+  // of one block per channel; the values are the same.
+  PcdVoxelMajorSignals* voxelMajor = nullptr;
 };
+
+// The data set's channels 0 .. channelCount-1 side by side for every voxel, made one row
+// (an x row of every channel) at a time, the first time a read needs that row: a run pays
+// only for the part of the volume it visits, and a run that visits little (a few seeds)
+// costs next to nothing. Shared by the threads of one run; the volume and its channels
+// must stay as they are while it lives.
+struct PcdVoxelMajorSignals {
+  const PcdRawVolumeData* volume = nullptr;
+  int32_t channels = 0;
+  int32_t sizeX = 0, sizeY = 0, sizeZ = 0;
+  int16_t* copy = nullptr;  // sizeX * channels per row, rows in (y, z) order
+  Pcd3DArray handle = nullptr;
+  // per row: 0 not made, 1 being made by one thread, 2 made (released to every reader)
+  std::unique_ptr<std::atomic<uint8_t>[]> rowState;
+
+  PcdVoxelMajorSignals() = default;
+  PcdVoxelMajorSignals(const PcdVoxelMajorSignals&) = delete;
+  PcdVoxelMajorSignals& operator=(const PcdVoxelMajorSignals&) = delete;
+  ~PcdVoxelMajorSignals();
+};
+// Sets up the (still empty) copy for a data set; false when memory for it cannot be had,
+// and the reads then go to the channel blocks.
+bool PCDdti_PrepareVoxelMajorSignals(const PcdDtiData* dti, PcdVoxelMajorSignals* signals);
+// The copy, with the rows of the stencil's eight corners made.
+const int16_t* PCDdti_VoxelMajorSignalsFor(PcdVoxelMajorSignals* signals,
+                                          const PcdTrilinearStencil& stencil);
 
 // Voxels estimated side by side with one record's pseudo-inverse. Each voxel goes through
 // the arithmetic of PCDdti_CalcDiffusionTensorAtVoxel step for step; taking the voxels of
@@ -85,8 +114,8 @@ void PCDdti_LogRatiosAsFloats(const float* S, const double* inverse, const doubl
 void PCDdti_EstimateTensorBatch(const PcdDtiData* dti, const PcdDiffusionTensorData* record,
                                 PcdTensorBatch* batch);
 // The signals at a point in voxel units, interpolated as PCDdti_CalcDiffusionTensor reads
-// them (from the interleaved copy when given), into lane v of the batch.
-void PCDdti_InterpolateIntoTensorBatch(const PcdDtiData* dti, const int16_t* interleaved,
+// them (from the voxel-major copy when given), into lane v of the batch.
+void PCDdti_InterpolateIntoTensorBatch(const PcdDtiData* dti, PcdVoxelMajorSignals* voxelMajor,
                                        const PcdVector3D* position, PcdTensorBatch* batch,
                                        int32_t v);
 // The eigen-systems of every voxel of an estimated batch, each as
@@ -98,9 +127,6 @@ void PCDdti_TakeFromTensorBatch(const PcdTensorBatch* batch, int32_t v,
                                 PcdDiffusionTensorData* record);
 void PCDdti_TakeDiagonalizedFromTensorBatch(const PcdTensorBatch* batch, int32_t v,
                                             PcdDiffusionTensorData* record);
-
-// The interleaved copy a record may read from (see above), or empty when memory runs out.
-std::vector<int16_t> PCDdti_InterleaveChannels(const PcdDtiData* dti);
 
 PcdDiffusionTensorData* PCDdti_NewDiffusionTensorData(int32_t channelCount, int32_t soCount);
 void PCDdti_DeleteDiffusionTensorData(PcdDiffusionTensorData* record);

@@ -323,7 +323,7 @@ class LaneTracker {
         Finish(h);
         continue;
       }
-      PCDdti_InterpolateIntoTensorBatch(w_->dti, w_->interleaved, &h.c, &batch_, batch_.count);
+      PCDdti_InterpolateIntoTensorBatch(w_->dti, w_->voxelMajor, &h.c, &batch_, batch_.count);
       lanesOfBatch[batch_.count++] = k;
     }
     if (batch_.count > 0) {
@@ -383,7 +383,7 @@ bool TrackSeeds(PcdTrackingWork* w, PcdDiffusionTensorData* tensor) {
 void* threaded_fiber_tracking(void* argument) {
   auto* w = static_cast<PcdTrackingWork*>(argument);
   PcdDiffusionTensorData* tensor = PCDdti_NewDiffusionTensorData(w->dti->channelCount, w->dti->soCount);
-  if (tensor != nullptr) tensor->interleaved = w->interleaved;
+  if (tensor != nullptr) tensor->voxelMajor = w->voxelMajor;
   if (tensor == nullptr || !TrackSeeds(w, tensor)) std::fputs("insufficient memory\n", stderr);
   PCDdti_DeleteDiffusionTensorData(tensor);
   w->done.store(w->last - w->first + 1, std::memory_order_relaxed);  // lets progress end
@@ -400,7 +400,7 @@ void* check_completion_for_fiber_tracking(void* argument) {
     std::fprintf(stderr, "\rFiber tracking %d%% completed",
                  static_cast<int>(static_cast<float>(done) / static_cast<float>(total) * 100.0f));
     if (done >= total) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return nullptr;
 }
@@ -434,7 +434,8 @@ PcdFibeTrakBuffer* PCDdti_FiberTracking(const PcdDtiData* dti, PcdFibeTrakContex
 
   // every node reads all channels at one point: side by side they cost one short read per
   // stencil corner (without memory for the copy, the channel blocks serve as they are)
-  const std::vector<int16_t> interleaved = PCDdti_InterleaveChannels(dti);
+  PcdVoxelMajorSignals voxelMajor;
+  const bool sideBySide = PCDdti_PrepareVoxelMajorSignals(dti, &voxelMajor);
   std::vector<int32_t> counts(static_cast<size_t>(threads));
   const int32_t used = distribute_objects_to_threads_optimally(context->seedCount, threads, counts.data());
   std::unique_ptr<PcdTrackingWork[]> works(new PcdTrackingWork[static_cast<size_t>(used > 0 ? used : 1)]);
@@ -450,7 +451,7 @@ PcdFibeTrakBuffer* PCDdti_FiberTracking(const PcdDtiData* dti, PcdFibeTrakContex
     w.last = first + counts[static_cast<size_t>(t)] - 1;
     w.threadCount = used;
     w.total = context->seedCount;
-    w.interleaved = interleaved.empty() ? nullptr : interleaved.data();
+    w.voxelMajor = sideBySide ? &voxelMajor : nullptr;
     first = w.last + 1;
     allStarted = PCD_StartThread(&running, threaded_fiber_tracking, &w) && allStarted;
   }

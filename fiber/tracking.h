@@ -79,7 +79,7 @@ struct PcdTrackingWork {
   int32_t first = 0, last = -1;  // seed indices, inclusive
   std::atomic<int32_t> done{0};
   int32_t threadCount = 0, total = 0;
-  const int16_t* interleaved = nullptr;  // the run's shared copy of the signals, or null
+  PcdVoxelMajorSignals* voxelMajor = nullptr;  // the run's shared copy of the signals, or null
 };
 void* threaded_fiber_tracking(void* work);
 void* check_completion_for_fiber_tracking(void* works);

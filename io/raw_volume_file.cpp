@@ -1,6 +1,9 @@
 #include "io/raw_volume_file.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <bit>
 #include <climits>
@@ -164,7 +167,41 @@ int64_t ReadRawVolumeFileHeader(const char* fileName, PcdIntSize4D* size, int32_
   return fileSize - byteCount;
 }
 
-PcdRawVolumeData* ReadRawVolumeFile(const char* fileName, std::string* information) {
+namespace {
+
+// The body mapped straight from the file (no copy, and memory only for the pages that are
+// read), when every channel's block starts on a boundary of its element size; otherwise,
+// or when the system refuses, null and the caller reads the body into memory. The mapping
+// is private: writes to the volume never reach the file.
+PcdRawVolumeData* MapBody(const char* fileName, int64_t offset, const PcdIntSize4D& size,
+                          const int32_t* dataType, const int32_t* colorFormat) {
+  const auto voxels = static_cast<size_t>(size.x) * static_cast<size_t>(size.y) * static_cast<size_t>(size.z);
+  std::vector<size_t> start(static_cast<size_t>(size.channels));
+  const auto page = static_cast<int64_t>(sysconf(_SC_PAGESIZE));
+  const int64_t pageStart = offset / page * page;
+  size_t at = static_cast<size_t>(offset - pageStart);
+  for (int32_t c = 0; c < size.channels; ++c) {
+    const auto elem = static_cast<size_t>(PCD_SizeOfDataType(dataType[c]));
+    if ((static_cast<size_t>(pageStart) + at) % elem != 0) return nullptr;
+    start[static_cast<size_t>(c)] = at;
+    at += voxels * elem;  // the header check has made sure the blocks fit in the file
+  }
+  const int fd = open(fileName, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  struct stat st{};
+  void* base = MAP_FAILED;
+  // the file must still be the size the header was checked against
+  if (fstat(fd, &st) == 0 && static_cast<int64_t>(st.st_size) - offset >= static_cast<int64_t>(at - start[0]))
+    base = mmap(nullptr, at, PROT_READ | PROT_WRITE, MAP_PRIVATE, fd, static_cast<off_t>(pageStart));
+  close(fd);
+  if (base == MAP_FAILED) return nullptr;
+  PcdRawVolumeData* volume =
+      PCD_NewRawVolumeDataOnMapping(&size, dataType, colorFormat, base, at, start.data());
+  if (volume == nullptr) munmap(base, at);
+  return volume;
+}
+
+PcdRawVolumeData* ReadRawVolume(const char* fileName, std::string* information, bool mapBody) {
   if (fileName == nullptr) return nullptr;
   auto set_information = [&]() {
     if (information != nullptr) *information = pcd_format(kDataSourceFormat, fileName);
@@ -182,6 +219,12 @@ PcdRawVolumeData* ReadRawVolumeFile(const char* fileName, std::string* informati
   if (offset < 0) {
     PCD_Notice(PCD_NOTICE_WARNING, "Warning", "This is NOT a PELLUCID file.", 240, 100);
     return nullptr;
+  }
+  if (mapBody) {
+    if (PcdRawVolumeData* mapped = MapBody(fileName, offset, size, dataType.data(), colorFormat.data())) {
+      set_information();
+      return mapped;
+    }
   }
 
   PcdRawVolumeData* volume = PCD_NewRawVolumeData(&size, dataType.data(), colorFormat.data());
@@ -204,6 +247,22 @@ PcdRawVolumeData* ReadRawVolumeFile(const char* fileName, std::string* informati
   }
   set_information();
   return volume;
+}
+
+}  // namespace
+
+PcdRawVolumeData* ReadRawVolumeFile(const char* fileName, std::string* information) {
+  return ReadRawVolume(fileName, information, false);
+}
+
+PcdRawVolumeData* ReadRawVolumeFileMapped(const char* fileName, std::string* information) {
+  return ReadRawVolume(fileName, information, true);
+}
+
+int PCD_IsSameFile(const char* a, const char* b) {
+  struct stat sa{}, sb{};
+  if (a == nullptr || b == nullptr || stat(a, &sa) != 0 || stat(b, &sb) != 0) return 0;
+  return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino ? 1 : 0;
 }
 
 int WriteRawVolumeFile(const PcdRawVolumeData* volume, const char* fileName) {

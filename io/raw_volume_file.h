@@ -34,6 +34,14 @@ int64_t ReadRawVolumeFileHeader(const char* fileName, PcdIntSize4D* size, int32_
 // file, which gives null without a message). A file that is not a raw volume file raises
 // the warning notice "This is NOT a PELLUCID file.".
 PcdRawVolumeData* ReadRawVolumeFile(const char* fileName, std::string* information);
+// The same, with the body mapped from the file instead of copied where every channel's
+// block lies on a boundary of its element size (elsewhere it is read as above). Reading
+// then costs only the pages touched. The volume behaves as a read one (writes to it stay
+// in memory), but it reads from the file as long as it lives: the file must not be
+// shortened or rewritten meanwhile (check with PCD_IsSameFile before writing to a path).
+PcdRawVolumeData* ReadRawVolumeFileMapped(const char* fileName, std::string* information);
+// 1 when both paths name the same existing file.
+int PCD_IsSameFile(const char* a, const char* b);
 
 // Writes header and body. 0 on success, -1 when the file cannot be written or the body
 // is too large for the header's 32-bit byte count (nothing is printed for an open

@@ -63,7 +63,16 @@ int WriteTckFile(const PcdFibeTrakBuffer* buffer, const PcdWorldGeometry* geomet
   std::snprintf(offset, sizeof offset, "%08zu", dataOffset);
   header += offset;
   header += "\nEND\n";
-  std::vector<uint8_t> body(header.begin(), header.end());
+  // written a piece at a time: a whole-file buffer would be as large as the tracks again
+  std::vector<uint8_t> body;
+  body.reserve(header.size() + (size_t{1} << 16) + 64);
+  body.assign(header.begin(), header.end());
+  bool written = true;
+  auto flushIfFull = [&]() {
+    if (body.size() < (size_t{1} << 16)) return;
+    written = written && std::fwrite(body.data(), 1, body.size(), file.get()) == body.size();
+    body.clear();
+  };
   const auto& m = geometry->voxelToWorld;
   for (int32_t i = 0; i < buffer->lineCount; ++i) {
     const PcdTrakLinePair* pair = buffer->pairs[i];
@@ -72,10 +81,15 @@ int WriteTckFile(const PcdFibeTrakBuffer* buffer, const PcdWorldGeometry* geomet
       const double v[3] = {x - 0.5, y - 0.5, z - 0.5};
       for (int r = 0; r < 3; ++r)
         AppendFloat(&body, static_cast<float>(m[r][0] * v[0] + m[r][1] * v[1] + m[r][2] * v[2] + m[r][3]));
+      flushIfFull();
     });
     for (int k = 0; k < 3; ++k) AppendFloat(&body, std::numeric_limits<float>::quiet_NaN());
   }
   for (int k = 0; k < 3; ++k) AppendFloat(&body, std::numeric_limits<float>::infinity());
+  if (!written) {
+    std::fprintf(stderr, "Err: cannot write %s\n", fileName);
+    return -1;
+  }
   return Finish(std::move(file), body, fileName);
 }
 

@@ -22,6 +22,10 @@ const char* PCD_NameOfDataType(int32_t type) {
 #include <cstring>
 #include <limits>
 #include <new>
+#include <vector>
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 
@@ -162,37 +166,119 @@ void PCD_Delete2DArray(Pcd2DArray handle, int32_t, int32_t, int32_t) {
   std::free(handle);
 }
 
-Pcd3DArray PCD_New3DArray(int32_t sizeX, int32_t sizeY, int32_t sizeZ, int32_t type) {
-  const int64_t count = ElementCount(sizeX, sizeY, sizeZ, type);
-  if (count < 0) return nullptr;
-  const size_t elem = static_cast<size_t>(PCD_SizeOfDataType(type));
-  auto* block = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(count), elem));
-  auto planes = static_cast<void***>(std::calloc(static_cast<size_t>(sizeZ), sizeof(void**)));
-  if (block == nullptr || planes == nullptr) {
+namespace {
+
+// Large blocks live in anonymous mappings of their own instead of the heap: the memory
+// comes in huge pages where the system offers them, which on a virtual machine makes the
+// first touch of a volume many times cheaper than page by page. Every 3D handle has one
+// slot after its last plane; for a block in such a mapping it points at the mapping's
+// record, which counts the handles using it. The mapping is unmapped, never freed, when
+// the last of them is deleted.
+struct MappedBlock {
+  void* base;
+  size_t bytes;
+  int32_t users;
+};
+
+constexpr size_t kMappedBlockMinimum = size_t{1} << 20;  // smaller blocks stay on the heap
+constexpr size_t kHugePage = size_t{2} << 20;
+
+// A zero-filled mapping of at least bytes, its length a whole number of huge pages and its
+// start on a huge-page boundary, followed by one inaccessible page that stops a run-away
+// read or write at once. Null when the system refuses.
+MappedBlock* MapBlock(size_t bytes) {
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  if (bytes > std::numeric_limits<size_t>::max() / 2 - 2 * kHugePage) return nullptr;
+  const size_t length = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+  const size_t reserve = length + page + kHugePage;  // room to move the start to a boundary
+  void* raw = mmap(nullptr, reserve, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (raw == MAP_FAILED) return nullptr;
+  const auto start = reinterpret_cast<uintptr_t>(raw);
+  const uintptr_t aligned = (start + kHugePage - 1) / kHugePage * kHugePage;
+  // give back what lies before the boundary and after the guard page
+  if (aligned > start) munmap(raw, aligned - start);
+  const uintptr_t end = start + reserve, used = aligned + length + page;
+  if (end > used) munmap(reinterpret_cast<void*>(used), end - used);
+  void* base = reinterpret_cast<void*>(aligned);
+  auto* block = static_cast<MappedBlock*>(std::malloc(sizeof(MappedBlock)));
+  if (block == nullptr || mprotect(base, length, PROT_READ | PROT_WRITE) != 0) {
     std::free(block);
-    std::free(planes);
+    munmap(base, length + page);
     return nullptr;
   }
+#ifdef MADV_HUGEPAGE
+  madvise(base, length, MADV_HUGEPAGE);
+#endif
+  *block = {base, length + page, 0};
+  return block;
+}
+
+void ReleaseBlock(MappedBlock* block) {
+  if (--block->users > 0) return;
+  munmap(block->base, block->bytes);
+  std::free(block);
+}
+
+// The plane and row handles of a 3D array over a block that is already there; the extra
+// slot holds owner (null: the block came from the heap and is freed with the handle).
+Pcd3DArray HandleOnBlock(uint8_t* block, int32_t sizeX, int32_t sizeY, int32_t sizeZ,
+                         size_t elem, MappedBlock* owner) {
+  auto planes = static_cast<void***>(std::calloc(static_cast<size_t>(sizeZ) + 1, sizeof(void**)));
+  if (planes == nullptr) return nullptr;
   const size_t rowBytes = static_cast<size_t>(sizeX) * elem;
   for (int32_t z = 0; z < sizeZ; ++z) {
     planes[z] = static_cast<void**>(std::malloc(sizeof(void*) * static_cast<size_t>(sizeY)));
     if (planes[z] == nullptr) {
       for (int32_t k = 0; k < z; ++k) std::free(planes[k]);
       std::free(planes);
-      std::free(block);
       return nullptr;
     }
     for (int32_t y = 0; y < sizeY; ++y)
       planes[z][y] = block + (static_cast<size_t>(z) * sizeY + y) * rowBytes;
   }
+  planes[sizeZ] = reinterpret_cast<void**>(owner);
+  if (owner != nullptr) ++owner->users;
   return planes;
+}
+
+}  // namespace
+
+Pcd3DArray PCD_New3DArray(int32_t sizeX, int32_t sizeY, int32_t sizeZ, int32_t type) {
+  const int64_t count = ElementCount(sizeX, sizeY, sizeZ, type);
+  if (count < 0) return nullptr;
+  const size_t elem = static_cast<size_t>(PCD_SizeOfDataType(type));
+  const size_t bytes = static_cast<size_t>(count) * elem;
+  if (bytes >= kMappedBlockMinimum) {
+    if (MappedBlock* mapped = MapBlock(bytes)) {
+      Pcd3DArray a = HandleOnBlock(static_cast<uint8_t*>(mapped->base), sizeX, sizeY, sizeZ,
+                                   elem, mapped);
+      if (a == nullptr) {
+        ++mapped->users;
+        ReleaseBlock(mapped);
+      }
+      return a;
+    }
+  }
+  auto* block = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(count), elem));
+  if (block == nullptr) return nullptr;
+  Pcd3DArray a = HandleOnBlock(block, sizeX, sizeY, sizeZ, elem, nullptr);
+  if (a == nullptr) std::free(block);
+  return a;
 }
 
 void PCD_Delete3DArray(Pcd3DArray handle, int32_t, int32_t, int32_t sizeZ, int32_t) {
   if (handle == nullptr) return;
-  std::free(handle[0][0]);
+  auto* owner = reinterpret_cast<MappedBlock*>(handle[sizeZ]);
+  if (owner != nullptr)
+    ReleaseBlock(owner);
+  else
+    std::free(handle[0][0]);
   for (int32_t z = 0; z < sizeZ; ++z) std::free(handle[z]);
   std::free(handle);
+}
+
+int PCD_IsMapped3DArray(Pcd3DArray handle, int32_t sizeZ) {
+  return handle != nullptr && handle[sizeZ] != nullptr ? 1 : 0;
 }
 
 // ---- the multi-channel volume ------------------------------------------------------
@@ -206,6 +292,46 @@ void FreeVolumeShell(PcdRawVolumeData* v) {
   std::free(v->data);
   std::free(v->array3D);
   delete v;
+}
+
+// Every channel's block in one mapping (see MapBlock), one after the other, each starting
+// on a 64-byte boundary. False, with nothing allocated, for small volumes, invalid codes
+// or when the system refuses the mapping: the channels then get blocks of their own.
+bool NewChannelsInOneMapping(PcdRawVolumeData* v, const int32_t* dataType,
+                             const int32_t* colorFormat) {
+  const PcdIntSize4D& s = *v->matrixSize;
+  std::vector<size_t> start(static_cast<size_t>(s.channels));
+  size_t total = 0;
+  for (int32_t c = 0; c < s.channels; ++c) {
+    const int64_t count = ElementCount(s.x, s.y, s.z, dataType[c]);
+    if (count < 0) return false;
+    const size_t bytes = static_cast<size_t>(count) * static_cast<size_t>(PCD_SizeOfDataType(dataType[c]));
+    total = (total + 63) / 64 * 64;
+    start[static_cast<size_t>(c)] = total;
+    if (bytes > std::numeric_limits<size_t>::max() / 4 - total) return false;
+    total += bytes;
+  }
+  if (total < kMappedBlockMinimum) return false;
+  MappedBlock* mapped = MapBlock(total);
+  if (mapped == nullptr) return false;
+  ++mapped->users;  // held while the handles are made
+  bool ok = true;
+  for (int32_t c = 0; c < s.channels && ok; ++c) {
+    auto* block = static_cast<uint8_t*>(mapped->base) + start[static_cast<size_t>(c)];
+    Pcd3DArray a = HandleOnBlock(block, s.x, s.y, s.z,
+                                 static_cast<size_t>(PCD_SizeOfDataType(dataType[c])), mapped);
+    ok = a != nullptr;
+    if (!ok) {
+      for (int32_t k = 0; k < c; ++k) PCD_Delete3DArray(v->array3D[k], s.x, s.y, s.z, dataType[k]);
+      break;
+    }
+    v->array3D[c] = a;
+    v->data[c] = a[0][0];
+    v->dataType[c] = dataType[c];
+    v->colorFormat[c] = colorFormat[c];
+  }
+  ReleaseBlock(mapped);
+  return ok;
 }
 
 }  // namespace
@@ -227,11 +353,63 @@ PcdRawVolumeData* PCD_NewRawVolumeData(const PcdIntSize4D* size, const int32_t* 
     return nullptr;
   }
   *v->matrixSize = *size;
+  if (!NewChannelsInOneMapping(v, dataType, colorFormat)) {
+    for (int32_t c = 0; c < size->channels; ++c) {
+      Pcd3DArray a = PCD_New3DArray(size->x, size->y, size->z, dataType[c]);
+      if (a == nullptr) {
+        for (int32_t k = 0; k < c; ++k)
+          PCD_Delete3DArray(v->array3D[k], size->x, size->y, size->z, v->dataType[k]);
+        FreeVolumeShell(v);
+        return nullptr;
+      }
+      v->array3D[c] = a;
+      v->data[c] = a[0][0];
+      v->dataType[c] = dataType[c];
+      v->colorFormat[c] = colorFormat[c];
+    }
+  }
+  return v;
+}
+
+PcdRawVolumeData* PCD_NewRawVolumeDataOnMapping(const PcdIntSize4D* size, const int32_t* dataType,
+                                                const int32_t* colorFormat, void* base,
+                                                size_t bytes, const size_t* offsets) {
+  if (size == nullptr || dataType == nullptr || colorFormat == nullptr || base == nullptr ||
+      offsets == nullptr || size->x <= 0 || size->y <= 0 || size->z <= 0 || size->channels <= 0)
+    return nullptr;
   for (int32_t c = 0; c < size->channels; ++c) {
-    Pcd3DArray a = PCD_New3DArray(size->x, size->y, size->z, dataType[c]);
+    const int64_t count = ElementCount(size->x, size->y, size->z, dataType[c]);
+    const auto elem = static_cast<size_t>(PCD_SizeOfDataType(dataType[c]));
+    if (count < 0 || offsets[c] > bytes || static_cast<size_t>(count) > (bytes - offsets[c]) / elem ||
+        (reinterpret_cast<uintptr_t>(base) + offsets[c]) % elem != 0)
+      return nullptr;
+  }
+  auto* v = new (std::nothrow) PcdRawVolumeData;
+  if (v == nullptr) return nullptr;
+  const auto n = static_cast<size_t>(size->channels);
+  v->matrixSize = static_cast<PcdIntSize4D*>(std::malloc(sizeof(PcdIntSize4D)));
+  v->dataType = static_cast<int32_t*>(std::calloc(n, sizeof(int32_t)));
+  v->colorFormat = static_cast<int32_t*>(std::calloc(n, sizeof(int32_t)));
+  v->data = static_cast<void**>(std::calloc(n, sizeof(void*)));
+  v->array3D = static_cast<Pcd3DArray*>(std::calloc(n, sizeof(Pcd3DArray)));
+  auto* mapped = static_cast<MappedBlock*>(std::malloc(sizeof(MappedBlock)));
+  if (!v->matrixSize || !v->dataType || !v->colorFormat || !v->data || !v->array3D || !mapped) {
+    std::free(mapped);
+    FreeVolumeShell(v);
+    return nullptr;
+  }
+  *v->matrixSize = *size;
+  *mapped = {base, bytes, 1};  // held while the handles are made
+  for (int32_t c = 0; c < size->channels; ++c) {
+    Pcd3DArray a = HandleOnBlock(static_cast<uint8_t*>(base) + offsets[c], size->x, size->y, size->z,
+                                 static_cast<size_t>(PCD_SizeOfDataType(dataType[c])), mapped);
     if (a == nullptr) {
-      for (int32_t k = 0; k < c; ++k)
-        PCD_Delete3DArray(v->array3D[k], size->x, size->y, size->z, v->dataType[k]);
+      // the mapping goes back to the caller untouched
+      for (int32_t k = 0; k < c; ++k) {
+        for (int32_t z = 0; z < size->z; ++z) std::free(v->array3D[k][z]);
+        std::free(v->array3D[k]);
+      }
+      std::free(mapped);
       FreeVolumeShell(v);
       return nullptr;
     }
@@ -240,6 +418,7 @@ PcdRawVolumeData* PCD_NewRawVolumeData(const PcdIntSize4D* size, const int32_t* 
     v->dataType[c] = dataType[c];
     v->colorFormat[c] = colorFormat[c];
   }
+  ReleaseBlock(mapped);
   return v;
 }
 

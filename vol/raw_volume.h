@@ -67,6 +67,10 @@ void PCD_Delete2DArray(Pcd2DArray handle, int32_t sizeX, int32_t sizeY, int32_t 
 Pcd3DArray PCD_New3DArray(int32_t sizeX, int32_t sizeY, int32_t sizeZ, int32_t type);
 void PCD_Delete3DArray(Pcd3DArray handle, int32_t sizeX, int32_t sizeY, int32_t sizeZ,
                        int32_t type);
+// Blocks of 1 MB and more (and the channels of a volume that large together) lie in an
+// anonymous memory mapping instead of the heap; a 3D handle made here records which, and
+// deleting the last handle on a mapping unmaps it. 1 for a handle on such a block.
+int PCD_IsMapped3DArray(Pcd3DArray handle, int32_t sizeZ);
 
 // ---- the multi-channel volume ------------------------------------------------
 struct PcdRawVolumeData {
@@ -91,6 +95,15 @@ PcdRawVolumeData* PCD_NewRawVolumeData(const PcdIntSize4D* size, const int32_t* 
 PcdRawVolumeData* PCD_NewSingleChannelRawVolumeData(const PcdIntSize3D* size,
                                                     int32_t dataType, int32_t colorFormat);
 void PCD_DeleteRawVolumeData(PcdRawVolumeData* volume);
+// A volume over a mapping the caller made with mmap (bytes long from base): channel c's
+// block starts offsets[c] bytes into it, on a boundary of its element size. The volume
+// takes the mapping over: it is unmapped, never freed, when the last channel on it is
+// deleted (converting or deleting channels works as for any volume). Null, with the
+// mapping still the caller's, when a size, code or offset does not fit or memory for the
+// handles runs out.
+PcdRawVolumeData* PCD_NewRawVolumeDataOnMapping(const PcdIntSize4D* size, const int32_t* dataType,
+                                                const int32_t* colorFormat, void* base,
+                                                size_t bytes, const size_t* offsets);
 int PCD_AddNewChannelOfRawVolumeData(PcdRawVolumeData* dest, const PcdRawVolumeData* src,
                                      int32_t srcChannel);
 PcdRawVolumeData* PCD_CopyChannelOfRawVolumeData(const PcdRawVolumeData* volume,

@@ -302,10 +302,11 @@ TEST(FiberTracking, AngleLimitStopsAtTheTurnWithoutCountingItsNode) {
 
 TEST(FiberTracking, SharedSignalCopyGivesTheTensorOfThePerChannelReads) {
   Phantom p(20, 20, 8);
-  const std::vector<int16_t> interleaved = PCDdti_InterleaveChannels(p.dti);
+  PcdVoxelMajorSignals voxelMajor;
+  ASSERT_TRUE(PCDdti_PrepareVoxelMajorSignals(p.dti, &voxelMajor));
   PcdDiffusionTensorData* a = PCDdti_NewDiffusionTensorData(p.dti->channelCount, p.dti->soCount);
   PcdDiffusionTensorData* b = PCDdti_NewDiffusionTensorData(p.dti->channelCount, p.dti->soCount);
-  b->interleaved = interleaved.data();
+  b->voxelMajor = &voxelMajor;
   for (const PcdVector3D pos : {PcdVector3D{3.3f, 4.7f, 2.2f}, PcdVector3D{-0.4f, 19.5f, 7.9f},
                                 PcdVector3D{12.01f, 0.99f, 3.5f}, PcdVector3D{25.0f, -3.0f, 1.0f}}) {
     PCDdti_CalcAndDiagnalizeDiffusionTensor(p.dti, a, &pos);

@@ -73,8 +73,9 @@ int32_t leading_dti_channels(const PcdRawVolumeData* volume) {
   return count;
 }
 
-bool load_raw_volume(const std::string& path, BatchDataSet* set) {
-  set->volume = ReadRawVolumeFile(path.c_str(), &set->information);
+bool load_raw_volume(const std::string& path, bool mapBody, BatchDataSet* set) {
+  set->volume = mapBody ? ReadRawVolumeFileMapped(path.c_str(), &set->information)
+                        : ReadRawVolumeFile(path.c_str(), &set->information);
   if (set->volume == nullptr) {
     std::fprintf(stderr, "Err: cannot read the raw volume file %s\n", path.c_str());
     return false;
@@ -142,7 +143,7 @@ std::unique_ptr<BatchDataSet> LoadBatchInput(const std::string& path,
   }
   auto set = std::make_unique<BatchDataSet>();
   set->kind = *kind;
-  const bool loaded = *kind == BatchInputKind::kRawVolume ? load_raw_volume(path, set.get())
+  const bool loaded = *kind == BatchInputKind::kRawVolume ? load_raw_volume(path, options.mapRawBody, set.get())
                       : *kind == BatchInputKind::kDtiFile ? load_dti_file(path, set.get())
                                                           : load_nifti(path, options, set.get());
   if (!loaded) return nullptr;

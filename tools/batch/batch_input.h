@@ -18,6 +18,9 @@ struct BatchInputOptions {
   std::optional<std::string> bvalFile;  // --bval FILE (NIfTI only)
   std::optional<std::string> bvecFile;  // --bvec FILE (NIfTI only)
   std::optional<double> voxelSize;      // --voxel-size MM, for inputs that carry none
+  // map the body of a raw volume file instead of reading it (ReadRawVolumeFileMapped); the
+  // command must not write to the input file then
+  bool mapRawBody = false;
 };
 
 extern const char kBatchInputOptionsHelp[];

@@ -6,6 +6,7 @@
 #include "dti/channels.h"
 #include "dti/dti_check.h"
 #include "io/nifti_file.h"
+#include "io/raw_volume_file.h"
 #include "tools/batch/batch_input.h"
 
 namespace {
@@ -29,7 +30,7 @@ int WriteMaps(const BatchDataSet& set, int32_t first, const std::string& out) {
 }
 
 int run_channels(BatchArgs& args) {
-  const BatchInputOptions options = TakeBatchInputOptions(args);
+  BatchInputOptions options = TakeBatchInputOptions(args);
   const auto threshold = args.TakeInteger({"--threshold"}, -32768, 32767);
   const auto threads = args.TakeInteger({"--threads"}, 1, 256);
   const auto out = args.TakeValue({"-o", "--output"});
@@ -38,6 +39,8 @@ int run_channels(BatchArgs& args) {
            !BatchEndsWith(*out, ".nii") && !BatchEndsWith(*out, ".nii.gz"))
     args.Fail("OUTPUT must end in .raw, .dti, .nii or .nii.gz");
   if (!args.Finish(1, 1)) return kBatchUsageError;
+  // the input's body is mapped unless the result is to replace the input file
+  options.mapRawBody = PCD_IsSameFile(args.positional()[0].c_str(), out->c_str()) == 0;
   std::unique_ptr<BatchDataSet> set = LoadBatchInput(args.positional()[0], options);
   if (!set) return kBatchFailed;
   if (!PCDdti_CheckDataSetForAnalysis(set->dti, PCD_DTI_AT_VOXELS)) return kBatchFailed;

@@ -71,7 +71,7 @@ int32_t DefaultThreads() {
 }
 
 int run_track(BatchArgs& args) {
-  const BatchInputOptions options = TakeBatchInputOptions(args);
+  BatchInputOptions options = TakeBatchInputOptions(args);
   const auto mask = args.TakeValue({"--seed-mask"});
   const auto box = args.TakeValue({"--seed-box"});
   const auto perVoxel = args.TakeInteger({"--seeds-per-voxel"}, 1, 1000000);
@@ -89,7 +89,12 @@ int run_track(BatchArgs& args) {
   const auto trk = args.TakeValue({"--trk"});
   if (mask.has_value() == box.has_value()) args.Fail("needs exactly one of --seed-mask and --seed-box");
   if (!args.Finish(1, 1)) return kBatchUsageError;
-  std::unique_ptr<BatchDataSet> set = LoadBatchInput(args.positional()[0], options);
+  // the input's body is mapped unless an output is to replace the input file
+  const std::string& input = args.positional()[0];
+  options.mapRawBody = true;
+  for (const auto& out : {dump, tck, trk})
+    if (out && PCD_IsSameFile(input.c_str(), out->c_str())) options.mapRawBody = false;
+  std::unique_ptr<BatchDataSet> set = LoadBatchInput(input, options);
   if (!set) return kBatchFailed;
   if (!PCDdti_CheckDataSetForAnalysis(set->dti, PCD_DTI_INTERPOLATED)) return kBatchFailed;
 
