@@ -24,15 +24,22 @@ const PcdRoiTypeInfo* PCD_FindRoiType(int32_t code) {
 
 std::unique_ptr<PcdRoiShape> PCD_NewRoiShape() {
   try {
-    auto shape = std::make_unique<PcdRoiShape>();
-    const size_t n = static_cast<size_t>(kPcdShapePlaneSize) * kPcdShapePlaneSize;
-    shape->signalPlane.assign(n, 0);
-    shape->drawPlane.assign(n, 0);
-    shape->workPlane.assign(n, 0);
-    return shape;
+    return std::make_unique<PcdRoiShape>();
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
+}
+
+int PCD_EnsureRoiShapePlanes(PcdRoiShape* shape) {
+  const size_t n = static_cast<size_t>(kPcdShapePlaneSize) * kPcdShapePlaneSize;
+  try {
+    if (shape->signalPlane.size() != n) shape->signalPlane.assign(n, 0);
+    if (shape->drawPlane.size() != n) shape->drawPlane.assign(n, 0);
+    if (shape->workPlane.size() != n) shape->workPlane.assign(n, 0);
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+  return 0;
 }
 
 size_t PCD_GetSerializedSizeOfRoiShape(const PcdRoiShape* shape) {
@@ -118,9 +125,9 @@ void PCD_FitRoiShapeToVolume(PcdRoiShape* shape, const PcdIntSize3D* size) {
 
 int64_t PCD_GetVoxelGroupDataSize(const PcdIntSize3D* size, int32_t storage) {
   if (size->x < 0 || size->y < 0 || size->z < 0) return -1;
-  const int64_t n = static_cast<int64_t>(size->x) * size->y * size->z;
-  if (size->x > 0 && size->y > 0 && n / size->x / size->y != size->z) return -1;
-  if (n > INT32_MAX) return -1;
+  const int64_t xy = static_cast<int64_t>(size->x) * size->y;  // < 2^62: cannot overflow
+  if (xy != 0 && size->z > INT32_MAX / xy) return -1;
+  const int64_t n = xy * size->z;
   if (storage == kPcdVoxelGroupBitPacked) return n / 8 + 1;  // one byte more, deliberately
   if (storage == kPcdVoxelGroupOneByte) return n;
   return -1;
@@ -389,37 +396,52 @@ PcdRoiObject* PCD_NewRoiObjectFromSerializedData(const uint8_t* buffer, size_t l
   return roi.release();
 }
 
-std::vector<uint8_t> PCD_RasterizeRoiObject(const PcdRoiObject* roi, const PcdIntSize3D* size) {
-  const int64_t n = static_cast<int64_t>(size->x) * size->y * size->z;
-  std::vector<uint8_t> mask(n > 0 ? static_cast<size_t>(n) : 0, 0);
-  if (n <= 0 || roi == nullptr) return mask;
-  auto at = [&](int64_t x, int64_t y, int64_t z) -> uint8_t* {
-    if (x < 0 || y < 0 || z < 0 || x >= size->x || y >= size->y || z >= size->z) return nullptr;
-    return &mask[static_cast<size_t>(x + size->x * (y + size->y * z))];
-  };
-  if (roi->type == PCD_ROI_SPHERICAL && roi->shape) {
-    const PcdVector3D c = roi->shape->centre;
-    const double r = roi->shape->radius;
+namespace {
+
+std::vector<uint8_t> empty_mask(const PcdIntSize3D* size) {
+  if (size->x <= 0 || size->y <= 0 || size->z <= 0) return {};
+  return std::vector<uint8_t>(static_cast<size_t>(size->x) * size->y * size->z, 0);
+}
+
+void mark(std::vector<uint8_t>& mask, const PcdIntSize3D* size, int64_t x, int64_t y, int64_t z) {
+  if (x < 0 || y < 0 || z < 0 || x >= size->x || y >= size->y || z >= size->z) return;
+  mask[static_cast<size_t>(x + size->x * (y + int64_t{size->y} * z))] = 1;
+}
+
+}  // namespace
+
+std::vector<uint8_t> PCD_RasterizeRoiShape(const PcdRoiShape* shape, int32_t type,
+                                           const PcdIntSize3D* size) {
+  std::vector<uint8_t> mask = empty_mask(size);
+  if (mask.empty() || shape == nullptr) return mask;
+  if (type == PCD_ROI_SPHERICAL) {
+    const PcdVector3D c = shape->centre;
+    const double r = shape->radius;
     if (!(r >= 0) || !std::isfinite(c.x) || !std::isfinite(c.y) || !std::isfinite(c.z)) return mask;
     for (int32_t z = 0; z < size->z; ++z)
       for (int32_t y = 0; y < size->y; ++y)
         for (int32_t x = 0; x < size->x; ++x) {
           const double dx = x + 0.5 - c.x, dy = y + 0.5 - c.y, dz = z + 0.5 - c.z;
-          if (dx * dx + dy * dy + dz * dz <= r * r) *at(x, y, z) = 1;
+          if (dx * dx + dy * dy + dz * dz <= r * r) mark(mask, size, x, y, z);
         }
-  } else if (roi->type == PCD_ROI_FREEHAND && roi->shape) {
-    for (const PcdRoiPoint& p : roi->shape->points)
-      if (uint8_t* v = at(p.x, p.y, p.z)) *v = 1;
-  } else if (roi->type == PCD_ROI_VOXELGROUP && roi->voxelGroup) {
-    const PcdVoxelGroup* g = roi->voxelGroup.get();
-    for (int32_t z = 0; z < g->size.z; ++z)
-      for (int32_t y = 0; y < g->size.y; ++y)
-        for (int32_t x = 0; x < g->size.x; ++x)
-          if (PCD_GetVoxelOfVoxelGroup(g, x, y, z))
-            if (uint8_t* v = at(int64_t{g->origin.x} + x, int64_t{g->origin.y} + y,
-                                int64_t{g->origin.z} + z))
-              *v = 1;
+  } else if (type == PCD_ROI_FREEHAND) {
+    for (const PcdRoiPoint& p : shape->points) mark(mask, size, p.x, p.y, p.z);
   }
+  return mask;
+}
+
+std::vector<uint8_t> PCD_RasterizeRoiObject(const PcdRoiObject* roi, const PcdIntSize3D* size) {
+  if (roi == nullptr) return empty_mask(size);
+  if (roi->type != PCD_ROI_VOXELGROUP) return PCD_RasterizeRoiShape(roi->shape.get(), roi->type, size);
+  std::vector<uint8_t> mask = empty_mask(size);
+  const PcdVoxelGroup* g = roi->voxelGroup.get();
+  if (mask.empty() || g == nullptr) return mask;
+  for (int32_t z = 0; z < g->size.z; ++z)
+    for (int32_t y = 0; y < g->size.y; ++y)
+      for (int32_t x = 0; x < g->size.x; ++x)
+        if (PCD_GetVoxelOfVoxelGroup(g, x, y, z))
+          mark(mask, size, int64_t{g->origin.x} + x, int64_t{g->origin.y} + y,
+               int64_t{g->origin.z} + z);
   return mask;
 }
 

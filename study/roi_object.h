@@ -33,7 +33,9 @@
 //
 // The in-memory shape record takes 16,588 bytes as a whole, which bounds the points to
 // (16,588 - 112) / 4 = 4119. The three 256 by 256 planes (one signed 16-bit, two
-// unsigned 8-bit) are working images of the slice views and are not serialized.
+// unsigned 8-bit) are working images of the slice views: not serialized, and allocated
+// by PCD_EnsureRoiShapePlanes when a view first draws into them, since the records
+// read from files and the study regions mostly never need them.
 //
 // Voxel group, 40 + D bytes: origin x, y, z (int32), size nx, ny, nz (int32), a second
 // triple carried unchanged (3 words), storage kind (6354 bit-packed or 1465 one byte a
@@ -95,6 +97,8 @@ struct PcdRoiShape {
 };
 
 std::unique_ptr<PcdRoiShape> PCD_NewRoiShape();  // null when memory runs out
+// Allocates the three zero-filled planes when they are not there yet. 0, or -1.
+int PCD_EnsureRoiShapePlanes(PcdRoiShape* shape);
 size_t PCD_GetSerializedSizeOfRoiShape(const PcdRoiShape* shape);
 void PCD_SerializeRoiShape(const PcdRoiShape* shape, uint8_t* buffer);
 struct PcdByteReader;
@@ -193,6 +197,9 @@ PcdRoiObject* PCD_NewRoiObjectFromSerializedData(const uint8_t* buffer, size_t l
 // Spheres take the voxels whose centre lies within the radius; freehand ROIs their
 // points; voxelgroups their set voxels shifted by the origin. Outside parts are clipped.
 std::vector<uint8_t> PCD_RasterizeRoiObject(const PcdRoiObject* roi, const PcdIntSize3D* size);
+// The same for a bare shape read as a sphere (PCD_ROI_SPHERICAL) or as freehand points.
+std::vector<uint8_t> PCD_RasterizeRoiShape(const PcdRoiShape* shape, int32_t type,
+                                           const PcdIntSize3D* size);
 
 // ---- the ROI list ----------------------------------------------------------------------
 struct PcdRoiList {

@@ -213,6 +213,15 @@ TEST(RoiSerialization, BitPackedVoxelGroupCarriesItsExtraByte) {
   const PcdIntSize3D eight{8, 1, 1};
   EXPECT_EQ(PCD_GetVoxelGroupDataSize(&eight, kPcdVoxelGroupBitPacked), 2);
   EXPECT_EQ(PCD_NewVoxelGroup(&origin, &size, second, 1234), nullptr);
+  // sizes whose product overflows or passes 2^31 - 1 voxels (a fuzzing find)
+  const PcdIntSize3D huge{2147483647, 2147483647, 2147483647};
+  EXPECT_EQ(PCD_GetVoxelGroupDataSize(&huge, kPcdVoxelGroupBitPacked), -1);
+  const PcdIntSize3D justOver{32768, 65536, 1};
+  EXPECT_EQ(PCD_GetVoxelGroupDataSize(&justOver, kPcdVoxelGroupOneByte), -1);
+  const PcdIntSize3D justUnder{32767, 65536, 1};
+  EXPECT_EQ(PCD_GetVoxelGroupDataSize(&justUnder, kPcdVoxelGroupBitPacked), 268419073);
+  const PcdIntSize3D flat{2147483647, 2147483647, 0};
+  EXPECT_EQ(PCD_GetVoxelGroupDataSize(&flat, kPcdVoxelGroupBitPacked), 1);
   delete_roi_object(roi);
 }
 
