@@ -219,7 +219,7 @@ TEST(RoiSerialization, BitPackedVoxelGroupCarriesItsExtraByte) {
   const PcdIntSize3D justOver{32768, 65536, 1};
   EXPECT_EQ(PCD_GetVoxelGroupDataSize(&justOver, kPcdVoxelGroupOneByte), -1);
   const PcdIntSize3D justUnder{32767, 65536, 1};
-  EXPECT_EQ(PCD_GetVoxelGroupDataSize(&justUnder, kPcdVoxelGroupBitPacked), 268419073);
+  EXPECT_EQ(PCD_GetVoxelGroupDataSize(&justUnder, kPcdVoxelGroupBitPacked), 268427265);
   const PcdIntSize3D flat{2147483647, 2147483647, 0};
   EXPECT_EQ(PCD_GetVoxelGroupDataSize(&flat, kPcdVoxelGroupBitPacked), 1);
   delete_roi_object(roi);
