@@ -1,11 +1,13 @@
 // quorix-batch session info, roi export and roi import on session and ROI files made
-// through the core.
+// through the core, and the target and avoidance masks of track.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "io/dti_file.h"
 #include "io/object_files.h"
 #include "io/raw_volume_file.h"
 #include "io/session_file.h"
@@ -142,4 +144,54 @@ TEST(BatchRoi, ExportWritesTheRoisVoxelsAndImportBringsThemBack) {
   PCD_DeleteRawVolumeData(v);
   EXPECT_EQ(RunCommand(Batch("roi import " + dir.file("empty.raw") + " -o " + dir.file("e.roi")), &out), 1);
   EXPECT_NE(out.find("has no voxel set"), std::string::npos) << out;
+}
+
+TEST(BatchTrack, TargetKeepsTheFibersThatReachItAndAvoidKeepsTheRest) {
+  TempDir dir;
+  PcdPhantomOptions options;
+  options.sizeX = 32, options.sizeY = 32, options.sizeZ = 12, options.directions = 12;
+  PcdDtiData* dti = PCD_MakeDwiPhantom(options, nullptr);
+  ASSERT_NE(dti, nullptr);
+  ASSERT_EQ(WriteDtiFile(dti, dir.file("p.dti").c_str()), 0);
+  PCD_DeleteRawVolumeData(dti->volume);
+  std::free(dti);
+  // the crossing of the two bundles, and a box in the isotropic tissue no fiber enters
+  auto writeMask = [&](const std::string& name, int x0, int x1, int y0, int y1) {
+    const PcdIntSize3D s{32, 32, 12};
+    PcdRawVolumeData* v = PCD_NewSingleChannelRawVolumeData(&s, UINT8, PCD_MONOCHROME);
+    for (int z = 4; z <= 7; ++z)
+      for (int y = y0; y <= y1; ++y)
+        for (int x = x0; x <= x1; ++x) static_cast<uint8_t*>(v->data[0])[x + 32 * (y + 32 * z)] = 1;
+    ASSERT_EQ(WriteRawVolumeFile(v, dir.file(name).c_str()), 0);
+    PCD_DeleteRawVolumeData(v);
+  };
+  writeMask("crossing.raw", 14, 17, 14, 17);
+  writeMask("tissue.raw", 3, 5, 3, 5);
+  // seeds in both bundles away from the crossing
+  const std::string track = "track " + dir.file("p.dti") + " --seed-box 5,5,5,26,26,6 --threads 2";
+  auto count = [](const std::string& out, const char* what) {
+    const size_t at = out.find(what);
+    return at == std::string::npos ? -1 : std::atoi(out.c_str() + at + std::strlen(what));
+  };
+  std::string all, target, avoid, both;
+  ASSERT_EQ(RunCommand(Batch(track), &all), 0) << all;
+  ASSERT_EQ(RunCommand(Batch(track + " --target " + dir.file("crossing.raw") + " --dump " +
+                             dir.file("t.txt")), &target), 0) << target;
+  ASSERT_EQ(RunCommand(Batch(track + " --avoid " + dir.file("crossing.raw")), &avoid), 0);
+  ASSERT_EQ(RunCommand(Batch(track + " --target " + dir.file("crossing.raw") + " --target " +
+                             dir.file("tissue.raw")), &both), 0);
+  const int tracked = count(all, "Tracked Lines:   ");
+  ASSERT_GT(tracked, 0);
+  EXPECT_EQ(count(all, "Drawn Lines:   "), tracked);
+  const int reaching = count(target, "Drawn Lines:   ");
+  EXPECT_GT(reaching, 0);
+  EXPECT_LT(reaching, tracked);
+  EXPECT_EQ(count(avoid, "Drawn Lines:   "), tracked - reaching);
+  EXPECT_EQ(count(both, "Drawn Lines:   "), 0);
+  // the dump holds the kept fibers only
+  const std::string dump = quorix_test::ReadFileText(dir.file("t.txt"));
+  const std::string marker = "<Dump result is from here>";
+  const size_t at = dump.find('\n', dump.find(marker));
+  ASSERT_NE(at, std::string::npos);
+  EXPECT_EQ(std::atoi(dump.c_str() + at + 1), reaching);
 }
