@@ -1,5 +1,6 @@
 #include "study/roi_object.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -436,12 +437,23 @@ std::vector<uint8_t> PCD_RasterizeRoiObject(const PcdRoiObject* roi, const PcdIn
   std::vector<uint8_t> mask = empty_mask(size);
   const PcdVoxelGroup* g = roi->voxelGroup.get();
   if (mask.empty() || g == nullptr) return mask;
-  for (int32_t z = 0; z < g->size.z; ++z)
-    for (int32_t y = 0; y < g->size.y; ++y)
-      for (int32_t x = 0; x < g->size.x; ++x)
-        if (PCD_GetVoxelOfVoxelGroup(g, x, y, z))
-          mark(mask, size, int64_t{g->origin.x} + x, int64_t{g->origin.y} + y,
-               int64_t{g->origin.z} + z);
+  // only the part of the group's box inside the volume: a box of 0 x 2^31 x 2^31 voxels
+  // holds nothing but would take forever to walk
+  auto range = [](int32_t origin, int32_t groupSize, int32_t volumeSize, int64_t* from,
+                  int64_t* to) {
+    *from = std::max<int64_t>(0, -int64_t{origin});
+    *to = std::min<int64_t>(groupSize, int64_t{volumeSize} - origin);
+  };
+  int64_t x0, x1, y0, y1, z0, z1;
+  range(g->origin.x, g->size.x, size->x, &x0, &x1);
+  range(g->origin.y, g->size.y, size->y, &y0, &y1);
+  range(g->origin.z, g->size.z, size->z, &z0, &z1);
+  for (int64_t z = z0; z < z1; ++z)
+    for (int64_t y = y0; y < y1; ++y)
+      for (int64_t x = x0; x < x1; ++x)
+        if (PCD_GetVoxelOfVoxelGroup(g, static_cast<int32_t>(x), static_cast<int32_t>(y),
+                                     static_cast<int32_t>(z)))
+          mark(mask, size, g->origin.x + x, g->origin.y + y, g->origin.z + z);
   return mask;
 }
 
@@ -571,6 +583,7 @@ int PCD_MaskSelectedVoxelGroupByBox(PcdRoiList* list, const PcdIntVector3D* boxO
   if (boxSize->x <= 1 || boxSize->y <= 1 || boxSize->z <= 1) return -1;
   PcdVoxelGroup* g = roi->voxelGroup.get();
   if (g == nullptr) return -1;
+  if (PCD_GetVoxelGroupDataSize(&g->size, kPcdVoxelGroupOneByte) == 0) return 0;  // no voxels
   auto within = [](int64_t v, int32_t origin, int32_t size) {
     return v >= origin && v <= int64_t{origin} + size - 1;
   };

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -337,6 +338,19 @@ TEST(RoiRaster, SphereFreehandAndVoxelgroupVoxels) {
   for (uint8_t v : mask) n += v;
   EXPECT_EQ(n, 1);
   EXPECT_EQ(mask[4], 1);
+  // a group without voxels but with two huge axes is done at once (a fuzzing find)
+  const PcdIntSize3D hollow{0, 2147483647, 2147483647};
+  group->voxelGroup = PCD_NewVoxelGroup(&origin, &hollow, nullptr, kPcdVoxelGroupBitPacked);
+  ASSERT_NE(group->voxelGroup, nullptr);
+  mask = PCD_RasterizeRoiObject(group, &volume);
+  EXPECT_EQ(std::count(mask.begin(), mask.end(), 1), 0);
+  PcdRoiList list;
+  PCD_AppendRoiObject(&list, group);
+  list.selectedId = group->id;
+  const PcdIntVector3D boxOrigin{0, 0, 0};
+  const PcdIntSize3D boxSize{5, 5, 5};
+  EXPECT_EQ(PCD_MaskSelectedVoxelGroupByBox(&list, &boxOrigin, &boxSize, 0), 0);
+  list.items.front().release();
   delete_roi_object(sphere);
   delete_roi_object(free);
   delete_roi_object(group);

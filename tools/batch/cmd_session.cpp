@@ -84,9 +84,10 @@ void PrintRoi(const PcdRoiObject& roi) {
   if (roi.type == PCD_ROI_FREEHAND) std::printf("    %zu points\n", roi.shape->points.size());
   if (const PcdVoxelGroup* g = roi.voxelGroup.get()) {
     int64_t n = 0;
-    for (int32_t z = 0; z < g->size.z; ++z)
-      for (int32_t y = 0; y < g->size.y; ++y)
-        for (int32_t x = 0; x < g->size.x; ++x) n += PCD_GetVoxelOfVoxelGroup(g, x, y, z);
+    if (PCD_GetVoxelGroupDataSize(&g->size, kPcdVoxelGroupOneByte) > 0)
+      for (int32_t z = 0; z < g->size.z; ++z)
+        for (int32_t y = 0; y < g->size.y; ++y)
+          for (int32_t x = 0; x < g->size.x; ++x) n += PCD_GetVoxelOfVoxelGroup(g, x, y, z);
     std::printf("    voxel group at (%d, %d, %d), %d x %d x %d, %lld voxels set\n", g->origin.x,
                 g->origin.y, g->origin.z, g->size.x, g->size.y, g->size.z,
                 static_cast<long long>(n));
