@@ -40,6 +40,8 @@ class BatchArgs {
 
   bool TakeFlag(std::initializer_list<const char*> names);
   std::optional<std::string> TakeValue(std::initializer_list<const char*> names);
+  // Every value of a repeatable option, in order.
+  std::vector<std::string> TakeValues(std::initializer_list<const char*> names);
   // A number within [min, max]; anything else is an error naming the option.
   std::optional<double> TakeNumber(std::initializer_list<const char*> names, double min,
                                    double max);

@@ -95,6 +95,32 @@ std::optional<std::string> BatchArgs::TakeValue(std::initializer_list<const char
   return value;
 }
 
+std::vector<std::string> BatchArgs::TakeValues(std::initializer_list<const char*> names) {
+  std::vector<std::string> values;
+  for (size_t i = 0; i < tokens_.size();) {
+    const Token token = tokens_[i];
+    std::optional<std::string> found;
+    for (const char* name : names)
+      if (!found && token.isOption) found = inline_value(token.text, name);
+    const bool separate = token.isOption && is_one_of(token.text, names);
+    if (!found && !separate) {
+      ++i;
+      continue;
+    }
+    tokens_.erase(tokens_.begin() + static_cast<std::ptrdiff_t>(i));
+    if (separate) {
+      if (i >= tokens_.size() || tokens_[i].isOption) {
+        Fail("option " + token.text + " needs a value");
+        continue;
+      }
+      found = tokens_[i].text;
+      tokens_.erase(tokens_.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+    values.push_back(*found);
+  }
+  return values;
+}
+
 std::optional<double> BatchArgs::TakeNumber(std::initializer_list<const char*> names,
                                             double min, double max) {
   const std::optional<std::string> text = TakeValue(names);

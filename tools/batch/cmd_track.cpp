@@ -11,6 +11,7 @@
 #include "io/raw_volume_file.h"
 #include "io/tract_file.h"
 #include "study/fiber_dump.h"
+#include "study/study_runner.h"
 #include "tools/batch/batch_input.h"
 
 namespace {
@@ -87,6 +88,8 @@ int run_track(BatchArgs& args) {
   const auto dump = args.TakeValue({"--dump"});
   const auto tck = args.TakeValue({"--tck"});
   const auto trk = args.TakeValue({"--trk"});
+  const std::vector<std::string> targetFiles = args.TakeValues({"--target"});
+  const std::vector<std::string> avoidFiles = args.TakeValues({"--avoid"});
   if (mask.has_value() == box.has_value()) args.Fail("needs exactly one of --seed-mask and --seed-box");
   if (!args.Finish(1, 1)) return kBatchUsageError;
   // the input's body is mapped unless an output is to replace the input file
@@ -101,6 +104,15 @@ int run_track(BatchArgs& args) {
   const PcdIntSize4D& size = *set->volume->matrixSize;
   std::vector<PcdIntVector3D> voxels;
   if (!(mask ? MaskVoxels(*mask, size, &voxels) : ParseBox(*box, size, &voxels))) return kBatchFailed;
+  // the target and avoidance masks, each as one byte a voxel
+  std::vector<std::vector<uint8_t>> targets, avoidances;
+  for (auto [files, masks] : {std::pair{&targetFiles, &targets}, std::pair{&avoidFiles, &avoidances}})
+    for (const std::string& file : *files) {
+      std::vector<PcdIntVector3D> in;
+      if (!MaskVoxels(file, size, &in)) return kBatchFailed;
+      masks->emplace_back(static_cast<size_t>(size.x) * size.y * size.z, 0);
+      for (const PcdIntVector3D& v : in) masks->back()[v.x + static_cast<size_t>(size.x) * (v.y + static_cast<size_t>(size.y) * v.z)] = 1;
+    }
   const int64_t k = perVoxel.value_or(1);
   if (static_cast<int64_t>(voxels.size()) * k > 100000000) {
     std::fputs("Err: more than 100000000 seeds\n", stderr);
@@ -127,14 +139,20 @@ int run_track(BatchArgs& args) {
   PcdFibeTrakBuffer* result = PCDdti_FiberTracking(
       set->dti, &context, static_cast<int>(threads.value_or(DefaultThreads())));
   if (result == nullptr) return kBatchFailed;
-  int64_t nodesWritten = 0;
-  for (int32_t i = 0; i < result->lineCount; ++i) {
-    result->pairs[i]->selection = 1;  // no ROI conditions here: every fiber is selected
-    nodesWritten += PCD_FiberNodeCount(result->pairs[i]);
+  // a fiber is kept when it meets every target and no avoidance mask (at its nodes)
+  const PcdIntSize3D size3{size.x, size.y, size.z};
+  const int drawn = PCD_SelectFibersByMasks(result, targets, avoidances, &size3,
+                                            static_cast<int>(threads.value_or(DefaultThreads())));
+  if (drawn < 0) {
+    PCDdti_DeleteFibeTrakBuffer(result);
+    return kBatchFailed;
   }
+  int64_t nodesWritten = 0;
+  for (int32_t i = 0; i < result->lineCount; ++i)
+    if (result->pairs[i]->selection) nodesWritten += PCD_FiberNodeCount(result->pairs[i]);
   std::printf("Seed Points:   %d\n", result->seedCount);
   std::printf("Tracked Lines:   %d\n", result->lineCount);
-  std::printf("Drawn Lines:   %d\n", result->lineCount);
+  std::printf("Drawn Lines:   %d\n", drawn);
   std::printf("Nodes:   %lld\n", static_cast<long long>(nodesWritten));
   int status = kBatchOk;
   const float voxelSize = set->dti->reserved;
@@ -156,7 +174,7 @@ extern const BatchCommand kBatchTrackCommand = {
     "\n"
     "Follows the principal diffusion direction from every seed, forward and backward, in\n"
     "fixed steps, refitting the tensor from interpolated signals at every node, until a\n"
-    "stop criterion fires. Prints the seed, line and node counts; every fiber is kept.\n"
+    "stop criterion fires. Prints the seed, line and node counts of the fibers kept.\n"
     "\n"
     "Seeds:\n"
     "  --seed-mask MASK    raw volume or NIfTI image of the data set's matrix size; every\n"
@@ -170,6 +188,10 @@ extern const BatchCommand kBatchTrackCommand = {
     "  --nodes N           nodes per half-line, the seed included (default 160)\n"
     "  --scheme 123|345    by e1 (default) or by anisotropic composition\n"
     "  --threads T         worker threads (default: the number of cores)\n"
+    "Selection (a fiber is kept when it meets every target and no avoidance mask, tested\n"
+    "at its nodes; without masks every fiber is kept):\n"
+    "  --target MASK       raw volume or NIfTI mask of the matrix size; repeatable, 16 at most\n"
+    "  --avoid MASK        the same for avoidance; repeatable, 16 at most\n"
     "Output:\n"
     "  --dump FILE         the tracking dump (positions in mm, eigenvalues x 1000)\n"
     "  --tck FILE          MRtrix tracks in world mm\n"

@@ -18,6 +18,8 @@ extern const BatchCommand kBatchConvertCommand;
 extern const BatchCommand kBatchPhantomCommand;
 extern const BatchCommand kBatchChannelsCommand;
 extern const BatchCommand kBatchTrackCommand;
+extern const BatchCommand kBatchSessionCommand;
+extern const BatchCommand kBatchRoiCommand;
 
 namespace {
 
@@ -27,6 +29,8 @@ const BatchCommand* const kCommands[] = {
     &kBatchPhantomCommand,
     &kBatchChannelsCommand,
     &kBatchTrackCommand,
+    &kBatchSessionCommand,
+    &kBatchRoiCommand,
 };
 
 }  // namespace

@@ -1,0 +1,68 @@
+// The fiber tracking runner: seeds from the study's seed region, tracking on 4 threads,
+// the target and avoidance conditions, the summary, the dump and the hand-over of the
+// result to whoever draws it.
+//
+// Seeds. Each seed voxel gets a fixed number of deterministic positions: 1 for "normal"
+// density (542), 8 for "high" (723), position k being PCDdti_SeedInVoxel(x, y, z, k), so
+// position 0 is the voxel's centre. Voxels are taken in z, y, x order; at most 1,000,000
+// seeds. The seed source code picks the voxels: 435 (and any code not listed here) the
+// sphere of the seed region's shape, 21 and 981 its freehand points, 54 the listed ROIs
+// one after the other in list order, each given the room still left.
+//
+// Conditions. A target or avoidance region takes part when its use code is 432. A sphere
+// or freehand region is one condition; a listed region gives one condition per listed
+// ROI that exists. A fiber is selected when it meets every target condition and no
+// avoidance condition. A condition is met when a node of either half-line lies in one of
+// its voxels (voxel i spans [i, i+1)): the test is made at the nodes, not along the
+// segments between them. Targets use mark slot 0 and avoidance slot 1, one bit per
+// condition, so there are at most 16 of each.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "fiber/trakline.h"
+#include "study/work_session.h"
+
+constexpr int32_t kPcdMaxSeeds = 1000000;
+constexpr int kPcdStudyThreads = 4;
+
+// Seeds of a tracking or modeling study on a volume of this size.
+std::vector<PcdVector3D> PCD_GenerateStudySeeds(const PcdStudyObject* study,
+                                                const PcdRoiList* rois,
+                                                const PcdIntSize3D* size);
+
+// The voxel masks (x fastest, 1 inside) of one region's conditions; none when the region
+// does not take part.
+std::vector<std::vector<uint8_t>> PCD_GetRegionConditionMasks(const PcdStudyRegion* region,
+                                                              const PcdRoiList* rois,
+                                                              const PcdIntSize3D* size);
+
+// Marks the packed result against the masks and sets every pair's selection word (1 when
+// it meets every target and no avoidance mask). The number of selected fibers, or -1
+// with an "Err: " line for more than 16 masks of a kind or a mask of another size.
+int PCD_SelectFibersByMasks(PcdFibeTrakBuffer* buffer,
+                            const std::vector<std::vector<uint8_t>>& targets,
+                            const std::vector<std::vector<uint8_t>>& avoidances,
+                            const PcdIntSize3D* size, int threads);
+
+// Memory estimate of a result in Mb: sum over the pairs of 32 * (nodes of both halves)
+// + 24 bytes, times 9.536743e-7, in float.
+float PCD_GetFibeTrakBufferMegabytes(const PcdFibeTrakBuffer* buffer);
+
+struct PcdTrackingRunOptions {
+  bool dump = false;                         // "Analyze and dump result"
+  std::string dumpFile = "fibetrak_dump.txt";
+  // Receives the selected result before it is released, with the drawn-line count; the
+  // desktop program draws it, the command-line tool writes files from it.
+  std::function<void(const PcdFibeTrakBuffer*, int drawnLines)> draw;
+};
+
+// Runs a fiber tracking study on the session's data set and writes its summary
+// ("Seed Points:   %d\n", "Tracked Lines:   %d\n", "Drawn Lines:   %d\n",
+// "Buffer Size:   %3.1f Mb\n") into the study, which becomes analysed. 0, or -1 when the
+// data set cannot be analysed (its check's line) or the core returns nothing ("No
+// result obtained\n").
+int PCD_RunFiberTrackingStudy(PcdWorkSession* session, PcdStudyObject* study,
+                              const PcdTrackingRunOptions& options);
