@@ -18,6 +18,7 @@ extern const BatchCommand kBatchConvertCommand;
 extern const BatchCommand kBatchPhantomCommand;
 extern const BatchCommand kBatchChannelsCommand;
 extern const BatchCommand kBatchTrackCommand;
+extern const BatchCommand kBatchModelCommand;
 
 namespace {
 
@@ -27,6 +28,7 @@ const BatchCommand* const kCommands[] = {
     &kBatchPhantomCommand,
     &kBatchChannelsCommand,
     &kBatchTrackCommand,
+    &kBatchModelCommand,
 };
 
 }  // namespace
