@@ -421,18 +421,21 @@ void lu_update_rows(float* const* a, int n, int first, int last, int k0, int k1,
     for (; i + 4 <= last + 1; i += 4) {
       float* r[4] = {a[i], a[i + 1], a[i + 2], a[i + 3]};
       Lanes8 lo[4], hi[4];
+#pragma GCC unroll 4
       for (int q = 0; q < 4; ++q) {
         lo[q] = load8(r[q] + c);
         hi[q] = load8(r[q] + c + 8);
       }
       for (int k = k0; k <= k1; ++k) {
         const Lanes8 ulo = load8(a[k] + c), uhi = load8(a[k] + c + 8);
+#pragma GCC unroll 4
         for (int q = 0; q < 4; ++q) {
           const float l = r[q][k];
           lo[q] = lo[q] - l * ulo;
           hi[q] = hi[q] - l * uhi;
         }
       }
+#pragma GCC unroll 4
       for (int q = 0; q < 4; ++q) {
         store8(r[q] + c, lo[q]);
         store8(r[q] + c + 8, hi[q]);
@@ -540,25 +543,31 @@ void lu_solve_column_block(float* const* a, int n, int q0, const int* label, Pcd
   for (int c = 0; c < kBlockColumns && q0 + c <= n; ++c) row_of(q0 + c)[c] = 1.0f;
   for (int i = q0 + 1; i <= n; ++i) {
     Lanes8 acc[kBlockVectors];
+    #pragma GCC unroll 8
     for (int v = 0; v < kBlockVectors; ++v) acc[v] = load8(row_of(i) + 8 * v);
     const float* row = a[i];
     for (int j = q0; j < i; ++j) {
       const float l = row[j];
       const float* xj = row_of(j);
+      #pragma GCC unroll 8
       for (int v = 0; v < kBlockVectors; ++v) acc[v] = acc[v] - l * load8(xj + 8 * v);
     }
+    #pragma GCC unroll 8
     for (int v = 0; v < kBlockVectors; ++v) store8(row_of(i) + 8 * v, acc[v]);
   }
   for (int i = n; i >= 1; --i) {
     Lanes8 acc[kBlockVectors];
+    #pragma GCC unroll 8
     for (int v = 0; v < kBlockVectors; ++v) acc[v] = load8(row_of(i) + 8 * v);
     const float* row = a[i];
     for (int j = i + 1; j <= n; ++j) {
       const float u = row[j];
       const float* xj = row_of(j);
+      #pragma GCC unroll 8
       for (int v = 0; v < kBlockVectors; ++v) acc[v] = acc[v] - u * load8(xj + 8 * v);
     }
     const float d = row[i];
+    #pragma GCC unroll 8
     for (int v = 0; v < kBlockVectors; ++v) store8(row_of(i) + 8 * v, acc[v] / d);
   }
   for (int c = 0; c < kBlockColumns && q0 + c <= n; ++c) {
