@@ -360,18 +360,19 @@ void diagonalise(float** u, int m, int n, float* w, float* e, float** v, float n
 #define PCD_LU_WIDE
 #endif
 
-// Eight floats in one register where the target has them. The helpers below are internal
-// and inlined, so the psABI note about passing such vectors does not concern them.
+// Eight floats in one register where the target has them. The helpers below are always
+// inlined: a call would pass the vector differently in the AVX2 clone and in the baseline
+// helper (what the psABI note warns about), so none is ever made.
 #pragma GCC diagnostic ignored "-Wpsabi"
 using Lanes8 = float __attribute__((vector_size(32)));
 
-inline Lanes8 load8(const float* p) {
+[[gnu::always_inline]] inline Lanes8 load8(const float* p) {
   Lanes8 v;
   std::memcpy(&v, p, sizeof v);
   return v;
 }
 
-inline void store8(float* p, Lanes8 v) { std::memcpy(p, &v, sizeof v); }
+[[gnu::always_inline]] inline void store8(float* p, Lanes8 v) { std::memcpy(p, &v, sizeof v); }
 
 constexpr float kTiny = 1.0e-20f;  // stands in for an exactly zero pivot
 constexpr int kPanel = 48;         // columns factored together before the rest is updated
