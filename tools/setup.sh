@@ -4,7 +4,7 @@
 set -euo pipefail
 pkgs=(build-essential cmake pkg-config git libgtest-dev libgmock-dev libbenchmark-dev
       libgtk-3-dev libnifti2-dev zlib1g-dev xvfb xauth clang libclang-rt-14-dev)
-if [ "${1:-}" = "--peers" ]; then pkgs+=(mrtrix3 python3-dipy hyperfine); fi
+if [ "${1:-}" = "--peers" ]; then pkgs+=(mrtrix3 python3-dipy hyperfine python3-scipy); fi
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -54,6 +54,9 @@ PcdVector* PCDnumerical_SolveLinearEquations(const PcdMatrix* a, const PcdVector
 // non-square matrix gives null silently. A singular matrix (a row of zeros) or a failed
 // scratch allocation ENDS THE PROGRAM with status 1 after a message on stderr.
 PcdMatrix* PCDnumerical_GetInversedMatrixLU(const PcdMatrix* a);
+// The same inverse, byte for byte, with the decomposition's updates and the inverse's
+// columns shared out over up to `threads` threads.
+PcdMatrix* PCDnumerical_GetInversedMatrixLUThreaded(const PcdMatrix* a, int threads);
 PcdVector* PCDnumerical_SolveLinearEquationsLU(const PcdMatrix* a, const PcdVector* y);
 
 // ---- the decomposition itself, exposed for the tests ---------------------------------
@@ -62,3 +65,13 @@ PcdVector* PCDnumerical_SolveLinearEquationsLU(const PcdMatrix* a, const PcdVect
 // that A = U * diag(w) * V^T. At most 1000 QR sweeps per singular value; when they run
 // out the routine quietly goes on with the next one. rv1 is scratch of n + 1 floats.
 void svd_decompose(float** a, int m, int n, float* w, float** v, float* rv1);
+
+// The LU decomposition on 1-based a[1..n][1..n] (row pointers; pivoting swaps them), the
+// interchanges into index[1..n], scale scratch of n + 1 floats. Crout's textbook loop
+// order, and the order the inverse uses: the same factors bit for bit.
+void lu_decompose_crout(float** a, int n, int* index, float* scale);
+void lu_decompose_blocked(float** a, int n, int* index, float* scale, int threads);
+// The inverse from the factors into out (n x n, 0-based): one column of the identity at a
+// time, and 64 columns side by side on up to `threads` threads; the same bytes.
+void lu_inverse_by_columns(float* const* a, int n, const int* index, PcdMatrix* out);
+void lu_inverse_by_blocks(float* const* a, int n, const int* index, PcdMatrix* out, int threads);

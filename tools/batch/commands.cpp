@@ -20,6 +20,7 @@ extern const BatchCommand kBatchChannelsCommand;
 extern const BatchCommand kBatchTrackCommand;
 extern const BatchCommand kBatchSessionCommand;
 extern const BatchCommand kBatchRoiCommand;
+extern const BatchCommand kBatchModelCommand;
 
 namespace {
 
@@ -31,6 +32,7 @@ const BatchCommand* const kCommands[] = {
     &kBatchTrackCommand,
     &kBatchSessionCommand,
     &kBatchRoiCommand,
+    &kBatchModelCommand,
 };
 
 }  // namespace
