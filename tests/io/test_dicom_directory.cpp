@@ -14,6 +14,7 @@
 
 #include "dti/dti_data.h"
 #include "io/dicom_directory.h"
+#include "io/nifti_file.h"
 #include "io/raw_volume_file.h"
 #include "support/test_support.h"
 
@@ -204,6 +205,105 @@ TEST(DicomDirectory, DiffusionElementsBuildTheMpgSettingInTheImageAxes) {
   EXPECT_FALSE(partial.series.hasDiffusion);
   EXPECT_NE(partial.console.find("Warning: channel 2 has b=1000 but no gradient direction (0018,9089)"),
             std::string::npos);
+}
+
+// (i, j, k) of the voxel at world point w, from the inverse of a geometry's 3x3 part.
+void VoxelOf(const PcdWorldGeometry& g, const double w[3], double out[3]) {
+  const auto& m = g.voxelToWorld;
+  const double d[3] = {w[0] - m[0][3], w[1] - m[1][3], w[2] - m[2][3]};
+  const double det = PCD_WorldGeometryDeterminant(&g);
+  for (int i = 0; i < 3; ++i) {
+    // Cramer's rule: column i replaced by d
+    double c[3][3];
+    for (int r = 0; r < 3; ++r)
+      for (int k = 0; k < 3; ++k) c[r][k] = k == i ? d[r] : m[r][k];
+    out[i] = (c[0][0] * (c[1][1] * c[2][2] - c[1][2] * c[2][1]) - c[0][1] * (c[1][0] * c[2][2] - c[1][2] * c[2][0]) +
+              c[0][2] * (c[1][0] * c[2][1] - c[1][1] * c[2][0])) / det;
+  }
+}
+
+// An MPG direction (volume axes) in the world.
+void WorldDirection(const PcdWorldGeometry& g, const PcdVector3D& v, double out[3]) {
+  const double in[3] = {v.x, v.y, v.z};
+  for (int r = 0; r < 3; ++r) {
+    out[r] = 0.0;
+    for (int k = 0; k < 3; ++k) out[r] += g.voxelToWorld[r][k] / g.voxelSize[k] * in[k];
+  }
+}
+
+// dcm2niix, an independent converter, read back through the NIfTI reader: the same voxel
+// values at the same world points and the same gradient directions in the world.
+TEST(DicomDirectory, AgreesWithDcm2niixInTheWorld) {
+  if (quorix_test::RunCommand("command -v dcm2niix >/dev/null") != 0) GTEST_SKIP() << "dcm2niix is not installed";
+  TempDir dir;
+  WRITE_SERIES_OR_SKIP(dir.file("s"), R"({"slices": 3, "channels": 7, "x": 5, "y": 4, "order": "channel",
+      "z_direction": -1, "orientation": [0, 0.8, 0.6, 0, -0.6, 0.8], "origin": [5, -7, 11],
+      "bvalues": [0, 1000, 1000, 1000, 1000, 1000, 1000],
+      "directions": [null, [1, 0, 0], [0, 1, 0], [0, 0, 1], [0.6, 0.8, 0], [0, 0.6, 0.8], [0.8, 0, 0.6]]})");
+  Imported ours(dir.file("s"));
+  ASSERT_NE(ours.volume, nullptr) << ours.console;
+  ASSERT_TRUE(ours.series.hasDiffusion);
+  std::filesystem::create_directory(dir.file("d"));
+  ASSERT_EQ(quorix_test::RunCommand("dcm2niix -f dd -z n -o '" + dir.file("d") + "' '" + dir.file("s") + "' >/dev/null 2>&1"), 0);
+  PcdWorldGeometry theirs{};
+  testing::internal::CaptureStderr();
+  PcdDtiData* peer = ReadNiftiDwiFile(dir.file("d/dd.nii").c_str(), nullptr, nullptr, &theirs, nullptr);
+  testing::internal::GetCapturedStderr();
+  ASSERT_NE(peer, nullptr);
+  const PcdIntSize4D& s = *ours.volume->matrixSize;
+  ASSERT_EQ(peer->volume->matrixSize->channels, s.channels);
+  const PcdIntSize4D& p = *peer->volume->matrixSize;
+  for (int k = 0; k < s.z; ++k)
+    for (int j = 0; j < s.y; ++j)
+      for (int i = 0; i < s.x; ++i) {
+        double w[3], v[3];
+        for (int r = 0; r < 3; ++r) {
+          const auto& m = ours.series.geometry.voxelToWorld[r];
+          w[r] = m[0] * i + m[1] * j + m[2] * k + m[3];
+        }
+        VoxelOf(theirs, w, v);
+        int at[3];
+        for (int r = 0; r < 3; ++r) {
+          at[r] = static_cast<int>(std::lround(v[r]));
+          ASSERT_NEAR(v[r], at[r], 1e-3) << i << j << k;
+        }
+        ASSERT_TRUE(at[0] >= 0 && at[0] < p.x && at[1] >= 0 && at[1] < p.y && at[2] >= 0 && at[2] < p.z);
+        for (int c = 0; c < s.channels; ++c)
+          ASSERT_EQ(Voxel(ours.volume, c, i, j, k), Voxel(peer->volume, c, at[0], at[1], at[2])) << c;
+      }
+  PcdDtiData* dti = PCDdti_NewDiffusionTensorImageData(ours.volume, s.channels);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PCD_SetDicomMpgSetting(dti, ours.series), 1);
+  testing::internal::GetCapturedStderr();
+  for (int c = 0; c < s.channels; ++c) {
+    double a[3], b[3];
+    WorldDirection(ours.series.geometry, dti->mpgVectors[c], a);
+    WorldDirection(theirs, peer->mpgVectors[c], b);
+    EXPECT_EQ(dti->bValues[c], peer->bValues[c]);
+    for (int r = 0; r < 3; ++r) EXPECT_NEAR(a[r], b[r], 1e-4) << c << " " << r;
+  }
+  std::free(dti);
+  PCD_DeleteRawVolumeData(peer->volume);
+  std::free(peer);
+}
+
+// Every command of quorix-batch takes a DICOM directory as its INPUT.
+TEST(DicomDirectory, CommandLineToolTakesTheDirectoryAsInput) {
+  TempDir dir;
+  WRITE_SERIES_OR_SKIP(dir.file("s"), R"({"slices": 2, "channels": 7, "bvalues": [0, 700, 700, 700, 700, 700, 700],
+      "directions": [null, [0, 0, 1], [0, 1, 0], [1, 0, 0], [0.6, 0.8, 0], [0, 0.6, 0.8], [0.8, 0, 0.6]]})");
+  std::string out;
+  ASSERT_EQ(quorix_test::RunCommand(quorix_test::BatchCommandLine("info " + dir.file("s") + "/"), &out), 0) << out;
+  EXPECT_NE(out.find("Kind: DICOM directory\nMatrix: 4 x 3 x 2, 7 channels\nVoxel size: 2 mm\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("   2   b=700.0, g=(0.000, 0.000, 1.000)"), std::string::npos) << out;
+  ASSERT_EQ(quorix_test::RunCommand(quorix_test::BatchCommandLine("convert " + dir.file("s") + " -o " + dir.file("v.raw")), &out), 0) << out;
+  PcdRawVolumeData* v = ReadRawVolumeFile(dir.file("v.raw").c_str(), nullptr);
+  ASSERT_NE(v, nullptr);
+  ExpectWrittenVoxels(v, {0, 1, 2, 3, 4, 5, 6});
+  PCD_DeleteRawVolumeData(v);
+  std::filesystem::create_directory(dir.file("empty"));
+  EXPECT_EQ(quorix_test::RunCommand(quorix_test::BatchCommandLine("info " + dir.file("empty")), &out), 1);
+  EXPECT_NE(out.find("Err: cannot import the DICOM directory"), std::string::npos) << out;
 }
 
 TEST(DicomDirectory, ForeignTruncatedAndGarbageFilesGiveClearLines) {
