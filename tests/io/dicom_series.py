@@ -37,7 +37,7 @@ def main():
          "pixel": 2.0, "spacing": 2.0, "dbs": True, "fov": True, "implicit": False,
          "preamble": True, "dicm_at_0": False, "skip_instance": 0, "orientation": [1, 0, 0, 0, 1, 0],
          "origin": [-10.0, 20.0, 30.0], "bvalues": None, "directions": None, "ob": False,
-         "sequence": False}
+         "sequence": False, "pixel_spacing": True}
     o.update(json.loads(sys.argv[2]) if len(sys.argv) > 2 else {})
     os.makedirs(out, exist_ok=True)
     r, cdir = o["orientation"][:3], o["orientation"][3:]
@@ -99,7 +99,8 @@ def main():
         ds.ImagePositionPatient = ["%.4f" % v for v in pos]
         ds.ImageOrientationPatient = ["%g" % v for v in o["orientation"]]
         ds.Rows, ds.Columns = o["y"], o["x"]
-        ds.PixelSpacing = ["%g" % o["pixel"], "%g" % o["pixel"]]
+        if o["pixel_spacing"]:
+            ds.PixelSpacing = ["%g" % o["pixel"], "%g" % o["pixel"]]
         ds.SamplesPerPixel = 1
         ds.PhotometricInterpretation = "MONOCHROME2"
         ds.BitsAllocated, ds.BitsStored, ds.HighBit, ds.PixelRepresentation = 16, 16, 15, 1
