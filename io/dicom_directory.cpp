@@ -1,6 +1,7 @@
 #include "io/dicom_directory.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -182,30 +183,58 @@ Axes axes_of(const PcdDicomFileInfo& f) {
 
 // ---- reading the directory ------------------------------------------------------------
 
+// A file's bytes, mapped read-only for as long as the import needs them: each file is
+// read once, by the page cache, and its plane is copied once, into the volume.
+class MappedFile {
+ public:
+  MappedFile() = default;
+  MappedFile(MappedFile&& other) noexcept : data_(other.data_), size_(other.size_) {
+    other.data_ = nullptr;
+    other.size_ = 0;
+  }
+  MappedFile& operator=(MappedFile&& other) noexcept {
+    std::swap(data_, other.data_);
+    std::swap(size_, other.size_);
+    return *this;
+  }
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+  ~MappedFile() { release(); }
+
+  // False when the file cannot be opened, is not a regular file or is too large.
+  bool open_file(const std::string& name) {
+    release();
+    const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat st {};
+    bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kMaxDicomFileBytes;
+    if (ok && st.st_size > 0) {
+      void* p = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
+      ok = p != MAP_FAILED;
+      if (ok) data_ = static_cast<const uint8_t*>(p), size_ = static_cast<size_t>(st.st_size);
+    }
+    close(fd);
+    return ok;
+  }
+  void release() {
+    if (data_ != nullptr) munmap(const_cast<uint8_t*>(data_), size_);
+    data_ = nullptr;
+    size_ = 0;
+  }
+  const uint8_t* data() const { return data_ != nullptr ? data_ : reinterpret_cast<const uint8_t*>(""); }
+  size_t size() const { return size_; }
+
+ private:
+  const uint8_t* data_ = nullptr;
+  size_t size_ = 0;
+};
+
 struct SliceFile {
   std::string name;
   PcdDicomFileInfo info;
-  std::vector<uint8_t> plane;  // the first rows x columns x 2 bytes of the pixel data
+  MappedFile bytes;
+  const uint8_t* plane = nullptr;  // rows x columns x 2 bytes inside the pixel data, or null
 };
-
-// Reads a whole regular file into buffer; false when it cannot be read or is too large.
-bool read_file(const std::string& name, std::vector<uint8_t>* buffer) {
-  const int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  struct stat st {};
-  bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kMaxDicomFileBytes;
-  if (ok) {
-    buffer->resize(static_cast<size_t>(st.st_size));
-    size_t got = 0;
-    while (ok && got < buffer->size()) {
-      const ssize_t n = read(fd, buffer->data() + got, buffer->size() - got);
-      if (n <= 0) ok = false;
-      else got += static_cast<size_t>(n);
-    }
-  }
-  close(fd);
-  return ok;
-}
 
 // The file names of the directory, sorted, regular files only.
 std::vector<std::string> list_directory(const std::string& directory) {
@@ -225,24 +254,26 @@ bool is_readable_syntax(const std::string& uid) {
   return uid.empty() || uid == "1.2.840.10008.1.2" || uid == "1.2.840.10008.1.2.1";
 }
 
-// One file: its elements and its first plane. False (with a line) for what is no slice.
-bool load_file(const std::string& name, std::vector<uint8_t>* buffer, SliceFile* out) {
-  if (!read_file(name, buffer)) {
+// One file: its elements and where its first plane lies. False (with a line) for what is
+// no slice.
+bool load_file(const std::string& name, SliceFile* out) {
+  if (!out->bytes.open_file(name)) {
     std::fprintf(stderr, "Warning: %s cannot be read; skipped\n", name.c_str());
     return false;
   }
   out->name = name;
-  out->info = pcd_scan_dicom_bytes(buffer->data(), buffer->size());
+  out->info = pcd_scan_dicom_bytes(out->bytes.data(), out->bytes.size());
   const PcdDicomFileInfo& f = out->info;
   if (!f.hasInstance) {
     std::fprintf(stderr, "Warning: %s has no instance number (not a DICOM image); skipped\n",
                  name.c_str());
+    out->bytes.release();
     return false;
   }
   const int64_t plane = int64_t{f.rows} * f.columns * 2;
   if (f.pixelOffset >= 0 && f.pixelLength != kPcdDicomUndefinedLength && plane > 0 &&
       f.pixelLength >= plane)
-    out->plane.assign(buffer->begin() + f.pixelOffset, buffer->begin() + f.pixelOffset + plane);
+    out->plane = out->bytes.data() + f.pixelOffset;  // the walk checked the value against the size
   return true;
 }
 
@@ -254,7 +285,7 @@ const char* plane_problem(const SliceFile& file, int32_t rows, int32_t columns) 
   if (f.rows != rows || f.columns != columns) return "its matrix differs from the first file's";
   if (f.pixelOffset < 0) return "it has no pixel data";
   if (f.pixelLength == kPcdDicomUndefinedLength) return "its pixel data are compressed";
-  if (file.plane.empty()) return "its pixel data are shorter than one plane";
+  if (file.plane == nullptr) return "its pixel data are shorter than one plane";
   return nullptr;
 }
 
@@ -515,10 +546,10 @@ PcdRawVolumeData* ReadDicomDirectory(const char* directory, std::string* informa
   const std::vector<std::string> names = list_directory(dir);
   std::fprintf(stderr, "Found %d files\n", static_cast<int>(names.size()));
   std::vector<SliceFile> files;
-  std::vector<uint8_t> buffer;
+  files.reserve(names.size());
   for (const std::string& name : names) {
     SliceFile file;
-    if (load_file(dir + name, &buffer, &file)) files.push_back(std::move(file));
+    if (load_file(dir + name, &file)) files.push_back(std::move(file));
   }
   std::vector<SliceFile> ordered = order_by_instance(&files);
   if (ordered.empty()) {
@@ -580,7 +611,7 @@ PcdRawVolumeData* ReadDicomDirectory(const char* directory, std::string* informa
   for (size_t z = 0; z < order.size(); ++z)
     for (int32_t c = 0; c < channels; ++c)
       std::memcpy(static_cast<uint8_t*>(volume->data[c]) + planeBytes * z,
-                  groups[order[z]][static_cast<size_t>(c)]->plane.data(), planeBytes);
+                  groups[order[z]][static_cast<size_t>(c)]->plane, planeBytes);
   take_diffusion(groups[0], axes, volume, &out);
 
   // 9. cubic voxels
@@ -588,8 +619,9 @@ PcdRawVolumeData* ReadDicomDirectory(const char* directory, std::string* informa
   if (spacing.pixel > 0.0 && slices > 1) ratio = spacing.slice / spacing.pixel;
   else if (!(spacing.pixel > 0.0)) std::fputs("Warning: no pixel size in DICOM; z is not resampled\n", stderr);
   std::fprintf(stderr, "Interpolating in z direction (ratio:%3.3f)...", ratio);
-  PcdRawVolumeData* resampled = PCD_ResampleDicomVolumeInZ(volume, ratio);
-  PCD_DeleteRawVolumeData(volume);
+  // at ratio 1 every slice comes back as it is: the copy is not made
+  PcdRawVolumeData* resampled = ratio == 1.0 ? volume : PCD_ResampleDicomVolumeInZ(volume, ratio);
+  if (resampled != volume) PCD_DeleteRawVolumeData(volume);
   if (resampled == nullptr) {
     std::fprintf(stderr, "\nErr: the slices of %s cannot be resampled at ratio %f\n", dir.c_str(), ratio);
     return nullptr;
