@@ -93,11 +93,14 @@ const std::string& scratch_directory() {
     if (f == nullptr) std::abort();
     std::fwrite(fixed.data(), 1, fixed.size(), f);
     std::fclose(f);
+    // removed at exit through a copy that outlives the string (destroyed before this runs)
+    static char removeAtExit[4096];
+    std::snprintf(removeAtExit, sizeof removeAtExit, "%s", d.c_str());
     std::atexit([] {
-      const std::string& d = scratch_directory();
-      std::remove((d + "a.dcm").c_str());
-      std::remove((d + "b.dcm").c_str());
-      rmdir(d.c_str());
+      const std::string base = removeAtExit;
+      std::remove((base + "a.dcm").c_str());
+      std::remove((base + "b.dcm").c_str());
+      rmdir(removeAtExit);
     });
     // the console lines of millions of runs are not wanted; the sanitizers still report on fd 2
     if (std::FILE* quiet = std::fopen("/dev/null", "w")) stderr = quiet;
