@@ -9,6 +9,7 @@
 #include "app/dialogs.h"
 #include "app/main_window.h"
 #include "app/viewer_link.h"
+#include "io/dicom_directory.h"
 #include "io/dti_file.h"
 #include "io/raw_volume_file.h"
 
@@ -67,14 +68,16 @@ void PCD_CleanUpObjects() {
 namespace {
 
 // Takes a read volume as the current one; the voxel size is asked for when the data set
-// carries none.
-void TakeVolume(PcdRawVolumeData* read) {
-  std::fputs("Volume data OK. Replacing.\n", stderr);
+// carries none (voxelSize 0).
+void TakeVolume(PcdRawVolumeData* read, float voxelSize = 0.0f) {
+  std::fputs("Volume data OK. Replacing.
+", stderr);
   std::free(pcd_app->dti);
   pcd_app->dti = nullptr;
   PCD_DeleteRawVolumeData(pcd_app->volume);
   pcd_app->volume = read;
   PCD_CreateDtiData();
+  if (pcd_app->dti != nullptr && voxelSize > 0.0f) pcd_app->dti->reserved = voxelSize;
   if (pcd_app->dti != nullptr && !(pcd_app->dti->reserved > 0.0f)) {
     std::string value;
     float size = 0.0f;
@@ -91,8 +94,8 @@ void TakeVolume(PcdRawVolumeData* read) {
 
 void PCD_LoadVolume(int importKind, const char* fileName) {
   PcdAppState* app = pcd_app;
-  if (importKind != PCD_IMPORT_DTI_FILE && importKind != PCD_IMPORT_RAW_VOLUME) {
-    // no DICOM reader yet: say so before anything is asked or discarded
+  if (importKind != PCD_IMPORT_DTI_FILE && importKind != PCD_IMPORT_RAW_VOLUME &&
+      importKind != PCD_IMPORT_DICOM) {
     PCD_ShowNotice(kPcdNoticeTitle, kPcdNotImplemented);
     return;
   }
@@ -100,8 +103,23 @@ void PCD_LoadVolume(int importKind, const char* fileName) {
       PCD_AskConfirmation(kPcdNoticeTitle, "Discard current session data?", 240, 100) != kPcdConfirmYes)
     return;
   std::string path = fileName ? fileName : "";
-  if (path.empty() && !PCD_ChooseFile(PcdDialogKind::OpenFile, "Open", nullptr, &path)) return;
-  if (importKind == PCD_IMPORT_DTI_FILE) {
+  const PcdDialogKind chooser = importKind == PCD_IMPORT_DICOM ? PcdDialogKind::SelectFolder : PcdDialogKind::OpenFile;
+  if (path.empty() && !PCD_ChooseFile(chooser, "Open", nullptr, &path)) return;
+  if (importKind == PCD_IMPORT_DICOM) {
+    std::string info;
+    PcdDicomSeries series;
+    PcdRawVolumeData* read = ReadDicomDirectory(path.c_str(), &info, &series);
+    if (read == nullptr) {  // the console says why; the current data set stays
+      PCD_SetStatus("DICOM import failed.");
+      return;
+    }
+    app->memo = info;
+    TakeVolume(read, series.voxelSize);
+    if (series.hasDiffusion) {  // the files' own setting replaces the default
+      PCD_SetDicomMpgSetting(app->dti, series);
+      PCDdti_DumpMPGvectorSetting(app->dti);
+    }
+  } else if (importKind == PCD_IMPORT_DTI_FILE) {
     std::string info;
     PcdDtiData* read = ReadDtiFile(path.c_str(), &info);
     if (read == nullptr) return;  // refused: the current data set stays

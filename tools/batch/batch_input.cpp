@@ -4,12 +4,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
+#include "io/dicom_directory.h"
 #include "io/dti_file.h"
 #include "io/file_util.h"
 #include "io/raw_volume_file.h"
 
 const char kBatchInputOptionsHelp[] =
+    "INPUT may also be a directory of DICOM files (one file per slice and channel).\n"
+    "\n"
     "Input options:\n"
     "  --mpg FILE          replace the MPG setting with an MPG description file\n"
     "  --bval FILE         b values of a NIfTI input (default: <stem>.bval beside it)\n"
@@ -36,6 +40,7 @@ const char* BatchInputKindName(BatchInputKind kind) {
     case BatchInputKind::kRawVolume: return "raw volume file";
     case BatchInputKind::kDtiFile: return "DTI file";
     case BatchInputKind::kNifti: return "NIfTI file";
+    case BatchInputKind::kDicom: return "DICOM directory";
   }
   return "?";
 }
@@ -44,6 +49,8 @@ namespace {
 
 // What the file's first bytes say it is; nullopt (with an "Err: " line) for none.
 std::optional<BatchInputKind> detect_kind(const std::string& path) {
+  std::error_code error;
+  if (std::filesystem::is_directory(path, error)) return BatchInputKind::kDicom;
   FILE* file = std::fopen(path.c_str(), "rb");
   if (file == nullptr) {
     std::fprintf(stderr, "Err: cannot open %s\n", path.c_str());
@@ -109,6 +116,26 @@ bool load_nifti(const std::string& path, const BatchInputOptions& options, Batch
   return true;
 }
 
+bool load_dicom(const std::string& path, BatchDataSet* set) {
+  PcdDicomSeries series;
+  set->volume = ReadDicomDirectory(path.c_str(), &set->information, &series);
+  if (set->volume == nullptr) {
+    std::fprintf(stderr, "Err: cannot import the DICOM directory %s\n", path.c_str());
+    return false;
+  }
+  const int32_t count = leading_dti_channels(set->volume);
+  set->dti = PCDdti_NewDiffusionTensorImageData(set->volume, count);
+  if (set->dti == nullptr) {
+    std::fputs("Err: failed to create DTI data\n", stderr);
+    return false;
+  }
+  PCDdti_SetPropertiesOfDiffusionTensorImageDataAsSingleSoDefault(set->dti, count);
+  PCD_SetDicomMpgSetting(set->dti, series);
+  set->dti->reserved = series.voxelSize;
+  set->geometry = series.geometry;  // xformCode 0 (a default follows) without orientation
+  return true;
+}
+
 // The voxel size lives in the DTI record's float field; inputs without one get the
 // option's value or 1.0, never a silent zero.
 void settle_voxel_size(const std::string& path, const BatchInputOptions& options,
@@ -128,7 +155,8 @@ void settle_voxel_size(const std::string& path, const BatchInputOptions& options
                  path.c_str());
     set->dti->reserved = 1.0f;
   }
-  if (!set->geometry.fromNifti) PCD_SetDefaultWorldGeometry(&set->geometry, set->dti->reserved);
+  if (!set->geometry.fromNifti && set->geometry.xformCode <= 0)
+    PCD_SetDefaultWorldGeometry(&set->geometry, set->dti->reserved);
 }
 
 }  // namespace
@@ -145,6 +173,7 @@ std::unique_ptr<BatchDataSet> LoadBatchInput(const std::string& path,
   set->kind = *kind;
   const bool loaded = *kind == BatchInputKind::kRawVolume ? load_raw_volume(path, options.mapRawBody, set.get())
                       : *kind == BatchInputKind::kDtiFile ? load_dti_file(path, set.get())
+                      : *kind == BatchInputKind::kDicom   ? load_dicom(path, set.get())
                                                           : load_nifti(path, options, set.get());
   if (!loaded) return nullptr;
   settle_voxel_size(path, options, set.get());

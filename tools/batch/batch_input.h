@@ -1,5 +1,6 @@
-// Loading the INPUT of any command: a raw volume file with header, a DTI file or a
-// NIfTI-1 image, into one volume, its DTI record and its world geometry.
+// Loading the INPUT of any command: a raw volume file with header, a DTI file, a NIfTI-1
+// image or a directory of DICOM files, into one volume, its DTI record and its world
+// geometry.
 #pragma once
 
 #include <memory>
@@ -27,7 +28,7 @@ extern const char kBatchInputOptionsHelp[];
 
 BatchInputOptions TakeBatchInputOptions(BatchArgs& args);
 
-enum class BatchInputKind { kRawVolume, kDtiFile, kNifti };
+enum class BatchInputKind { kRawVolume, kDtiFile, kNifti, kDicom };
 
 // A loaded data set. It owns the volume and the DTI record (which points at the volume).
 struct BatchDataSet {
@@ -47,7 +48,8 @@ const char* BatchInputKindName(BatchInputKind kind);
 
 // Loads INPUT as the desktop program's loading workflow does: a raw volume gets a DTI
 // record over its leading monochrome SINT16 channels with the single-So default; a DTI
-// file keeps its setting; a NIfTI image takes its .bval/.bvec. Then --mpg replaces the
+// file keeps its setting; a NIfTI image takes its .bval/.bvec; a DICOM directory takes
+// the setting of its diffusion elements when its files carry them. Then --mpg replaces the
 // setting. The voxel size is the input's own, else --voxel-size, else 1.0 with a
 // "Warning: " line. Null (with an "Err: " line) when anything fails.
 std::unique_ptr<BatchDataSet> LoadBatchInput(const std::string& path,

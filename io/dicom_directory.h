@@ -1,0 +1,79 @@
+// A volume from a directory of DICOM files written by an MR scanner: one file per slice
+// and channel, uncompressed 16-bit little-endian pixels.
+//
+// The files are ordered by instance number (up to the first missing number). The channel
+// count is the number of files that share the first file's image position; a slice is
+// the set of files that share one position, and within a slice the channels follow the
+// instance numbers. So a series may store the channels of one slice together or one
+// channel's slices after another. Slices whose positions run against the slice normal
+// (the cross product of the orientation's row and column directions, or the patient z
+// axis without an orientation) are reversed ("Flip in Z"), so the volume's z axis runs
+// along the normal. Finally every channel is resampled along z by linear interpolation
+// to cubic voxels (see PCD_ResampleDicomVolumeInZ).
+//
+// Where the files carry the standard diffusion elements, b value (0018,9087) and gradient
+// direction (0018,9089), the series also yields an MPG setting: directions turned into
+// the volume's axes through the image orientation (0020,0037), the b = 0 channels moved
+// in front.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "dti/dti_data.h"
+#include "io/nifti_file.h"
+#include "vol/raw_volume.h"
+
+// What the import learns beside the voxels.
+struct PcdDicomSeries {
+  float voxelSize = 0.0f;       // mm (cubic after the z resampling); 0 when the files carry none
+  PcdWorldGeometry geometry{};  // RAS world of the voxels; xformCode 0 without orientation
+  bool hasDiffusion = false;    // the diffusion elements gave a full setting
+  int32_t soCount = 0;          // leading b = 0 channels
+  std::vector<float> bValues;   // per channel, 0 for b = 0 channels
+  std::vector<PcdVector3D> directions;  // per channel, in the volume's axes
+};
+
+// Imports the directory (a trailing separator is added when missing). Null when no volume
+// can be made, with an "Err: " line; every step prints its console line. information
+// receives the data-source text.
+PcdRawVolumeData* ReadDicomDirectory(const char* directory, std::string* information,
+                                     PcdDicomSeries* series);
+
+// Replaces the MPG setting of dti (made over the imported volume) with the series' own and
+// says so on stderr. Returns 1 when the setting was applied and is ready, 0 otherwise.
+int PCD_SetDicomMpgSetting(PcdDtiData* dti, const PcdDicomSeries& series);
+
+// A new SINT16 volume with every channel resampled along z: output slice k samples input
+// position k / ratio, blending its two neighbours linearly and rounding to the nearest
+// integer (halves away from zero). The slice count becomes floor((z - 1) * ratio) + 1, so
+// the first and last slices keep their places; at ratio 1 every slice comes back unchanged.
+// Null for a ratio that is not finite and positive, or a result over 65535 slices.
+PcdRawVolumeData* PCD_ResampleDicomVolumeInZ(const PcdRawVolumeData* volume, double ratio);
+
+// ---- one file -------------------------------------------------------------------------
+
+// The elements of one file that the import uses, found in a single walk.
+struct PcdDicomFileInfo {
+  bool hasInstance = false;
+  int32_t instance = 0;
+  bool hasPosition = false;
+  double position[3] = {};
+  bool hasOrientation = false;
+  double orientation[6] = {};
+  int32_t rows = 0, columns = 0;  // 0 when missing
+  int32_t bitsAllocated = 0;      // 0 when missing
+  std::string pixelSpacing, sliceSpacing, fieldOfView, transferSyntax;
+  std::string institution, date, patientName, patientId, maker, model;
+  bool hasBValue = false;
+  double bValue = 0.0;
+  bool hasDirection = false;
+  double direction[3] = {};
+  int64_t pixelOffset = -1;  // value offset of the first pixel element found
+  int64_t pixelLength = 0;   // its length (kPcdDicomUndefinedLength for encapsulated data)
+  bool corrupt = false;      // the walk ended early on a length past the end or (0000,0000)
+};
+
+// Scans one file's bytes once.
+PcdDicomFileInfo pcd_scan_dicom_bytes(const uint8_t* bytes, size_t size);
