@@ -18,6 +18,9 @@ extern const BatchCommand kBatchConvertCommand;
 extern const BatchCommand kBatchPhantomCommand;
 extern const BatchCommand kBatchChannelsCommand;
 extern const BatchCommand kBatchTrackCommand;
+extern const BatchCommand kBatchStatsCommand;
+extern const BatchCommand kBatchGrowCommand;
+extern const BatchCommand kBatchProfileCommand;
 
 namespace {
 
@@ -27,6 +30,9 @@ const BatchCommand* const kCommands[] = {
     &kBatchPhantomCommand,
     &kBatchChannelsCommand,
     &kBatchTrackCommand,
+    &kBatchStatsCommand,
+    &kBatchGrowCommand,
+    &kBatchProfileCommand,
 };
 
 }  // namespace
