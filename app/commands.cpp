@@ -121,14 +121,14 @@ void cmd_add_computational_channels(gpointer, guint, GtkWidget*) {
   const int32_t first = pcd_app->volume->matrixSize->channels;
   const int added = PCDdti_AddComputationalChannels(dti, 0, 8);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  std::printf("Analysis completed in %3.2f sec.\n", seconds);
+  std::fprintf(stderr, "Analysis completed in %3.2f sec.\n", seconds);
   for (int i = 0; i < added; ++i) {
-    std::fputs("Sending a computational channel to PELLUCID...", stdout);
-    std::fflush(stdout);
+    std::fputs("Sending a computational channel to PELLUCID...", stderr);
+    std::fflush(stderr);
     pcd_viewer_send_channel(pcd_app->volume, first + i);
-    std::fputs("done.\n", stdout);
+    std::fputs("done.\n", stderr);
   }
-  std::printf("%d channels added.\n", added);
+  std::fprintf(stderr, "%d channels added.\n", added);
 }
 
 void cmd_about(gpointer, guint, GtkWidget*) { PCD_ShowAbout(); }

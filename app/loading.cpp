@@ -34,7 +34,7 @@ void PCD_CreateDtiData() {
       ++count;
   app->dti = PCDdti_NewDiffusionTensorImageData(app->volume, count);
   if (app->dti == nullptr) {
-    std::fputs("Err: failed to create DTI data\n", stdout);
+    std::fputs("Err: failed to create DTI data\n", stderr);
     return;
   }
   PCDdti_SetPropertiesOfDiffusionTensorImageDataAsSingleSoDefault(app->dti, count);
@@ -61,7 +61,7 @@ void PCD_CleanUpObjects() {
   pcd_app->roiList.clear();
   pcd_app->studyList.clear();
   pcd_app->selectedRoiId = pcd_app->selectedStudyId = kPcdNoObjectId;
-  std::fputs("Clean-up old objects OK\n", stdout);
+  std::fputs("Clean-up old objects OK\n", stderr);
 }
 
 namespace {
@@ -69,7 +69,7 @@ namespace {
 // Takes a read volume as the current one; the voxel size is asked for when the data set
 // carries none.
 void TakeVolume(PcdRawVolumeData* read) {
-  std::fputs("Volume data OK. Replacing.\n", stdout);
+  std::fputs("Volume data OK. Replacing.\n", stderr);
   std::free(pcd_app->dti);
   pcd_app->dti = nullptr;
   PCD_DeleteRawVolumeData(pcd_app->volume);
@@ -77,14 +77,13 @@ void TakeVolume(PcdRawVolumeData* read) {
   PCD_CreateDtiData();
   if (pcd_app->dti != nullptr && !(pcd_app->dti->reserved > 0.0f)) {
     std::string value;
-    float size = 1.0f;
+    float size = 0.0f;
+    // a cancelled dialog, or an answer that is no positive number, keeps what the data had
     if (PCD_AskValue(kPcdNoticeTitle, "voxel size(mm)", "1.0", &value) == kPcdValueOk &&
         std::sscanf(value.c_str(), "%f", &size) == 1 && size > 0.0f) {
-    } else {
-      size = 1.0f;
+      pcd_app->dti->reserved = size;
+      std::fprintf(stderr, "Voxel size is specified as %f mm.\n", static_cast<double>(size));
     }
-    pcd_app->dti->reserved = size;
-    std::printf("Voxel size is specified as %f mm.\n", static_cast<double>(size));
   }
 }
 
@@ -119,13 +118,13 @@ void PCD_LoadVolume(int importKind, const char* fileName) {
     app->memo = info;
     TakeVolume(read);
   }
-  std::fputs("ROI cleaned in PELLUCID.\n", stdout);
+  std::fputs("ROI cleaned in PELLUCID.\n", stderr);
   PCD_CleanUpObjects();
   PCD_RefreshMemo();
   pcd_viewer_send_volume(app->volume);
   PCD_UpdatePanels();
   app->levelSetting = kPcdLevelSettingDefault;
   if (app->dti && pcd_viewer_send_voxel_size(app->dti->reserved) != 0)
-    std::fputs("Warning: Voxel size is not specified in PELLUCID.\n", stdout);
+    std::fputs("Warning: Voxel size is not specified in PELLUCID.\n", stderr);
   PCD_SetStatus(" initialized.");
 }

@@ -14,7 +14,7 @@ int pcd_viewer_initialize(int32_t serverNumber) {
   g_initialized = PCDipc_InitializeClient(kPcdClientId, serverNumber) == 0;
   std::fputs(g_initialized ? "IPC available (IPC Client initialization succeeded)\n"
                            : "IPC NOT available (IPC Client initialization failure)\n",
-             stdout);
+             stderr);
   return g_initialized ? 1 : 0;
 }
 
@@ -65,7 +65,7 @@ int pcd_viewer_send_voxel_size(float millimetres) {
 
 int pcd_viewer_read_broadcast() {
   if (!g_initialized || PCDipc_GetBroadcastedInfo(&g_broadcast) != 0) {
-    std::fputs("broadcasted info acquisition error\n", stdout);
+    std::fputs("broadcasted info acquisition error\n", stderr);
     return -1;
   }
   return 0;

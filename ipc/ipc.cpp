@@ -140,11 +140,11 @@ std::string PCDipc_BoardName(const char* base, int serverNumber) {
 int PCDipc_InitializeClient(const char* clientId, int serverNumber) {
   g_client.broadcast = std::make_unique<PcdIpcBroadcast>();
   if (!g_client.broadcast) {
-    std::fputs("broadcaster NULL\n", stdout);
+    std::fputs("broadcaster NULL\n", stderr);
     return -1;
   }
   if (clientId == nullptr || std::strlen(clientId) > kPcdIpcIdLength) {
-    std::fputs("too long client ID\n", stdout);
+    std::fputs("too long client ID\n", stderr);
     g_client.broadcast.reset();
     return -1;
   }
@@ -307,7 +307,7 @@ int PCDipc_SendObjectGroupTo(const PcdObjectGroup* group, int32_t groupId) {
   PCDipc_SetParameterWord(0, groupId);
   PCDipc_SendRequest(PCDipc_REQUEST_TYPE_DOWNLOAD_OBJECT_GROUP, false);
   if (PCDipc_WaitForMessage(PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED) != 0) {
-    std::fputs("Missed <PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED>\n", stdout);
+    std::fputs("Missed <PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED>\n", stderr);
     PCDipc_CloseDataBoard();
     return -1;
   }
@@ -319,7 +319,7 @@ int PCDipc_SendObjectGroupTo(const PcdObjectGroup* group, int32_t groupId) {
 int PCDipc_TransferObjectGroup(const PcdObjectGroup* group, int32_t* id) {
   PCDipc_SendRequest(PCDipc_REQUEST_TYPE_CREATE_OBJECT_GROUP, false);
   if (PCDipc_WaitForMessage(PCDipc_MESSAGE_TYPE_DATA_OBJECT_GROUP_CREATED) != 0) {
-    std::fputs("Missed <PCDipc_MESSAGE_TYPE_DATA_OBJECT_GROUP_CREATED>\n", stdout);
+    std::fputs("Missed <PCDipc_MESSAGE_TYPE_DATA_OBJECT_GROUP_CREATED>\n", stderr);
     return -1;
   }
   const int32_t groupId = PCDipc_GetParameterWord(0);
@@ -334,7 +334,7 @@ PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer() {
   PCDipc_SetRetryLimit(6553500);
   auto fail = [](const char* message) -> PcdRawVolumeData* {
     PCDipc_SendDisconnectionRequest();
-    std::fputs(message, stdout);
+    std::fputs(message, stderr);
     return nullptr;
   };
   if (PCDipc_SendConnectionRequest() != 0) return fail("Failed <PCDipc_SendConnectionRequest>. Exit now.\n");
@@ -342,11 +342,11 @@ PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer() {
     return fail("Failed <PCDipc_REQUEST_TYPE_LOCK_VOLUMEDATA>. Exit now.\n");
   PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UPLOAD_VOLUMEDATA, false);
   while (PCDipc_WaitForMessage(PCDipc_MESSAGE_TYPE_DATA_UPLOAD_COMPLETED) != 0)
-    std::fputs("<Warning> Server busy. To trying to send upload message\n", stdout);
+    std::fputs("<Warning> Server busy. To trying to send upload message\n", stderr);
   PcdRawVolumeData* volume = PCDipc_DownloadRawVolumeData();
   if (volume == nullptr) return fail("Failed <PCDipc_DownloadRawVolumeData>. Exit now.\n");
   while (PCDipc_SendRequest(PCDipc_REQUEST_TYPE_CLOSE_DATABOARD, true) != 0)
-    std::fputs("<Warning> Server busy. To trying to close data board\n", stdout);
+    std::fputs("<Warning> Server busy. To trying to close data board\n", stderr);
   if (PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA, true) != 0) {
     PCD_DeleteRawVolumeData(volume);
     return fail("Missed <PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA>. Exit now.\n");
@@ -360,11 +360,11 @@ PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer() {
 
 int PCDipc_SendChannelToViewer(const PcdRawVolumeData* volume, int32_t channel) {
   if (PCDipc_SendConnectionRequest() != 0) {
-    std::fputs("PCDipc_SendConnectionRequest: Error\n", stdout);
+    std::fputs("PCDipc_SendConnectionRequest: Error\n", stderr);
     return -1;
   }
   auto fail = [](const char* message) {
-    std::fputs(message, stdout);
+    std::fputs(message, stderr);
     PCDipc_CloseDataBoard();
     PCDipc_SendDisconnectionRequest();
     return -1;
@@ -378,12 +378,12 @@ int PCDipc_SendChannelToViewer(const PcdRawVolumeData* volume, int32_t channel) 
   if (sent != 0) return fail("PCDipc_SendRequest(PCDipc_REQUEST_TYPE_DOWNLOAD_VOLUMEDATA): Error\n");
   if (PCDipc_CloseDataBoard() != 0) return fail("PCDipc_CloseDataBoard: Error\n");
   if (PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA, true) != 0) {
-    std::fputs("PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA): Error\n", stdout);
+    std::fputs("PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA): Error\n", stderr);
     PCDipc_SendDisconnectionRequest();
     return 0;
   }
   if (PCDipc_SendDisconnectionRequest() != 0) {
-    std::fputs("PCDipc_SendDisconnectionRequest: Error\n", stdout);
+    std::fputs("PCDipc_SendDisconnectionRequest: Error\n", stderr);
     return -1;
   }
   return 0;
@@ -392,14 +392,14 @@ int PCDipc_SendChannelToViewer(const PcdRawVolumeData* volume, int32_t channel) 
 int PCDipc_SendVolumeToViewer(const PcdRawVolumeData* volume) {
   PcdRawVolumeData* copy = PCD_CopyChannelOfRawVolumeData(volume, 0);
   if (copy == nullptr) return -1;
-  std::fputs("Transfering to PELLUCID... ", stdout);
-  std::fflush(stdout);
+  std::fputs("Transfering to PELLUCID... ", stderr);
+  std::fflush(stderr);
   int result = -1;
   if (PCDipc_UploadRawVolumeData(copy) == 0 &&
       PCDipc_SendRequest(PCDipc_REQUEST_TYPE_LOAD_VOLUMEDATA, true) == 0) {
     PCDipc_WaitForMessage(PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED);
     if (PCDipc_CloseDataBoard() == 0 && PCDipc_SendDisconnectionRequest() == 0) {
-      std::fputs("done\n", stdout);
+      std::fputs("done\n", stderr);
       result = 0;
     }
   }
@@ -418,7 +418,7 @@ int PCDipc_RemoveObject(int32_t objectId) {
 int PCDipc_SendVoxelSize(float voxelSize) {
   PCDipc_SetParameterFloat(0, voxelSize);
   if (PCDipc_SendRequest(PCDipc_REQUEST_TYPE_SET_VOXEL_SIZE, false) != 0) {
-    std::fputs("Missed <PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED>\n", stdout);
+    std::fputs("Missed <PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED>\n", stderr);
     return -1;
   }
   return 0;

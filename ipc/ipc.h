@@ -91,7 +91,7 @@ void PCDipc_SetParameterFloat(int index, float value);
 int32_t PCDipc_GetParameterWord(int index);
 
 // ---- what the application does with it ---------------------------------------------------
-// The viewer's current volume ("IPC with PELLUCID"), or null with the messages on stdout.
+// The viewer's current volume ("IPC with PELLUCID"), or null with the messages on stderr.
 PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer();
 int PCDipc_SendChannelToViewer(const PcdRawVolumeData* volume, int32_t channel);
 // Sends channel 0 as a whole volume ("Transfering to PELLUCID... done").

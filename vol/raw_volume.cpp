@@ -402,7 +402,7 @@ void PCD_NonInterleavedCopyRgbaRawImageData(const PcdRawImageData* image, int32_
     targetOk = target->dataType[c] == UINT8 && target->colorFormat[c] == PCD_MONOCHROME;
   if (!sourceOk || !targetOk || target->matrixSize->x != image->matrixSize->x ||
       target->matrixSize->y != image->matrixSize->y) {
-    std::fputs("Err:PCD_NonInterleavedCopyRgbaRawImageData\n", stdout);
+    std::fputs("Err:PCD_NonInterleavedCopyRgbaRawImageData\n", stderr);
     return;
   }
   const size_t n = static_cast<size_t>(image->matrixSize->x) * image->matrixSize->y;

@@ -49,6 +49,21 @@ struct Server : quorix_test::ServerProcess {
 };
 
 // A small DWI phantom as the viewer's volume: 1 So + 6 DWIs.
+// The console is standard error: the given pieces stand there in this order (the MPG dump
+// and progress lines may come between them), and nothing goes to standard output.
+testing::AssertionResult ConsoleHasInOrder(const std::string& err, const std::string& out,
+                                           const std::vector<std::string>& pieces) {
+  if (!out.empty()) return testing::AssertionFailure() << "on standard output: " << out;
+  size_t at = 0;
+  for (const std::string& piece : pieces) {
+    const size_t found = err.find(piece, at);
+    if (found == std::string::npos)
+      return testing::AssertionFailure() << "missing or out of order: " << piece << "\nin: " << err;
+    at = found + piece.size();
+  }
+  return testing::AssertionSuccess();
+}
+
 std::string WritePhantom(const TempDir& dir) {
   PcdDtiData* dti =
       PCD_MakeDwiPhantom({.sizeX = 12, .sizeY = 10, .sizeZ = 4, .directions = 6}, nullptr);
@@ -117,9 +132,12 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
 
   testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   ASSERT_EQ(PCD_InitializeApplication(2, argv), 1);
-  const std::string console = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(console, "IPC available (IPC Client initialization succeeded)\n>> Establishing connection ... OK\n");
+  std::string err = testing::internal::GetCapturedStderr();
+  std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(err.rfind("IPC available (IPC Client initialization succeeded)\n>> Establishing connection ... OK\n", 0), 0u) << err;
+  EXPECT_EQ(out, "");
   EXPECT_EQ(pcd_app->viewerSessionNumber, server.number);
   EXPECT_EQ(pcd_app->viewerObjectId, 1);
   EXPECT_EQ(pcd_app->memo, "Data Source: IPC with PELLUCID\nMatrix size: 12x10x4 x 7(ch)\n");
@@ -189,9 +207,12 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   cmd_add_computational_channels(nullptr, 0, nullptr);
-  testing::internal::GetCapturedStderr();
-  const std::string added = testing::internal::GetCapturedStdout();
-  EXPECT_NE(added.find("4 channels added.\n"), std::string::npos) << added;
+  err = testing::internal::GetCapturedStderr();
+  out = testing::internal::GetCapturedStdout();
+  const std::string sent = "Sending a computational channel to PELLUCID...";
+  EXPECT_TRUE(ConsoleHasInOrder(err, out, {"Analysis completed in ", " sec.\n", sent, "done.\n", sent,
+                                           "done.\n", sent, "done.\n", sent, "done.\n",
+                                           "4 channels added.\n"}));
   EXPECT_EQ(pcd_app->volume->matrixSize->channels, 11);
   size_t channels = 0;
   for (const auto& e : std::filesystem::directory_iterator(dir.path() / "saved"))
@@ -207,9 +228,11 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   EXPECT_EQ(g_seen.back().text, "Not implemented yet.");
 
   testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   PCD_CleanUpApplication();
-  const std::string bye = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(bye, "Requesting removal of Object 1\nClean-up old objects OK\n");
+  err = testing::internal::GetCapturedStderr();
+  out = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(ConsoleHasInOrder(err, out, {"Requesting removal of Object 1\n", "Clean-up old objects OK\n"}));
   EXPECT_EQ(pcd_app, nullptr);
   PCD_SetDialogResponder(nullptr);
 }
@@ -266,12 +289,11 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, nullptr);
-  testing::internal::GetCapturedStderr();
-  const std::string loaded = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(loaded,
-            "Volume data OK. Replacing.\nVoxel size is specified as 2.500000 mm.\n"
-            "ROI cleaned in PELLUCID.\nClean-up old objects OK\nTransfering to PELLUCID... done\n")
-      << loaded;
+  const std::string loaded = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(ConsoleHasInOrder(loaded, testing::internal::GetCapturedStdout(),
+                                {"Volume data OK. Replacing.\n", "  MPG setting seems to be ready",
+                                 "Voxel size is specified as 2.500000 mm.\n", "ROI cleaned in PELLUCID.\n",
+                                 "Clean-up old objects OK\n", "Transfering to PELLUCID... done\n"}));
   ASSERT_EQ(g_seen.size(), 4u);
   EXPECT_EQ(g_seen[2].text, "voxel size(mm)");
   EXPECT_EQ(g_seen[2].initialText, "1.0");
@@ -317,8 +339,42 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   cmd_quit(nullptr, 0, nullptr);
   EXPECT_TRUE(g_seen.empty());
 
+  // no maps from a setting that is not ready: the notice says why, nothing is appended
+  testing::internal::CaptureStderr();
+  cmd_add_computational_channels(nullptr, 0, nullptr);
+  const std::string refused = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(refused, "Err: MPG setting NOT ready. Analysis NOT executable.\n");
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].title, "Important Notice");
+  EXPECT_EQ(g_seen[0].text, refused);
+  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 7);
+
+  // an explicit setting over more channels than the volume holds is refused the same way
+  pcd_app->dti->channelCount = 9;
+  pcd_app->dti->isReady = 1;
+  g_seen.clear();
+  testing::internal::CaptureStderr();
+  cmd_add_computational_channels(nullptr, 0, nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Err: the MPG setting describes 9 channels but the volume holds 7\n");
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 7);
+
+  // a cancelled voxel size question keeps the size the new volume came with (none)
+  g_seen.clear();
+  g_answers = {{kPcdConfirmYes, ""}, chosen(dir.file("vol.raw")), {kPcdDialogCancel, ""}};
+  testing::internal::CaptureStderr();
+  PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, nullptr);
+  const std::string cancelled = testing::internal::GetCapturedStderr();
+  ASSERT_GE(g_seen.size(), 3u);
+  EXPECT_EQ(g_seen[2].text, "voxel size(mm)");
+  EXPECT_EQ(pcd_app->dti->reserved, 0.0f);
+  EXPECT_EQ(cancelled.find("Voxel size is specified"), std::string::npos) << cancelled;
+
   testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   PCD_CleanUpApplication();
+  testing::internal::GetCapturedStderr();
   testing::internal::GetCapturedStdout();
   PCD_SetDialogResponder(nullptr);
 }
