@@ -63,7 +63,17 @@ ValueReader reader_for(int datatype) {
 NiftiPtr open_header(const char* fileName) {
   nifti_set_debug_level(0);  // our own "Err: " lines say what went wrong
   NiftiPtr nim(nifti_image_read(fileName, 0));
-  if (!nim) std::fprintf(stderr, "Err: %s is not a readable NIfTI-1 file\n", fileName);
+  if (!nim) {
+    std::fprintf(stderr, "Err: %s is not a readable NIfTI-1 file\n", fileName);
+    return nim;
+  }
+  // sizes past dim[0] mean nothing, and writers (ours among them) may leave them 0
+  if (nim->dim[0] >= 1 && nim->dim[0] < 7) {
+    bool changed = false;
+    for (int d = nim->dim[0] + 1; d <= 7; ++d)
+      if (nim->dim[d] != 1) nim->dim[d] = 1, changed = true;
+    if (changed) nifti_update_dims_from_array(nim.get());
+  }
   return nim;
 }
 
