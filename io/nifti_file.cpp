@@ -73,11 +73,13 @@ NiftiPtr open_header(const char* fileName) {
     std::fprintf(stderr, "Err: %s is not a readable NIfTI-1 file\n", fileName);
     return nim;
   }
-  // Sizes past dim[0] are unused and writers (nifticlib among them) leave them 0: a 3D
-  // image is one volume.
-  int* sizes[4] = {&nim->nx, &nim->ny, &nim->nz, &nim->nt};
-  for (int d = 1; d <= 4; ++d)
-    if (d > nim->dim[0]) *sizes[d - 1] = 1;
+  // sizes past dim[0] mean nothing, and writers (ours among them) may leave them 0
+  if (nim->dim[0] >= 1 && nim->dim[0] < 7) {
+    bool changed = false;
+    for (int d = nim->dim[0] + 1; d <= 7; ++d)
+      if (nim->dim[d] != 1) nim->dim[d] = 1, changed = true;
+    if (changed) nifti_update_dims_from_array(nim.get());
+  }
   return nim;
 }
 

@@ -10,6 +10,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 // Exit statuses of every command.
@@ -47,6 +48,9 @@ class BatchArgs {
                                    double max);
   std::optional<long long> TakeInteger(std::initializer_list<const char*> names, long long min,
                                        long long max);
+  // "--name LOW HIGH": two numbers within [min, max], the second not below the first.
+  std::optional<std::pair<double, double>> TakeNumberPair(std::initializer_list<const char*> names,
+                                                          double min, double max);
 
   // Checks that no option is left and that minCount..maxCount positional arguments
   // remain. True when the command line was right.

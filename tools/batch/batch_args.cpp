@@ -154,6 +154,37 @@ std::optional<long long> BatchArgs::TakeInteger(std::initializer_list<const char
   return v;
 }
 
+std::optional<std::pair<double, double>> BatchArgs::TakeNumberPair(
+    std::initializer_list<const char*> names, double min, double max) {
+  std::optional<std::pair<double, double>> pair;
+  for (size_t i = 0; i < tokens_.size();) {
+    if (!tokens_[i].isOption || !is_one_of(tokens_[i].text, names)) {
+      ++i;
+      continue;
+    }
+    const std::string name = tokens_[i].text;
+    tokens_.erase(tokens_.begin() + static_cast<std::ptrdiff_t>(i));
+    double v[2] = {0.0, 0.0};
+    bool good = true;
+    for (double& value : v) {
+      const bool present = i < tokens_.size() && !tokens_[i].isOption;
+      const std::string text = present ? tokens_[i].text : std::string();
+      if (present) tokens_.erase(tokens_.begin() + static_cast<std::ptrdiff_t>(i));
+      const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+      good = good && present && !text.empty() && error == std::errc{} &&
+             end == text.data() + text.size() && value >= min && value <= max;
+    }
+    if (!good || v[1] < v[0]) {
+      Fail("option " + name + " needs two numbers LOW HIGH " + range_text(min, max) +
+           ", LOW not above HIGH");
+      continue;
+    }
+    if (pair) Fail("option " + name + " given twice");
+    pair = std::make_pair(v[0], v[1]);
+  }
+  return pair;
+}
+
 bool BatchArgs::Finish(size_t minCount, size_t maxCount) {
   positional_.clear();
   for (const Token& token : tokens_) {

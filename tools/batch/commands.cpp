@@ -18,9 +18,12 @@ extern const BatchCommand kBatchConvertCommand;
 extern const BatchCommand kBatchPhantomCommand;
 extern const BatchCommand kBatchChannelsCommand;
 extern const BatchCommand kBatchTrackCommand;
+extern const BatchCommand kBatchModelCommand;
+extern const BatchCommand kBatchStatsCommand;
+extern const BatchCommand kBatchGrowCommand;
+extern const BatchCommand kBatchProfileCommand;
 extern const BatchCommand kBatchSessionCommand;
 extern const BatchCommand kBatchRoiCommand;
-extern const BatchCommand kBatchModelCommand;
 
 namespace {
 
@@ -30,9 +33,12 @@ const BatchCommand* const kCommands[] = {
     &kBatchPhantomCommand,
     &kBatchChannelsCommand,
     &kBatchTrackCommand,
+    &kBatchModelCommand,
+    &kBatchStatsCommand,
+    &kBatchGrowCommand,
+    &kBatchProfileCommand,
     &kBatchSessionCommand,
     &kBatchRoiCommand,
-    &kBatchModelCommand,
 };
 
 }  // namespace
