@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -26,6 +27,8 @@ struct Client {
   int32_t parameters[kPcdIpcParameterWords] = {};
   std::unique_ptr<PcdIpcBroadcast> broadcast;
   bool dbCreatedHere = false;
+  // a request written without waiting for its acceptance, not yet seen taken
+  int32_t pending = 0;
 };
 
 Client g_client;
@@ -91,20 +94,35 @@ bool ConnectedToUs() {
   return ReadText(g_client.bb, kPcdIpcIdOffset, id) && std::strcmp(id, g_client.id) == 0;
 }
 
+// A request written without waiting stays on RB until the server takes it (the server
+// clears the type word when it does). Writing the next request over it would lose it, so
+// the next write first waits, up to the retry limit, for the word to change.
+void WaitUntilPendingRequestTaken() {
+  if (g_client.pending == 0) return;
+  for (int64_t i = 0; i < g_retryLimit && ReadWord(g_client.rb, kPcdIpcTypeOffset) == g_client.pending; ++i) {
+  }
+  g_client.pending = 0;
+}
+
+// Our process id beside the ID: lets the server free the link when this process dies
+// while connected.
+bool WriteProcessId() { return WriteWord(g_client.rb, kPcdIpcPidOffset, static_cast<int32_t>(getpid())); }
+
 // Our ID, the parameter block, then the type: the server acts when it sees the type, so
 // everything the request carries must be on the board before it. The ID's terminator of a
 // 32-character ID falls on offset 40, which the request board does not otherwise use.
 bool WriteRequest(int32_t type) {
   uint8_t block[4 * kPcdIpcParameterWords];
   for (size_t i = 0; i < kPcdIpcParameterWords; ++i) PCD_PutInt32LE(block + 4 * i, g_client.parameters[i]);
-  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) &&
+  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) && WriteProcessId() &&
          AccessBoard(g_client.rb, kPcdIpcParameterOffset, block, sizeof block, true) &&
          WriteWord(g_client.rb, kPcdIpcTypeOffset, type);
 }
 
 // A connection or disconnection request: the ID first, then the type.
 bool WriteBareRequest(int32_t type) {
-  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) &&
+  WaitUntilPendingRequestTaken();
+  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) && WriteProcessId() &&
          WriteWord(g_client.rb, kPcdIpcTypeOffset, type);
 }
 
@@ -140,17 +158,18 @@ std::string PCDipc_BoardName(const char* base, int serverNumber) {
 int PCDipc_InitializeClient(const char* clientId, int serverNumber) {
   g_client.broadcast = std::make_unique<PcdIpcBroadcast>();
   if (!g_client.broadcast) {
-    std::fputs("broadcaster NULL\n", stdout);
+    std::fputs("broadcaster NULL\n", stderr);
     return -1;
   }
   if (clientId == nullptr || std::strlen(clientId) > kPcdIpcIdLength) {
-    std::fputs("too long client ID\n", stdout);
+    std::fputs("too long client ID\n", stderr);
     g_client.broadcast.reset();
     return -1;
   }
   std::memset(g_client.id, 0, sizeof g_client.id);
   std::memcpy(g_client.id, clientId, std::strlen(clientId));
   g_client.serverNumber = serverNumber;
+  g_client.pending = 0;
   g_client.bb.name = PCDipc_BoardName("PCD_IPC_BB", serverNumber);
   g_client.mb.name = PCDipc_BoardName("PCD_IPC_MB", serverNumber);
   g_client.rb.name = PCDipc_BoardName("PCD_IPC_RB", serverNumber);
@@ -209,8 +228,12 @@ int PCDipc_SendDisconnectionRequest() {
 
 int PCDipc_SendRequest(int32_t type, bool wait) {
   if (!ServerFree() && !ConnectedToUs()) return -1;
+  WaitUntilPendingRequestTaken();
   if (!WriteRequest(type)) return -1;
-  if (!wait) return 0;
+  if (!wait) {
+    g_client.pending = type;
+    return 0;
+  }
   for (int64_t i = 0; i < g_retryLimit; ++i) {
     WriteRequest(type);
     if (ReadWord(g_client.mb, kPcdIpcTypeOffset) == PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED &&
@@ -255,19 +278,8 @@ int PCDipc_UploadSingleChannelOfRawVolumeData(const PcdRawVolumeData* volume, in
   return CreateDataBoard(bytes) ? 0 : -1;
 }
 
-// The board comes from another process: its size is checked before anything is trusted.
 PcdRawVolumeData* PCDipc_DownloadRawVolumeData() {
-  Board db{g_client.db.name, -1};
-  if (!OpenBoard(&db)) return nullptr;
-  struct stat st {};
-  PcdRawVolumeData* volume = nullptr;
-  if (fstat(db.fd, &st) == 0 && st.st_size > 0) {
-    std::vector<uint8_t> bytes(static_cast<size_t>(st.st_size));
-    if (AccessBoard(db, 0, bytes.data(), bytes.size(), false))
-      volume = PCD_GetRawVolumeDataFromSerializedDataChecked(bytes.data(), bytes.size());
-  }
-  CloseBoard(&db);
-  return volume;
+  return PCDipc_ReadVolumeFromBoard(g_client.db.name.c_str(), false, nullptr);
 }
 
 int PCDipc_CloseDataBoard() {
@@ -307,7 +319,7 @@ int PCDipc_SendObjectGroupTo(const PcdObjectGroup* group, int32_t groupId) {
   PCDipc_SetParameterWord(0, groupId);
   PCDipc_SendRequest(PCDipc_REQUEST_TYPE_DOWNLOAD_OBJECT_GROUP, false);
   if (PCDipc_WaitForMessage(PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED) != 0) {
-    std::fputs("Missed <PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED>\n", stdout);
+    std::fputs("Missed <PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED>\n", stderr);
     PCDipc_CloseDataBoard();
     return -1;
   }
@@ -319,7 +331,7 @@ int PCDipc_SendObjectGroupTo(const PcdObjectGroup* group, int32_t groupId) {
 int PCDipc_TransferObjectGroup(const PcdObjectGroup* group, int32_t* id) {
   PCDipc_SendRequest(PCDipc_REQUEST_TYPE_CREATE_OBJECT_GROUP, false);
   if (PCDipc_WaitForMessage(PCDipc_MESSAGE_TYPE_DATA_OBJECT_GROUP_CREATED) != 0) {
-    std::fputs("Missed <PCDipc_MESSAGE_TYPE_DATA_OBJECT_GROUP_CREATED>\n", stdout);
+    std::fputs("Missed <PCDipc_MESSAGE_TYPE_DATA_OBJECT_GROUP_CREATED>\n", stderr);
     return -1;
   }
   const int32_t groupId = PCDipc_GetParameterWord(0);
@@ -330,11 +342,13 @@ int PCDipc_TransferObjectGroup(const PcdObjectGroup* group, int32_t* id) {
 
 // ---- what the application does with it ---------------------------------------------------
 
-PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer() {
+PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer(bool* empty) {
   PCDipc_SetRetryLimit(6553500);
+  bool nothing = false;
+  if (empty != nullptr) *empty = false;
   auto fail = [](const char* message) -> PcdRawVolumeData* {
     PCDipc_SendDisconnectionRequest();
-    std::fputs(message, stdout);
+    std::fputs(message, stderr);
     return nullptr;
   };
   if (PCDipc_SendConnectionRequest() != 0) return fail("Failed <PCDipc_SendConnectionRequest>. Exit now.\n");
@@ -342,11 +356,11 @@ PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer() {
     return fail("Failed <PCDipc_REQUEST_TYPE_LOCK_VOLUMEDATA>. Exit now.\n");
   PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UPLOAD_VOLUMEDATA, false);
   while (PCDipc_WaitForMessage(PCDipc_MESSAGE_TYPE_DATA_UPLOAD_COMPLETED) != 0)
-    std::fputs("<Warning> Server busy. To trying to send upload message\n", stdout);
-  PcdRawVolumeData* volume = PCDipc_DownloadRawVolumeData();
-  if (volume == nullptr) return fail("Failed <PCDipc_DownloadRawVolumeData>. Exit now.\n");
+    std::fputs("<Warning> Server busy. To trying to send upload message\n", stderr);
+  PcdRawVolumeData* volume = PCDipc_ReadVolumeFromBoard(g_client.db.name.c_str(), false, &nothing);
+  if (volume == nullptr && !nothing) return fail("Failed <PCDipc_DownloadRawVolumeData>. Exit now.\n");
   while (PCDipc_SendRequest(PCDipc_REQUEST_TYPE_CLOSE_DATABOARD, true) != 0)
-    std::fputs("<Warning> Server busy. To trying to close data board\n", stdout);
+    std::fputs("<Warning> Server busy. To trying to close data board\n", stderr);
   if (PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA, true) != 0) {
     PCD_DeleteRawVolumeData(volume);
     return fail("Missed <PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA>. Exit now.\n");
@@ -355,16 +369,17 @@ PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer() {
     PCD_DeleteRawVolumeData(volume);
     return fail("Failed <PCDipc_SendDisconnectionRequest>. Exit now.\n");
   }
+  if (empty != nullptr) *empty = nothing;
   return volume;
 }
 
 int PCDipc_SendChannelToViewer(const PcdRawVolumeData* volume, int32_t channel) {
   if (PCDipc_SendConnectionRequest() != 0) {
-    std::fputs("PCDipc_SendConnectionRequest: Error\n", stdout);
+    std::fputs("PCDipc_SendConnectionRequest: Error\n", stderr);
     return -1;
   }
   auto fail = [](const char* message) {
-    std::fputs(message, stdout);
+    std::fputs(message, stderr);
     PCDipc_CloseDataBoard();
     PCDipc_SendDisconnectionRequest();
     return -1;
@@ -378,12 +393,12 @@ int PCDipc_SendChannelToViewer(const PcdRawVolumeData* volume, int32_t channel) 
   if (sent != 0) return fail("PCDipc_SendRequest(PCDipc_REQUEST_TYPE_DOWNLOAD_VOLUMEDATA): Error\n");
   if (PCDipc_CloseDataBoard() != 0) return fail("PCDipc_CloseDataBoard: Error\n");
   if (PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA, true) != 0) {
-    std::fputs("PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA): Error\n", stdout);
+    std::fputs("PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA): Error\n", stderr);
     PCDipc_SendDisconnectionRequest();
     return 0;
   }
   if (PCDipc_SendDisconnectionRequest() != 0) {
-    std::fputs("PCDipc_SendDisconnectionRequest: Error\n", stdout);
+    std::fputs("PCDipc_SendDisconnectionRequest: Error\n", stderr);
     return -1;
   }
   return 0;
@@ -392,14 +407,13 @@ int PCDipc_SendChannelToViewer(const PcdRawVolumeData* volume, int32_t channel) 
 int PCDipc_SendVolumeToViewer(const PcdRawVolumeData* volume) {
   PcdRawVolumeData* copy = PCD_CopyChannelOfRawVolumeData(volume, 0);
   if (copy == nullptr) return -1;
-  std::fputs("Transfering to PELLUCID... ", stdout);
-  std::fflush(stdout);
-  int result = -1;
+  std::fputs("Transfering to PELLUCID... ", stderr);
+    int result = -1;
   if (PCDipc_UploadRawVolumeData(copy) == 0 &&
       PCDipc_SendRequest(PCDipc_REQUEST_TYPE_LOAD_VOLUMEDATA, true) == 0) {
     PCDipc_WaitForMessage(PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED);
     if (PCDipc_CloseDataBoard() == 0 && PCDipc_SendDisconnectionRequest() == 0) {
-      std::fputs("done\n", stdout);
+      std::fputs("done\n", stderr);
       result = 0;
     }
   }
@@ -418,7 +432,7 @@ int PCDipc_RemoveObject(int32_t objectId) {
 int PCDipc_SendVoxelSize(float voxelSize) {
   PCDipc_SetParameterFloat(0, voxelSize);
   if (PCDipc_SendRequest(PCDipc_REQUEST_TYPE_SET_VOXEL_SIZE, false) != 0) {
-    std::fputs("Missed <PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED>\n", stdout);
+    std::fputs("Missed <PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED>\n", stderr);
     return -1;
   }
   return 0;

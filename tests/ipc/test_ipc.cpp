@@ -54,9 +54,9 @@ struct Link {
 TEST(ViewerLink, BoardNamesAndClientIdLimit) {
   EXPECT_EQ(PCDipc_BoardName("PCD_IPC_BB", 7), "/PCD_IPC_BB(0007)");
   EXPECT_EQ(PCDipc_BoardName("PCD_IPC_DB", 7), "/PCD_IPC_DB(0007)");
-  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   EXPECT_EQ(PCDipc_InitializeClient(std::string(33, 'a').c_str(), 7), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "too long client ID\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "too long client ID\n");
   ServerProcess server;
   EXPECT_EQ(PCDipc_InitializeClient(std::string(32, 'a').c_str(), server.number), 0);
   PCDipc_SetRetryLimit(2000000);
@@ -83,9 +83,9 @@ TEST(ViewerLink, VolumesChannelsAndSettingsTravelBothWays) {
   Link link(server.number);
   ASSERT_TRUE(link.ok);
 
-  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   PcdRawVolumeData* got = PCDipc_ReceiveVolumeFromViewer();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   ASSERT_NE(got, nullptr);
   ASSERT_EQ(got->matrixSize->channels, 3);
   for (int c = 0; c < 3; ++c) EXPECT_EQ(std::memcmp(got->data[c], original->data[c], 48), 0);
@@ -135,9 +135,9 @@ TEST(ViewerLink, VolumesChannelsAndSettingsTravelBothWays) {
 
   // a whole volume replaces the viewer's (the link sends channel 0 of it)
   ASSERT_EQ(PCDipc_SendConnectionRequest(), 0);
-  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   EXPECT_EQ(PCDipc_SendVolumeToViewer(original), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Transfering to PELLUCID... done\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Transfering to PELLUCID... done\n");
   ASSERT_EQ(PCDipc_GetBroadcastedInfo(&b), 0);
   EXPECT_EQ(b.matrixSize.channels, 1);
   EXPECT_EQ(b.state, 0);
@@ -203,9 +203,9 @@ TEST(ViewerLink, SilentServerTimesOutTheConnection) {
   ASSERT_TRUE(link.ok);
   kill(server.pid, SIGSTOP);
   EXPECT_EQ(PCDipc_SendConnectionRequest(), -1);
-  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   EXPECT_EQ(PCDipc_SendChannelToViewer(nullptr, 0), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "PCDipc_SendConnectionRequest: Error\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "PCDipc_SendConnectionRequest: Error\n");
 }
 
 }  // namespace
