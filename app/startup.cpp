@@ -11,8 +11,9 @@
 
 namespace {
 
+// A viewer without a volume gives an empty data set: its size reads 0x0x0 x 0.
 void WriteMemoFromViewer() {
-  const PcdIntSize4D& s = *pcd_app->volume->matrixSize;
+  const PcdIntSize4D s = pcd_app->volume ? *pcd_app->volume->matrixSize : PcdIntSize4D{0, 0, 0, 0};
   char text[256];
   std::snprintf(text, sizeof text, "Data Source: IPC with PELLUCID\nMatrix size: %dx%dx%d x %d(ch)\n", s.x, s.y,
                 s.z, s.channels);
@@ -59,16 +60,15 @@ int PCD_InitializeApplication(int argc, char** argv) {
   if (app->visual == nullptr || gdk_visual_get_depth(gdk_screen_get_system_visual(screen)) != 24)
     return Fail();
   app->viewerObjectId = pcd_viewer_allocate_object_group();
-  if (app->viewerObjectId == -1) std::fputs("<!!!> failed to allocate object in server.\n", stdout);
+  if (app->viewerObjectId == -1) std::fputs("<!!!> failed to allocate object in server.\n", stderr);
 
   app->volume = nullptr;
   app->selectedRoiId = app->selectedStudyId = kPcdNoObjectId;
-  std::fputs(">> Establishing connection ... ", stdout);
-  std::fflush(stdout);
-  app->volume = pcd_viewer_receive_volume();
-  if (app->volume == nullptr) return Fail();
-  std::fputs("OK\n", stdout);
-  std::fflush(stdout);
+  std::fputs(">> Establishing connection ... ", stderr);
+  bool viewerEmpty = false;
+  app->volume = pcd_viewer_receive_volume(&viewerEmpty);
+  if (app->volume == nullptr && !viewerEmpty) return Fail();
+  std::fputs("OK\n", stderr);
   WriteMemoFromViewer();
   app->dti = nullptr;
   PCD_CreateDtiData();
@@ -88,7 +88,6 @@ int PCD_InitializeApplication(int argc, char** argv) {
     PCD_SetStatus(" MPG not ready.");
   }
   app->timer = g_timeout_add(360, PCD_ServiceTimer, nullptr);
-  std::fflush(stdout);
   return 1;
 }
 
@@ -97,7 +96,7 @@ void PCD_CleanUpApplication() {
   if (app == nullptr) return;
   if (app->timer) g_source_remove(app->timer);
   pcd_viewer_release_objects();
-  std::printf("Requesting removal of Object %d\n", app->viewerObjectId);
+  std::fprintf(stderr, "Requesting removal of Object %d\n", app->viewerObjectId);
   if (app->viewerObjectId != -1) pcd_viewer_remove_object(app->viewerObjectId);
   std::free(app->dti);
   app->dti = nullptr;
@@ -109,5 +108,4 @@ void PCD_CleanUpApplication() {
   if (app->window) gtk_widget_destroy(app->window);
   pcd_viewer_detach();
   PCD_DeleteAppState();
-  std::fflush(stdout);
 }

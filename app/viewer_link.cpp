@@ -14,7 +14,7 @@ int pcd_viewer_initialize(int32_t serverNumber) {
   g_initialized = PCDipc_InitializeClient(kPcdClientId, serverNumber) == 0;
   std::fputs(g_initialized ? "IPC available (IPC Client initialization succeeded)\n"
                            : "IPC NOT available (IPC Client initialization failure)\n",
-             stdout);
+             stderr);
   return g_initialized ? 1 : 0;
 }
 
@@ -43,8 +43,9 @@ void pcd_viewer_remove_object(int32_t objectId) {
 
 void pcd_viewer_release_objects() {}
 
-PcdRawVolumeData* pcd_viewer_receive_volume() {
-  return g_initialized ? PCDipc_ReceiveVolumeFromViewer() : nullptr;
+PcdRawVolumeData* pcd_viewer_receive_volume(bool* viewerEmpty) {
+  if (viewerEmpty != nullptr) *viewerEmpty = false;
+  return g_initialized ? PCDipc_ReceiveVolumeFromViewer(viewerEmpty) : nullptr;
 }
 
 int pcd_viewer_send_channel(const PcdRawVolumeData* volume, int32_t channel) {
@@ -65,7 +66,7 @@ int pcd_viewer_send_voxel_size(float millimetres) {
 
 int pcd_viewer_read_broadcast() {
   if (!g_initialized || PCDipc_GetBroadcastedInfo(&g_broadcast) != 0) {
-    std::fputs("broadcasted info acquisition error\n", stdout);
+    std::fputs("broadcasted info acquisition error\n", stderr);
     return -1;
   }
   return 0;

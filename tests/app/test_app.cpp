@@ -116,10 +116,13 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   std::string number = std::to_string(server.number);
   char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
 
-  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   ASSERT_EQ(PCD_InitializeApplication(2, argv), 1);
-  const std::string console = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(console, "IPC available (IPC Client initialization succeeded)\n>> Establishing connection ... OK\n");
+  const std::string console = testing::internal::GetCapturedStderr();
+  // the console is stderr: the link's lines come first, then the MPG dump
+  EXPECT_EQ(console.rfind("IPC available (IPC Client initialization succeeded)\n>> Establishing connection ... OK\n", 0),
+            0u)
+      << console;
   EXPECT_EQ(pcd_app->viewerSessionNumber, server.number);
   EXPECT_EQ(pcd_app->viewerObjectId, 1);
   EXPECT_EQ(pcd_app->memo, "Data Source: IPC with PELLUCID\nMatrix size: 12x10x4 x 7(ch)\n");
@@ -207,9 +210,12 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   EXPECT_EQ(g_seen.back().text, "Not implemented yet.");
 
   testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
   PCD_CleanUpApplication();
-  const std::string bye = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(bye, "Requesting removal of Object 1\nClean-up old objects OK\n");
+  const std::string byeErr = testing::internal::GetCapturedStderr();
+  const std::string bye = byeErr + testing::internal::GetCapturedStdout();
+  EXPECT_EQ(byeErr.rfind("Requesting removal of Object 1\n", 0), 0u) << byeErr;
+  EXPECT_NE(bye.find("Clean-up old objects OK\n"), std::string::npos) << bye;
   EXPECT_EQ(pcd_app, nullptr);
   PCD_SetDialogResponder(nullptr);
 }
@@ -266,12 +272,14 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, nullptr);
-  testing::internal::GetCapturedStderr();
+  const std::string loadedErr = testing::internal::GetCapturedStderr();
   const std::string loaded = testing::internal::GetCapturedStdout();
   EXPECT_EQ(loaded,
             "Volume data OK. Replacing.\nVoxel size is specified as 2.500000 mm.\n"
-            "ROI cleaned in PELLUCID.\nClean-up old objects OK\nTransfering to PELLUCID... done\n")
+            "ROI cleaned in PELLUCID.\nClean-up old objects OK\n")
       << loaded;
+  // the link's own line is on the console, stderr
+  EXPECT_NE(loadedErr.find("Transfering to PELLUCID... done\n"), std::string::npos) << loadedErr;
   ASSERT_EQ(g_seen.size(), 4u);
   EXPECT_EQ(g_seen[2].text, "voxel size(mm)");
   EXPECT_EQ(g_seen[2].initialText, "1.0");
@@ -334,7 +342,7 @@ TEST(DesktopProgram, StartUpFailuresEndQuietlyWithStatusZero) {
   Server server(WritePhantom(dir), dir.path().string());
   if (quorix_test::RunCommand("command -v xvfb-run >/dev/null") != 0) GTEST_SKIP() << "no xvfb-run";
   EXPECT_EQ(quorix_test::RunCommand("xvfb-run -a -s '-screen 0 640x480x16' " + quorix + " " +
-                                        std::to_string(server.number) + " 2>/dev/null",
+                                        std::to_string(server.number) + " 2>&1 >/dev/null",
                                     &out),
             0);
   EXPECT_EQ(out, "IPC available (IPC Client initialization succeeded)\n");
