@@ -3,7 +3,7 @@
 # Usage: tools/setup.sh [--peers]   (--peers also installs MRtrix3 and DIPY for benchmarks)
 set -euo pipefail
 pkgs=(build-essential cmake pkg-config git libgtest-dev libgmock-dev libbenchmark-dev
-      libgtk-3-dev libnifti2-dev zlib1g-dev xvfb xauth)
+      libgtk-3-dev libnifti2-dev zlib1g-dev xvfb xauth clang libclang-rt-14-dev)
 if [ "${1:-}" = "--peers" ]; then pkgs+=(mrtrix3 python3-dipy hyperfine); fi
 missing=()
 for p in "${pkgs[@]}"; do

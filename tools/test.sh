@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs every test: a normal build (GUI tests under
 # Xvfb at depth 24), the core tests again under AddressSanitizer + UndefinedBehaviorSanitizer,
-# and the threaded subsystems under ThreadSanitizer.
+# the threaded subsystems under ThreadSanitizer, and every libFuzzer harness for a short while.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/setup.sh
@@ -24,3 +24,6 @@ cmake --build build-tsan -j"$jobs"
 # high mmap randomisation on newer kernels trips ThreadSanitizer; run without ASLR
 TSAN_OPTIONS=halt_on_error=1 setarch "$(uname -m)" -R \
   ctest --test-dir build-tsan --output-on-failure -j"$jobs" -L '^(dti|fiber|ipc|study)$' --no-tests=error
+
+# every reader of untrusted bytes under libFuzzer, briefly (longer runs: tools/fuzz.sh 600)
+tools/fuzz.sh 20

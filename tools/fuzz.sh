@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer harnesses (tests/fuzz/fuzz_*.cpp) with clang and runs each of them,
+# starting from seeds that the harness writes with the project's own writers.
+# Usage: tools/fuzz.sh [SECONDS per harness, default 20] [-runs=N] [harness names...]
+# Corpora grow in build-fuzz/corpus/<harness>; a crash ends the script with status 1 and
+# leaves the crashing input in build-fuzz/crashes/.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-20}
+shift || true
+limit=()
+names=()
+for a in "$@"; do
+  case "$a" in -runs=*) limit=("$a") ;; *) names+=("$a") ;; esac
+done
+[ ${#limit[@]} -eq 0 ] && limit=(-max_total_time="$seconds")
+
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DQUORIX_FUZZ=ON ${CMAKE_CXX_COMPILER_LAUNCHER:+-DCMAKE_CXX_COMPILER_LAUNCHER=$CMAKE_CXX_COMPILER_LAUNCHER} >/dev/null
+if [ ${#names[@]} -eq 0 ]; then
+  for f in tests/fuzz/fuzz_*.cpp; do
+    n=$(basename "$f" .cpp)
+    [ "$n" = fuzz_support ] || names+=("$n")
+  done
+fi
+cmake --build build-fuzz -j"$(nproc)" --target "${names[@]}" >/dev/null
+
+mkdir -p build-fuzz/crashes
+export ASAN_OPTIONS=detect_leaks=1:allocator_may_return_null=1
+status=0
+passed=0
+failed=0
+for n in "${names[@]}"; do
+  corpus=build-fuzz/corpus/$n
+  mkdir -p "$corpus"
+  QUORIX_FUZZ_SEEDS="$corpus" "build-fuzz/bin/$n"
+  log=build-fuzz/$n.log
+  if "build-fuzz/bin/$n" "$corpus" "${limit[@]}" -rss_limit_mb=2048 -malloc_limit_mb=2048 \
+       -print_final_stats=1 -artifact_prefix=build-fuzz/crashes/"$n"- >"$log" 2>&1; then
+    runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' || echo "?")
+    echo "fuzz $n: $runs executions, no crash" >&2
+    passed=$((passed + 1))
+  else
+    echo "fuzz $n: FAILED" >&2
+    grep -v '^\(Warning\|Err\|INFO\|#\)' "$log" | tail -40 >&2
+    status=1
+    failed=$((failed + 1))
+  fi
+done
+echo "fuzz: $passed passed, $failed failed"
+exit $status
