@@ -258,15 +258,17 @@ bool PayloadBytes(const PcdDisplayObject& o, size_t* bytes) {
 bool CheckGroupForWriting(const PcdObjectGroup& group) {
   for (size_t i = 0; i < group.objects.size(); ++i) {
     const PcdDisplayObject& o = group.objects[i];
+    if (o.type == 99) {  // the nested group names its own faulty object
+      if (o.nested && !CheckGroupForWriting(*o.nested)) return false;
+      continue;
+    }
     size_t bytes = 0;
     if (!PayloadBytes(o, &bytes)) {
       std::fprintf(stderr, "Err: object %zu (type %d) of the object group has a negative point count\n", i,
                    o.type);
       return false;
     }
-    if (o.type == 99) {
-      if (o.nested && !CheckGroupForWriting(*o.nested)) return false;
-    } else if (o.type != 15 && bytes > 0 && o.payload.size() != bytes) {
+    if (o.type != 15 && bytes > 0 && o.payload.size() != bytes) {
       std::fprintf(stderr, "Err: object %zu (type %d) of the object group has %zu payload bytes instead of %zu\n",
                    i, o.type, o.payload.size(), bytes);
       return false;
