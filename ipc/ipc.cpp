@@ -294,21 +294,7 @@ int PCDipc_CloseDataBoard() {
 int PCDipc_GetBroadcastedInfo(PcdIpcBroadcast* r) {
   uint8_t b[kPcdIpcBroadcastSize];
   if (r == nullptr || !AccessBoard(g_client.bb, 0, b, sizeof b, false)) return -1;
-  auto word = [&](size_t offset) { return PCD_GetInt32LE(b + offset); };
-  r->state = word(0);
-  std::memcpy(r->clientId, b + 8, kPcdIpcIdLength);
-  r->clientId[kPcdIpcIdLength] = '\0';
-  r->matrixSize = {word(40), word(44), word(48), word(52)};
-  r->position = {word(72), word(76), word(80)};
-  r->regionOrigin = {word(96), word(100), word(104)};
-  r->regionSize = {word(108), word(112), word(116)};
-  r->pair = {PCD_GetFloat32LE(b + 144), PCD_GetFloat32LE(b + 148)};
-  r->word160 = word(160);
-  for (int t = 0; t < 4; ++t)
-    for (int k = 0; k < 3; ++k) r->triples[t][k] = word(168 + 12 * static_cast<size_t>(t) + 4 * static_cast<size_t>(k));
-  r->word216 = word(216);
-  r->word220 = word(220);
-  return 0;
+  return PCDipc_ParseBroadcastBoard(b, sizeof b, r);
 }
 
 int PCDipc_SendObjectGroupTo(const PcdObjectGroup* group, int32_t groupId) {

@@ -110,10 +110,16 @@ size_t PCDipc_MaxRecordBytes();
 // is read. Null with an "Err: " line for a bad board; null with *empty set (when given)
 // for a board of size 0, the serialized form of no volume; null for a missing board.
 PcdRawVolumeData* PCDipc_ReadVolumeFromBoard(const char* name, bool singleChannel, bool* empty);
+// The same from the bytes of a board already mapped (size: the board's size).
+PcdRawVolumeData* PCDipc_GetVolumeFromBoardBytes(const uint8_t* bytes, size_t size, bool singleChannel,
+                                                bool* empty);
 // The bytes of the object group on the data board of that name (the board is sized to
 // the group); false with an "Err: " line when its object count does not fit the board or
 // the board is larger than PCDipc_MaxRecordBytes().
 bool PCDipc_ReadObjectGroupFromBoard(const char* name, std::vector<uint8_t>* bytes);
+bool PCDipc_GetObjectGroupFromBoardBytes(const uint8_t* board, size_t size, std::vector<uint8_t>* bytes);
+// The broadcast record from the first 224 bytes of BB; -1 when size is less than that.
+int PCDipc_ParseBroadcastBoard(const uint8_t* bytes, size_t size, PcdIpcBroadcast* record);
 // Parses the 512 bytes of a request board; false when the client ID has no terminator
 // within its 33 bytes (the rest is filled in all the same).
 bool PCDipc_ParseRequestBoard(const uint8_t* board, PcdIpcRequest* request);

@@ -64,40 +64,66 @@ size_t PCDipc_MaxRecordBytes() {
   return static_cast<size_t>(pages) / 2 * static_cast<size_t>(pageSize);
 }
 
+PcdRawVolumeData* PCDipc_GetVolumeFromBoardBytes(const uint8_t* bytes, size_t size, bool singleChannel,
+                                                bool* empty) {
+  if (empty != nullptr) *empty = size == 0;
+  if (size == 0) return nullptr;  // the serialized form of no volume
+  if (singleChannel) {
+    const size_t announced = PCD_GetAnnouncedSizeOfSerializedSingleChannel(bytes, size);
+    if (!RecordFits(announced, size, "channel")) return nullptr;
+    return PCD_GetSingleChannelFromSerializedDataChecked(bytes, announced);
+  }
+  const size_t announced = PCD_GetAnnouncedSizeOfSerializedRawVolumeData(bytes, size);
+  if (!RecordFits(announced, size, "volume")) return nullptr;
+  return PCD_GetRawVolumeDataFromSerializedDataChecked(bytes, announced);
+}
+
 PcdRawVolumeData* PCDipc_ReadVolumeFromBoard(const char* name, bool singleChannel, bool* empty) {
   if (empty != nullptr) *empty = false;
   const BoardView board(name);
   if (!board.open()) return nullptr;
-  if (board.bytes == nullptr) {  // size 0: the serialized form of no volume
-    if (empty != nullptr) *empty = true;
-    return nullptr;
-  }
-  if (singleChannel) {
-    const size_t announced = PCD_GetAnnouncedSizeOfSerializedSingleChannel(board.bytes, board.size);
-    if (!RecordFits(announced, board.size, "channel")) return nullptr;
-    return PCD_GetSingleChannelFromSerializedDataChecked(board.bytes, announced);
-  }
-  const size_t announced = PCD_GetAnnouncedSizeOfSerializedRawVolumeData(board.bytes, board.size);
-  if (!RecordFits(announced, board.size, "volume")) return nullptr;
-  return PCD_GetRawVolumeDataFromSerializedDataChecked(board.bytes, announced);
+  return PCDipc_GetVolumeFromBoardBytes(board.bytes, board.size, singleChannel, empty);
 }
 
-bool PCDipc_ReadObjectGroupFromBoard(const char* name, std::vector<uint8_t>* bytes) {
+bool PCDipc_GetObjectGroupFromBoardBytes(const uint8_t* board, size_t size, std::vector<uint8_t>* bytes) {
   bytes->clear();
-  const BoardView board(name);
-  if (board.bytes == nullptr || board.size < 4) {
+  if (size < 4) {
     std::fputs("Err: the data board does not hold an object group\n", stderr);
     return false;
   }
   // the board is sized to the group: its objects' headers must be on it
-  const int32_t m = PCD_GetInt32LE(board.bytes);
-  if (m < 0 || static_cast<size_t>(m) > (board.size - 4) / 24) {
-    std::fprintf(stderr, "Err: the data board announces %d objects on %zu bytes\n", m, board.size);
+  const int32_t m = PCD_GetInt32LE(board);
+  if (m < 0 || static_cast<size_t>(m) > (size - 4) / 24) {
+    std::fprintf(stderr, "Err: the data board announces %d objects on %zu bytes\n", m, size);
     return false;
   }
-  if (!RecordFits(board.size, board.size, "object group")) return false;
-  bytes->assign(board.bytes, board.bytes + board.size);
+  if (!RecordFits(size, size, "object group")) return false;
+  bytes->assign(board, board + size);
   return true;
+}
+
+bool PCDipc_ReadObjectGroupFromBoard(const char* name, std::vector<uint8_t>* bytes) {
+  const BoardView board(name);
+  return PCDipc_GetObjectGroupFromBoardBytes(board.bytes, board.size, bytes);
+}
+
+int PCDipc_ParseBroadcastBoard(const uint8_t* b, size_t size, PcdIpcBroadcast* r) {
+  if (b == nullptr || r == nullptr || size < kPcdIpcBroadcastSize) return -1;
+  auto word = [&](size_t offset) { return PCD_GetInt32LE(b + offset); };
+  r->state = word(0);
+  std::memcpy(r->clientId, b + kPcdIpcIdOffset, kPcdIpcIdLength);
+  r->clientId[kPcdIpcIdLength] = '\0';
+  r->matrixSize = {word(40), word(44), word(48), word(52)};
+  r->position = {word(72), word(76), word(80)};
+  r->regionOrigin = {word(96), word(100), word(104)};
+  r->regionSize = {word(108), word(112), word(116)};
+  r->pair = {PCD_GetFloat32LE(b + 144), PCD_GetFloat32LE(b + 148)};
+  r->word160 = word(160);
+  for (size_t t = 0; t < 4; ++t)
+    for (size_t k = 0; k < 3; ++k) r->triples[t][k] = word(168 + 12 * t + 4 * k);
+  r->word216 = word(216);
+  r->word220 = word(220);
+  return 0;
 }
 
 bool PCDipc_ParseRequestBoard(const uint8_t* board, PcdIpcRequest* request) {
