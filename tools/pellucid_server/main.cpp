@@ -6,7 +6,8 @@
 //                   [--accept-pause MS] [--idle-pause MS]
 //
 // It polls its request board every 200 microseconds while a client is connected or was
-// heard within the last second, and every --idle-pause milliseconds (15) after that.
+// heard within the last second, and every --idle-pause milliseconds (15; 0.2 to 1000)
+// after that.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -377,10 +378,10 @@ bool ParseOptions(int argc, char** argv, Options* o) {
     else if (a == "--voxel-size") o->voxelSize = static_cast<float>(std::atof(v));
     else if (a == "--save-dir") o->saveDir = v;
     else if (a == "--accept-pause") o->acceptPauseMs = std::atoi(v);
-    else if (a == "--idle-pause") o->idlePauseUs = std::clamp(std::atoi(v), 0, 1001) * 1000;
+    else if (a == "--idle-pause") o->idlePauseUs = static_cast<int>(std::clamp(std::atof(v), 0.0, 1001.0) * 1000.0);
     else return false;
   }
-  return o->number >= 0 && o->number <= 99999999 && o->acceptPauseMs >= 0 && o->idlePauseUs >= 1000 &&
+  return o->number >= 0 && o->number <= 99999999 && o->acceptPauseMs >= 0 && o->idlePauseUs >= 200 &&
          o->idlePauseUs <= 1000000;
 }
 
