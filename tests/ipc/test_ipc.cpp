@@ -172,7 +172,7 @@ TEST(ViewerLink, AnotherClientsServerAndASilentServerRefuse) {
     ASSERT_EQ(PCDipc_SendConnectionRequest(), 0);
     PCDipc_FinalizeClient();
   }
-  Link link(server.number, 20000);
+  Link link(server.number, 2000);
   ASSERT_TRUE(link.ok);
   const int rb = shm_open(PCDipc_BoardName("PCD_IPC_RB", server.number).c_str(), O_RDONLY, 0);
   ASSERT_GE(rb, 0);
@@ -200,7 +200,7 @@ TEST(ViewerLink, AnotherClientsServerAndASilentServerRefuse) {
 
 TEST(ViewerLink, SilentServerTimesOutTheConnection) {
   ServerProcess server;
-  Link link(server.number, 20000);
+  Link link(server.number, 2000);
   ASSERT_TRUE(link.ok);
   kill(server.pid, SIGSTOP);
   EXPECT_EQ(PCDipc_SendConnectionRequest(), -1);
