@@ -94,6 +94,7 @@ TEST(LinkProtocol, BadDataBoardsAreRefused) {
   const size_t hugeSize = 48 + (size_t{1} << 40);
   std::vector<uint8_t> badType = TinyVolume();
   badType[16] = 9;
+  const std::vector<uint8_t> headerCut(badType.begin(), badType.begin() + 12);
   struct Case {
     const char* what;
     std::vector<uint8_t> bytes;
@@ -107,7 +108,7 @@ TEST(LinkProtocol, BadDataBoardsAreRefused) {
        "Err: the data board announces a volume of " + std::to_string(hugeSize) +
            " bytes, more than this machine can take\n"},
       {"bad type", badType, badType.size(), true, "Err: the data board does not hold a valid volume\n"},
-      {"header cut", std::vector<uint8_t>(TinyVolume().begin(), TinyVolume().begin() + 12), 12, true,
+      {"header cut", headerCut, 12, true,
        "Err: the data board does not hold a valid volume\n"},
       {"no board", {}, 0, false, ""},
   };
