@@ -70,8 +70,7 @@ namespace {
 // Takes a read volume as the current one; the voxel size is asked for when the data set
 // carries none (voxelSize 0).
 void TakeVolume(PcdRawVolumeData* read, float voxelSize = 0.0f) {
-  std::fputs("Volume data OK. Replacing.
-", stderr);
+  std::fputs("Volume data OK. Replacing.\n", stderr);
   std::free(pcd_app->dti);
   pcd_app->dti = nullptr;
   PCD_DeleteRawVolumeData(pcd_app->volume);

@@ -11,8 +11,9 @@
 
 namespace {
 
+// A viewer without a volume gives an empty data set: its size reads 0x0x0 x 0.
 void WriteMemoFromViewer() {
-  const PcdIntSize4D& s = *pcd_app->volume->matrixSize;
+  const PcdIntSize4D s = pcd_app->volume ? *pcd_app->volume->matrixSize : PcdIntSize4D{0, 0, 0, 0};
   char text[256];
   std::snprintf(text, sizeof text, "Data Source: IPC with PELLUCID\nMatrix size: %dx%dx%d x %d(ch)\n", s.x, s.y,
                 s.z, s.channels);
@@ -64,11 +65,10 @@ int PCD_InitializeApplication(int argc, char** argv) {
   app->volume = nullptr;
   app->selectedRoiId = app->selectedStudyId = kPcdNoObjectId;
   std::fputs(">> Establishing connection ... ", stderr);
-  std::fflush(stderr);
-  app->volume = pcd_viewer_receive_volume();
-  if (app->volume == nullptr) return Fail();
+  bool viewerEmpty = false;
+  app->volume = pcd_viewer_receive_volume(&viewerEmpty);
+  if (app->volume == nullptr && !viewerEmpty) return Fail();
   std::fputs("OK\n", stderr);
-  std::fflush(stderr);
   WriteMemoFromViewer();
   app->dti = nullptr;
   PCD_CreateDtiData();
@@ -88,7 +88,6 @@ int PCD_InitializeApplication(int argc, char** argv) {
     PCD_SetStatus(" MPG not ready.");
   }
   app->timer = g_timeout_add(360, PCD_ServiceTimer, nullptr);
-  std::fflush(stderr);
   return 1;
 }
 
@@ -109,5 +108,4 @@ void PCD_CleanUpApplication() {
   if (app->window) gtk_widget_destroy(app->window);
   pcd_viewer_detach();
   PCD_DeleteAppState();
-  std::fflush(stderr);
 }

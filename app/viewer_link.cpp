@@ -43,8 +43,9 @@ void pcd_viewer_remove_object(int32_t objectId) {
 
 void pcd_viewer_release_objects() {}
 
-PcdRawVolumeData* pcd_viewer_receive_volume() {
-  return g_initialized ? PCDipc_ReceiveVolumeFromViewer() : nullptr;
+PcdRawVolumeData* pcd_viewer_receive_volume(bool* viewerEmpty) {
+  if (viewerEmpty != nullptr) *viewerEmpty = false;
+  return g_initialized ? PCDipc_ReceiveVolumeFromViewer(viewerEmpty) : nullptr;
 }
 
 int pcd_viewer_send_channel(const PcdRawVolumeData* volume, int32_t channel) {

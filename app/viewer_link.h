@@ -23,8 +23,9 @@ void pcd_viewer_remove_object(int32_t objectId);
 // Releases what the link keeps per object.
 void pcd_viewer_release_objects();
 
-// Connects, takes over the viewer's volume and disconnects; null on failure (printed).
-PcdRawVolumeData* pcd_viewer_receive_volume();
+// Connects, takes over the viewer's volume and disconnects; null on failure (printed), and
+// null with *viewerEmpty set (when given) when the viewer holds no volume.
+PcdRawVolumeData* pcd_viewer_receive_volume(bool* viewerEmpty = nullptr);
 // Sends one channel for display; 0, or -1 (printed).
 int pcd_viewer_send_channel(const PcdRawVolumeData* volume, int32_t channel);
 // Sends the volume's first channel as the viewer's volume; 0 or -1.

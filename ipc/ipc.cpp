@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -26,6 +27,8 @@ struct Client {
   int32_t parameters[kPcdIpcParameterWords] = {};
   std::unique_ptr<PcdIpcBroadcast> broadcast;
   bool dbCreatedHere = false;
+  // a request written without waiting for its acceptance, not yet seen taken
+  int32_t pending = 0;
 };
 
 Client g_client;
@@ -91,20 +94,35 @@ bool ConnectedToUs() {
   return ReadText(g_client.bb, kPcdIpcIdOffset, id) && std::strcmp(id, g_client.id) == 0;
 }
 
+// A request written without waiting stays on RB until the server takes it (the server
+// clears the type word when it does). Writing the next request over it would lose it, so
+// the next write first waits, up to the retry limit, for the word to change.
+void WaitUntilPendingRequestTaken() {
+  if (g_client.pending == 0) return;
+  for (int64_t i = 0; i < g_retryLimit && ReadWord(g_client.rb, kPcdIpcTypeOffset) == g_client.pending; ++i) {
+  }
+  g_client.pending = 0;
+}
+
+// Our process id beside the ID: lets the server free the link when this process dies
+// while connected.
+bool WriteProcessId() { return WriteWord(g_client.rb, kPcdIpcPidOffset, static_cast<int32_t>(getpid())); }
+
 // Our ID, the parameter block, then the type: the server acts when it sees the type, so
 // everything the request carries must be on the board before it. The ID's terminator of a
 // 32-character ID falls on offset 40, which the request board does not otherwise use.
 bool WriteRequest(int32_t type) {
   uint8_t block[4 * kPcdIpcParameterWords];
   for (size_t i = 0; i < kPcdIpcParameterWords; ++i) PCD_PutInt32LE(block + 4 * i, g_client.parameters[i]);
-  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) &&
+  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) && WriteProcessId() &&
          AccessBoard(g_client.rb, kPcdIpcParameterOffset, block, sizeof block, true) &&
          WriteWord(g_client.rb, kPcdIpcTypeOffset, type);
 }
 
 // A connection or disconnection request: the ID first, then the type.
 bool WriteBareRequest(int32_t type) {
-  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) &&
+  WaitUntilPendingRequestTaken();
+  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) && WriteProcessId() &&
          WriteWord(g_client.rb, kPcdIpcTypeOffset, type);
 }
 
@@ -151,6 +169,7 @@ int PCDipc_InitializeClient(const char* clientId, int serverNumber) {
   std::memset(g_client.id, 0, sizeof g_client.id);
   std::memcpy(g_client.id, clientId, std::strlen(clientId));
   g_client.serverNumber = serverNumber;
+  g_client.pending = 0;
   g_client.bb.name = PCDipc_BoardName("PCD_IPC_BB", serverNumber);
   g_client.mb.name = PCDipc_BoardName("PCD_IPC_MB", serverNumber);
   g_client.rb.name = PCDipc_BoardName("PCD_IPC_RB", serverNumber);
@@ -209,8 +228,12 @@ int PCDipc_SendDisconnectionRequest() {
 
 int PCDipc_SendRequest(int32_t type, bool wait) {
   if (!ServerFree() && !ConnectedToUs()) return -1;
+  WaitUntilPendingRequestTaken();
   if (!WriteRequest(type)) return -1;
-  if (!wait) return 0;
+  if (!wait) {
+    g_client.pending = type;
+    return 0;
+  }
   for (int64_t i = 0; i < g_retryLimit; ++i) {
     WriteRequest(type);
     if (ReadWord(g_client.mb, kPcdIpcTypeOffset) == PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED &&
@@ -255,19 +278,8 @@ int PCDipc_UploadSingleChannelOfRawVolumeData(const PcdRawVolumeData* volume, in
   return CreateDataBoard(bytes) ? 0 : -1;
 }
 
-// The board comes from another process: its size is checked before anything is trusted.
 PcdRawVolumeData* PCDipc_DownloadRawVolumeData() {
-  Board db{g_client.db.name, -1};
-  if (!OpenBoard(&db)) return nullptr;
-  struct stat st {};
-  PcdRawVolumeData* volume = nullptr;
-  if (fstat(db.fd, &st) == 0 && st.st_size > 0) {
-    std::vector<uint8_t> bytes(static_cast<size_t>(st.st_size));
-    if (AccessBoard(db, 0, bytes.data(), bytes.size(), false))
-      volume = PCD_GetRawVolumeDataFromSerializedDataChecked(bytes.data(), bytes.size());
-  }
-  CloseBoard(&db);
-  return volume;
+  return PCDipc_ReadVolumeFromBoard(g_client.db.name.c_str(), false, nullptr);
 }
 
 int PCDipc_CloseDataBoard() {
@@ -282,21 +294,7 @@ int PCDipc_CloseDataBoard() {
 int PCDipc_GetBroadcastedInfo(PcdIpcBroadcast* r) {
   uint8_t b[kPcdIpcBroadcastSize];
   if (r == nullptr || !AccessBoard(g_client.bb, 0, b, sizeof b, false)) return -1;
-  auto word = [&](size_t offset) { return PCD_GetInt32LE(b + offset); };
-  r->state = word(0);
-  std::memcpy(r->clientId, b + 8, kPcdIpcIdLength);
-  r->clientId[kPcdIpcIdLength] = '\0';
-  r->matrixSize = {word(40), word(44), word(48), word(52)};
-  r->position = {word(72), word(76), word(80)};
-  r->regionOrigin = {word(96), word(100), word(104)};
-  r->regionSize = {word(108), word(112), word(116)};
-  r->pair = {PCD_GetFloat32LE(b + 144), PCD_GetFloat32LE(b + 148)};
-  r->word160 = word(160);
-  for (int t = 0; t < 4; ++t)
-    for (int k = 0; k < 3; ++k) r->triples[t][k] = word(168 + 12 * static_cast<size_t>(t) + 4 * static_cast<size_t>(k));
-  r->word216 = word(216);
-  r->word220 = word(220);
-  return 0;
+  return PCDipc_ParseBroadcastBoard(b, sizeof b, r);
 }
 
 int PCDipc_SendObjectGroupTo(const PcdObjectGroup* group, int32_t groupId) {
@@ -330,8 +328,10 @@ int PCDipc_TransferObjectGroup(const PcdObjectGroup* group, int32_t* id) {
 
 // ---- what the application does with it ---------------------------------------------------
 
-PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer() {
+PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer(bool* empty) {
   PCDipc_SetRetryLimit(6553500);
+  bool nothing = false;
+  if (empty != nullptr) *empty = false;
   auto fail = [](const char* message) -> PcdRawVolumeData* {
     PCDipc_SendDisconnectionRequest();
     std::fputs(message, stderr);
@@ -343,8 +343,8 @@ PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer() {
   PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UPLOAD_VOLUMEDATA, false);
   while (PCDipc_WaitForMessage(PCDipc_MESSAGE_TYPE_DATA_UPLOAD_COMPLETED) != 0)
     std::fputs("<Warning> Server busy. To trying to send upload message\n", stderr);
-  PcdRawVolumeData* volume = PCDipc_DownloadRawVolumeData();
-  if (volume == nullptr) return fail("Failed <PCDipc_DownloadRawVolumeData>. Exit now.\n");
+  PcdRawVolumeData* volume = PCDipc_ReadVolumeFromBoard(g_client.db.name.c_str(), false, &nothing);
+  if (volume == nullptr && !nothing) return fail("Failed <PCDipc_DownloadRawVolumeData>. Exit now.\n");
   while (PCDipc_SendRequest(PCDipc_REQUEST_TYPE_CLOSE_DATABOARD, true) != 0)
     std::fputs("<Warning> Server busy. To trying to close data board\n", stderr);
   if (PCDipc_SendRequest(PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA, true) != 0) {
@@ -355,6 +355,7 @@ PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer() {
     PCD_DeleteRawVolumeData(volume);
     return fail("Failed <PCDipc_SendDisconnectionRequest>. Exit now.\n");
   }
+  if (empty != nullptr) *empty = nothing;
   return volume;
 }
 
@@ -393,7 +394,6 @@ int PCDipc_SendVolumeToViewer(const PcdRawVolumeData* volume) {
   PcdRawVolumeData* copy = PCD_CopyChannelOfRawVolumeData(volume, 0);
   if (copy == nullptr) return -1;
   std::fputs("Transfering to PELLUCID... ", stderr);
-  std::fflush(stderr);
   int result = -1;
   if (PCDipc_UploadRawVolumeData(copy) == 0 &&
       PCDipc_SendRequest(PCDipc_REQUEST_TYPE_LOAD_VOLUMEDATA, true) == 0) {

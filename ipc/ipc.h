@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "vol/raw_volume.h"
 #include "vol/serialize.h"
@@ -45,6 +46,7 @@ constexpr size_t kPcdIpcTypeOffset = 0;
 constexpr size_t kPcdIpcIdOffset = 8;
 constexpr size_t kPcdIpcIdLength = 32;
 constexpr size_t kPcdIpcAcceptedOffset = 40;  // MB: the accepted request's type
+constexpr size_t kPcdIpcPidOffset = 44;       // RB: the requesting client's process id
 constexpr size_t kPcdIpcParameterOffset = 48;
 constexpr size_t kPcdIpcParameterWords = 116;
 constexpr int32_t kPcdIpcCleared = -123;      // a cleared word, and what a failed read gives
@@ -63,6 +65,14 @@ struct PcdIpcBroadcast {
   int32_t triples[4][3] = {};
   int32_t word216 = 0;
   int32_t word220 = 0;
+};
+
+// A request as the server reads it off RB.
+struct PcdIpcRequest {
+  int32_t type = 0;
+  char clientId[kPcdIpcIdLength + 1] = {};
+  int32_t processId = 0;  // 0 from a client that does not give it
+  int32_t parameters[kPcdIpcParameterWords] = {};
 };
 
 // "/PCD_IPC_BB(0007)": the shared memory name of a board for a server number.
@@ -90,9 +100,35 @@ void PCDipc_SetParameterWord(int index, int32_t value);
 void PCDipc_SetParameterFloat(int index, float value);
 int32_t PCDipc_GetParameterWord(int index);
 
+// ---- reading the other side's boards ----------------------------------------------------
+// The largest record either side takes off a data board: half the machine's memory. A
+// board is only address space until it is touched, so a peer can announce far more.
+size_t PCDipc_MaxRecordBytes();
+// The serialized volume (or single channel) on the data board of that name, rebuilt
+// without copying the board: the size its header announces is checked against the board
+// and against PCDipc_MaxRecordBytes() before anything is allocated, and nothing beyond it
+// is read. Null with an "Err: " line for a bad board; null with *empty set (when given)
+// for a board of size 0, the serialized form of no volume; null for a missing board.
+PcdRawVolumeData* PCDipc_ReadVolumeFromBoard(const char* name, bool singleChannel, bool* empty);
+// The same from the bytes of a board already mapped (size: the board's size).
+PcdRawVolumeData* PCDipc_GetVolumeFromBoardBytes(const uint8_t* bytes, size_t size, bool singleChannel,
+                                                bool* empty);
+// The bytes of the object group on the data board of that name (the board is sized to
+// the group); false with an "Err: " line when its object count does not fit the board or
+// the board is larger than PCDipc_MaxRecordBytes().
+bool PCDipc_ReadObjectGroupFromBoard(const char* name, std::vector<uint8_t>* bytes);
+bool PCDipc_GetObjectGroupFromBoardBytes(const uint8_t* board, size_t size, std::vector<uint8_t>* bytes);
+// The broadcast record from the first 224 bytes of BB; -1 when size is less than that.
+int PCDipc_ParseBroadcastBoard(const uint8_t* bytes, size_t size, PcdIpcBroadcast* record);
+// Parses the 512 bytes of a request board; false when the client ID has no terminator
+// within its 33 bytes (the rest is filled in all the same).
+bool PCDipc_ParseRequestBoard(const uint8_t* board, PcdIpcRequest* request);
+
 // ---- what the application does with it ---------------------------------------------------
 // The viewer's current volume ("IPC with PELLUCID"), or null with the messages on stderr.
-PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer();
+// A viewer that holds no volume answers with an empty data board: then the exchange ends
+// normally, null is returned and *empty (when given) is set.
+PcdRawVolumeData* PCDipc_ReceiveVolumeFromViewer(bool* empty = nullptr);
 int PCDipc_SendChannelToViewer(const PcdRawVolumeData* volume, int32_t channel);
 // Sends channel 0 as a whole volume ("Transfering to PELLUCID... done").
 int PCDipc_SendVolumeToViewer(const PcdRawVolumeData* volume);

@@ -185,58 +185,136 @@ PcdRawVolumeData* PCD_GetSingleChannelFromSerializedDataChecked(const uint8_t* b
   return v;
 }
 
+size_t PCD_GetAnnouncedSizeOfSerializedRawVolumeData(const uint8_t* buffer, size_t length) {
+  if (buffer == nullptr || length < 16) return 0;
+  const int32_t x = PCD_GetInt32LE(buffer), y = PCD_GetInt32LE(buffer + 4), z = PCD_GetInt32LE(buffer + 8),
+                n = PCD_GetInt32LE(buffer + 12);
+  if (x <= 0 || y <= 0 || z <= 0 || n <= 0 || n > kMaxSerializedChannels) return 0;
+  const size_t header = 16 + 8 * static_cast<size_t>(n);
+  if (length < header) return 0;
+  std::vector<int32_t> types(static_cast<size_t>(n));
+  for (size_t c = 0; c < types.size(); ++c) {
+    types[c] = PCD_GetInt32LE(buffer + 16 + 4 * c);
+    if (!PCD_IsValidDataType(types[c])) return 0;
+  }
+  const size_t body = CheckedBodySize(x, y, z, types.data(), n);
+  return body > std::numeric_limits<size_t>::max() / 2 - header ? 0 : header + body;
+}
+
+size_t PCD_GetAnnouncedSizeOfSerializedSingleChannel(const uint8_t* buffer, size_t length) {
+  if (buffer == nullptr || length < 20) return 0;
+  const int32_t x = PCD_GetInt32LE(buffer), y = PCD_GetInt32LE(buffer + 4), z = PCD_GetInt32LE(buffer + 8),
+                type = PCD_GetInt32LE(buffer + 12);
+  if (x <= 0 || y <= 0 || z <= 0 || !PCD_IsValidDataType(type)) return 0;
+  const size_t body = CheckedBodySize(x, y, z, &type, 1);
+  return body > std::numeric_limits<size_t>::max() / 2 - 20 ? 0 : 20 + body;
+}
+
 // ---- object groups -------------------------------------------------------------------
 
-size_t PCD_GetPayloadSizeOfObject(const PcdDisplayObject& o) {
+namespace {
+
+// The payload bytes of one object, or false when its counts cannot describe one: a
+// negative count would wrap the size into a small number and the writer would run past
+// the buffer that size announced.
+bool PayloadBytes(const PcdDisplayObject& o, size_t* bytes);
+
+bool GroupBytes(const PcdObjectGroup& group, size_t* bytes) {
+  size_t total = 4 + 24 * group.objects.size();
+  for (const PcdDisplayObject& o : group.objects) {
+    size_t payload = 0;
+    if (!PayloadBytes(o, &payload)) return false;
+    total += payload;
+  }
+  *bytes = total;
+  return true;
+}
+
+bool PayloadBytes(const PcdDisplayObject& o, size_t* bytes) {
+  const bool usesK = o.type == 21 || o.type == 31 || o.type == 61 || o.type == 62;
+  if ((usesK && o.k < 0) || (o.type == 71 && (o.a < 0 || o.b < 0))) return false;
   const auto k = static_cast<size_t>(o.k), a = static_cast<size_t>(o.a),
              b = static_cast<size_t>(o.b);
   switch (o.type) {
-    case 11: return 24;
-    case 12: case 17: return 68;
-    case 13: case 18: case 15: return 40;
-    case 14: return 96;
-    case 16: return 52;
-    case 21: return 12 * k + 32;
-    case 22: return 0;
-    case 31: return 24 * k + 4;
-    case 61: return (o.extras ? 28 : 12) * k + 5;
-    case 62: return (o.extras ? 32 : 16) * k + 13;
-    case 71: return 12 * (a + 2 * b) + 9 + (o.extras ? 16 * b : 0);
-    case 99: return o.nested ? PCD_GetSerializedSizeOfObjectGroup(o.nested.get()) : 0;
-    default: return 0;
+    case 11: *bytes = 24; return true;
+    case 12: case 17: *bytes = 68; return true;
+    case 13: case 18: case 15: *bytes = 40; return true;
+    case 14: *bytes = 96; return true;
+    case 16: *bytes = 52; return true;
+    case 21: *bytes = 12 * k + 32; return true;
+    case 31: *bytes = 24 * k + 4; return true;
+    case 61: *bytes = (o.extras ? 28 : 12) * k + 5; return true;
+    case 62: *bytes = (o.extras ? 32 : 16) * k + 13; return true;
+    case 71: *bytes = 12 * (a + 2 * b) + 9 + (o.extras ? 16 * b : 0); return true;
+    case 99:
+      *bytes = 0;
+      return o.nested == nullptr || GroupBytes(*o.nested, bytes);
+    default: *bytes = 0; return true;  // 22 and unknown types carry nothing
   }
 }
 
-size_t PCD_GetSerializedSizeOfObjectGroup(const PcdObjectGroup* group) {
-  if (group == nullptr) return 0;
-  size_t total = 4 + 24 * group->objects.size();
-  for (const PcdDisplayObject& o : group->objects) total += PCD_GetPayloadSizeOfObject(o);
-  return total;
+// Whether every object of the group (nested ones too) can be written as it stands; the
+// first reason it cannot, as an "Err: " line. Checked before a byte is written.
+bool CheckGroupForWriting(const PcdObjectGroup& group) {
+  for (size_t i = 0; i < group.objects.size(); ++i) {
+    const PcdDisplayObject& o = group.objects[i];
+    if (o.type == 99) {  // the nested group names its own faulty object
+      if (o.nested && !CheckGroupForWriting(*o.nested)) return false;
+      continue;
+    }
+    size_t bytes = 0;
+    if (!PayloadBytes(o, &bytes)) {
+      std::fprintf(stderr, "Err: object %zu (type %d) of the object group has a negative point count\n", i,
+                   o.type);
+      return false;
+    }
+    if (o.type != 15 && bytes > 0 && o.payload.size() != bytes) {
+      std::fprintf(stderr, "Err: object %zu (type %d) of the object group has %zu payload bytes instead of %zu\n",
+                   i, o.type, o.payload.size(), bytes);
+      return false;
+    }
+  }
+  return true;
 }
 
-int PCD_SerializeObjectGroup(const PcdObjectGroup* group, uint8_t* buffer) {
-  if (group == nullptr || buffer == nullptr) return -1;
-  const size_t m = group->objects.size();
+void WriteGroup(const PcdObjectGroup& group, uint8_t* buffer) {
+  const size_t m = group.objects.size();
   PCD_PutInt32LE(buffer, static_cast<int32_t>(m));
   for (size_t i = 0; i < m; ++i) {
-    const PcdDisplayObject& o = group->objects[i];
+    const PcdDisplayObject& o = group.objects[i];
     PCD_PutInt32LE(buffer + 4 + 4 * i, o.type);
     PCD_PutInt32LE(buffer + 4 + 4 * m + 4 * i, o.value);
-    for (int c = 0; c < 4; ++c)
-      PCD_PutFloat32LE(buffer + 4 + 8 * m + 16 * i + 4 * static_cast<size_t>(c),
-                       group->hasColors ? o.color[c] : 1.0f);
+    for (size_t c = 0; c < 4; ++c)
+      PCD_PutFloat32LE(buffer + 4 + 8 * m + 16 * i + 4 * c, group.hasColors ? o.color[c] : 1.0f);
   }
   size_t at = 4 + 24 * m;
-  for (const PcdDisplayObject& o : group->objects) {
-    const size_t bytes = PCD_GetPayloadSizeOfObject(o);
+  for (const PcdDisplayObject& o : group.objects) {
+    size_t bytes = 0;
+    PayloadBytes(o, &bytes);
     if (o.type == 99) {
-      if (o.nested && PCD_SerializeObjectGroup(o.nested.get(), buffer + at) != 0) return -1;
+      if (o.nested) WriteGroup(*o.nested, buffer + at);
     } else if (o.type != 15 && bytes > 0) {
       // type 15 keeps its place but its bytes are left as the buffer had them
-      if (o.payload.size() != bytes) return -1;
       std::memcpy(buffer + at, o.payload.data(), bytes);
     }
     at += bytes;
   }
+}
+
+}  // namespace
+
+size_t PCD_GetPayloadSizeOfObject(const PcdDisplayObject& o) {
+  size_t bytes = 0;
+  return PayloadBytes(o, &bytes) ? bytes : 0;
+}
+
+size_t PCD_GetSerializedSizeOfObjectGroup(const PcdObjectGroup* group) {
+  size_t bytes = 0;
+  return group != nullptr && GroupBytes(*group, &bytes) ? bytes : 0;
+}
+
+int PCD_SerializeObjectGroup(const PcdObjectGroup* group, uint8_t* buffer) {
+  if (group == nullptr || buffer == nullptr || !CheckGroupForWriting(*group)) return -1;
+  WriteGroup(*group, buffer);
   return 0;
 }

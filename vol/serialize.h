@@ -34,6 +34,14 @@ int PCD_SerializeSingleChannel(const PcdRawVolumeData* volume, int32_t channel,
 PcdRawVolumeData* PCD_GetSingleChannelFromSerializedDataChecked(const uint8_t* buffer,
                                                                size_t length);
 
+// ---- what a header announces -------------------------------------------------------------
+// The whole byte size (header and blocks) that the header of a serialized volume or channel
+// announces, reading only buffer[0 .. length-1]; 0 when the header is cut short, holds an
+// invalid size, count or code, or announces more than half the address space. Says nothing
+// about whether the blocks are there: compare it with what the buffer holds.
+size_t PCD_GetAnnouncedSizeOfSerializedRawVolumeData(const uint8_t* buffer, size_t length);
+size_t PCD_GetAnnouncedSizeOfSerializedSingleChannel(const uint8_t* buffer, size_t length);
+
 // ---- object groups -----------------------------------------------------------------------
 // A display object for the viewer: its type code, its identifying value in the group, its
 // colour, and the payload bytes the viewer interprets (laid out by the object's producer;
@@ -54,8 +62,10 @@ struct PcdObjectGroup {
 };
 
 // Payload bytes of an object by its type (0 for unknown types; for 99 the nested group's
-// serialized size).
+// serialized size; 0 when a count the type uses is negative).
 size_t PCD_GetPayloadSizeOfObject(const PcdDisplayObject& object);
-size_t PCD_GetSerializedSizeOfObjectGroup(const PcdObjectGroup* group);  // 0 for null
-// 0, or -1 for null or an object whose payload does not have its size.
+// 0 for null, and for a group that holds (at any depth) an object with a negative count.
+size_t PCD_GetSerializedSizeOfObjectGroup(const PcdObjectGroup* group);
+// 0, or -1 with an "Err: " line for null, a negative count or an object whose payload does
+// not have its size; a refused group writes nothing.
 int PCD_SerializeObjectGroup(const PcdObjectGroup* group, uint8_t* buffer);

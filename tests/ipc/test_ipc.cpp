@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -171,7 +172,7 @@ TEST(ViewerLink, AnotherClientsServerAndASilentServerRefuse) {
     ASSERT_EQ(PCDipc_SendConnectionRequest(), 0);
     PCDipc_FinalizeClient();
   }
-  Link link(server.number, 20000);
+  Link link(server.number, 2000);
   ASSERT_TRUE(link.ok);
   const int rb = shm_open(PCDipc_BoardName("PCD_IPC_RB", server.number).c_str(), O_RDONLY, 0);
   ASSERT_GE(rb, 0);
@@ -199,13 +200,164 @@ TEST(ViewerLink, AnotherClientsServerAndASilentServerRefuse) {
 
 TEST(ViewerLink, SilentServerTimesOutTheConnection) {
   ServerProcess server;
-  Link link(server.number, 20000);
+  Link link(server.number, 2000);
   ASSERT_TRUE(link.ok);
   kill(server.pid, SIGSTOP);
   EXPECT_EQ(PCDipc_SendConnectionRequest(), -1);
   testing::internal::CaptureStderr();
   EXPECT_EQ(PCDipc_SendChannelToViewer(nullptr, 0), -1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "PCDipc_SendConnectionRequest: Error\n");
+}
+
+// pellucid-server with its console into a file, for counting what it served.
+struct LoggedServer {
+  int number = getpid() * 8 + 5;
+  pid_t pid = -1;
+  std::string log;
+  explicit LoggedServer(const std::string& logFile, const std::vector<std::string>& extra = {}) : log(logFile) {
+    for (const char* base : {"PCD_IPC_BB", "PCD_IPC_MB", "PCD_IPC_RB", "PCD_IPC_DB"})
+      shm_unlink(PCDipc_BoardName(base, number).c_str());
+    std::vector<std::string> args = {quorix_test::BuiltProgram("pellucid-server"), "--number",
+                                     std::to_string(number)};
+    args.insert(args.end(), extra.begin(), extra.end());
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid = fork();
+    if (pid == 0) {
+      const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      dup2(fd, 2);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    for (int i = 0; i < 500 && !BoardExists(PCDipc_BoardName("PCD_IPC_RB", number)); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ~LoggedServer() { Stop(); }
+  void Stop() {
+    if (pid <= 0) return;
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+    pid = -1;
+  }
+  size_t Count(const std::string& line) const {
+    const std::string text = quorix_test::ReadFileText(log);
+    size_t n = 0;
+    for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) ++n;
+    return n;
+  }
+};
+
+// The voxel size goes without waiting for an acceptance, and the application disconnects
+// at once after it: every one of 50 must reach the server all the same.
+TEST(ViewerLink, FiftyVoxelSizesInARowAllArrive) {
+  TempDir dir;
+  LoggedServer server(dir.file("server.log"), {"--accept-pause", "0"});
+  Link link(server.number);
+  ASSERT_TRUE(link.ok);
+  for (int i = 1; i <= 50; ++i) {
+    ASSERT_EQ(PCDipc_SendConnectionRequest(), 0) << i;
+    ASSERT_EQ(PCDipc_SendVoxelSize(0.25f * static_cast<float>(i)), 0) << i;
+    ASSERT_EQ(PCDipc_SendDisconnectionRequest(), 0) << i;
+  }
+  // and 50 within one connection, each followed at once by the next
+  ASSERT_EQ(PCDipc_SendConnectionRequest(), 0);
+  for (int i = 1; i <= 50; ++i) ASSERT_EQ(PCDipc_SendVoxelSize(100.0f + static_cast<float>(i)), 0) << i;
+  ASSERT_EQ(PCDipc_SendDisconnectionRequest(), 0);
+  server.Stop();
+  size_t first = 0, second = 0;
+  for (int i = 1; i <= 50; ++i) {
+    char line[64];
+    std::snprintf(line, sizeof line, "voxel size set to %g mm\n", 0.25 * i);
+    first += server.Count(line);
+    std::snprintf(line, sizeof line, "voxel size set to %g mm\n", 100.0 + i);
+    second += server.Count(line);
+  }
+  EXPECT_EQ(first, 50u);
+  EXPECT_EQ(second, 50u);
+}
+
+// A client that dies connected frees the link within a few seconds; a disconnection
+// request from someone who is not the connected client gets no acceptance.
+TEST(ViewerLink, ADeadClientFreesTheLinkAndOnlyTheConnectedOneMayDisconnect) {
+  TempDir dir;
+  LoggedServer server(dir.file("server.log"));
+  // the other client lives until told to die, then dies connected
+  int toChild[2], fromChild[2];
+  ASSERT_EQ(pipe(toChild), 0);
+  ASSERT_EQ(pipe(fromChild), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    PCDipc_SetRetryLimit(2000000);
+    const char ok = PCDipc_InitializeClient("short-lived", server.number) == 0 && PCDipc_SendConnectionRequest() == 0;
+    (void)!write(fromChild[1], &ok, 1);
+    char go;
+    (void)!read(toChild[0], &go, 1);
+    _exit(0);  // no disconnection
+  }
+  char ok = 0;
+  ASSERT_EQ(read(fromChild[0], &ok, 1), 1);
+  ASSERT_EQ(ok, 1);
+
+  Link link(server.number, 2000);
+  ASSERT_TRUE(link.ok);
+  PcdIpcBroadcast b;
+  ASSERT_EQ(PCDipc_GetBroadcastedInfo(&b), 0);
+  ASSERT_EQ(b.state, 1);
+  ASSERT_STREQ(b.clientId, "short-lived");
+  // not ours to end: the request is taken off RB, BB and MB stay as they were
+  EXPECT_EQ(PCDipc_ClearMessageBoard(), 0);
+  EXPECT_EQ(PCDipc_SendDisconnectionRequest(), -1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  const int mb = shm_open(PCDipc_BoardName("PCD_IPC_MB", server.number).c_str(), O_RDONLY, 0);
+  uint8_t words[44];
+  ASSERT_EQ(pread(mb, words, sizeof words, 0), static_cast<ssize_t>(sizeof words));
+  close(mb);
+  EXPECT_EQ(PCD_GetInt32LE(words), kPcdIpcCleared);
+  EXPECT_EQ(PCD_GetInt32LE(words + 40), kPcdIpcCleared);
+  ASSERT_EQ(PCDipc_GetBroadcastedInfo(&b), 0);
+  EXPECT_EQ(b.state, 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+  ASSERT_EQ(PCDipc_GetBroadcastedInfo(&b), 0);
+  EXPECT_EQ(b.state, 1);  // a live client keeps its link
+
+  const char go = 1;
+  ASSERT_EQ(write(toChild[1], &go, 1), 1);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  for (int fd : {toChild[0], toChild[1], fromChild[0], fromChild[1]}) close(fd);
+
+  // the dead client's link is freed; then we connect
+  bool freed = false;
+  for (int i = 0; i < 60 && !freed; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    freed = PCDipc_GetBroadcastedInfo(&b) == 0 && b.state == 0;
+  }
+  EXPECT_TRUE(freed);
+  EXPECT_STREQ(b.clientId, "");
+  PCDipc_SetRetryLimit(2000000);
+  EXPECT_EQ(PCDipc_SendConnectionRequest(), 0);
+  EXPECT_EQ(PCDipc_SendDisconnectionRequest(), 0);
+  server.Stop();
+  EXPECT_EQ(server.Count("the connected client is gone: link freed\n"), 1u);
+}
+
+// A server that holds no volume answers the volume request with an empty board.
+TEST(ViewerLink, AServerWithoutVolumeAnswersAtOnce) {
+  ServerProcess server;
+  Link link(server.number);
+  ASSERT_TRUE(link.ok);
+  const auto start = std::chrono::steady_clock::now();
+  testing::internal::CaptureStderr();
+  bool empty = false;
+  EXPECT_EQ(PCDipc_ReceiveVolumeFromViewer(&empty), nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_TRUE(empty);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  PcdIpcBroadcast b;
+  ASSERT_EQ(PCDipc_GetBroadcastedInfo(&b), 0);
+  EXPECT_EQ(b.state, 0);
+  EXPECT_EQ(b.matrixSize.x, 0);
 }
 
 }  // namespace

@@ -3,13 +3,19 @@
 // holds a volume, keeps what it receives and, with --save-dir, writes it to files.
 //
 //   pellucid-server [--number N] [--volume FILE] [--voxel-size MM] [--save-dir DIR]
-//                   [--accept-pause MS]
+//                   [--accept-pause MS] [--idle-pause MS]
+//
+// It polls its request board every 200 microseconds while a client is connected or was
+// heard within the last second, and every --idle-pause milliseconds (15; 0.2 to 1000)
+// after that.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -53,6 +59,12 @@ struct OwnBoard {
     if (!name.empty()) shm_unlink(name.c_str());
   }
   // The client maps, writes and unmaps concurrently: words are copied whole.
+  void Snapshot(uint8_t* to) const {
+    for (size_t at = 0; at + 4 <= size; at += 4) {
+      const int32_t w = Word(at);
+      std::memcpy(to + at, &w, 4);
+    }
+  }
   int32_t Word(size_t offset) const {
     int32_t v;
     __atomic_load(reinterpret_cast<const int32_t*>(view + offset), &v, __ATOMIC_ACQUIRE);
@@ -88,6 +100,7 @@ struct Options {
   float voxelSize = 0.0f;
   std::string saveDir;
   int acceptPauseMs = 20;
+  int idlePauseUs = 15000;
 };
 
 struct Server {
@@ -102,6 +115,10 @@ struct Server {
   // taken for new requests
   int32_t lastType = 0;
   std::vector<int32_t> lastParameters;
+  // the connected client's process (0: it did not say), looked at now and then
+  int32_t clientPid = 0;
+  std::chrono::steady_clock::time_point lastActivity = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point lastPidCheck = lastActivity;
 
   void Log(const char* format, int32_t a = 0, int32_t b = 0) {
     std::fprintf(stderr, "pellucid-server(%04d): ", options.number);
@@ -126,25 +143,20 @@ struct Server {
   // later message replaces it.
   void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(options.acceptPauseMs)); }
 
-  std::vector<uint8_t> ReadDataBoard() {
-    std::vector<uint8_t> bytes;
-    const int fd = shm_open(dbName.c_str(), O_RDONLY, 0);
-    if (fd < 0) return bytes;
-    struct stat st {};
-    if (fstat(fd, &st) == 0 && st.st_size > 0) {
-      void* v = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_SHARED, fd, 0);
-      if (v != MAP_FAILED) {
-        bytes.assign(static_cast<uint8_t*>(v), static_cast<uint8_t*>(v) + st.st_size);
-        munmap(v, static_cast<size_t>(st.st_size));
-      }
-    }
-    close(fd);
-    return bytes;
-  }
-
   void CloseOwnDataBoard() {
     if (dbOwned) shm_unlink(dbName.c_str());
     dbOwned = false;
+  }
+
+  // A board of size 0: the serialized form of no volume, the answer when there is none.
+  bool PutEmptyDataBoard() {
+    CloseOwnDataBoard();
+    shm_unlink(dbName.c_str());
+    const int fd = shm_open(dbName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    if (fd < 0) return false;
+    close(fd);
+    dbOwned = true;
+    return true;
   }
 
   bool PutVolumeOnDataBoard() {
@@ -177,29 +189,24 @@ struct Server {
     }
   }
 
-  std::vector<int32_t> Parameters() const {
-    std::vector<int32_t> p(kPcdIpcParameterWords);
-    for (size_t i = 0; i < p.size(); ++i) p[i] = rb.Word(kPcdIpcParameterOffset + 4 * i);
-    return p;
-  }
-
   void Serve(int32_t type, const std::vector<int32_t>& p) {
     switch (type) {
       case PCDipc_REQUEST_TYPE_UPLOAD_VOLUMEDATA:
         Accept(type);
         Pause();
-        if (volume != nullptr && PutVolumeOnDataBoard()) Message(PCDipc_MESSAGE_TYPE_DATA_UPLOAD_COMPLETED);
-        else Log("no volume to upload");
+        // without a volume the answer is an empty board: the client must not wait for ever
+        if (volume != nullptr ? PutVolumeOnDataBoard() : PutEmptyDataBoard())
+          Message(PCDipc_MESSAGE_TYPE_DATA_UPLOAD_COMPLETED);
+        else
+          Log("cannot create the data board");
+        if (volume == nullptr) Log("no volume: sent an empty data board");
         return;
       case PCDipc_REQUEST_TYPE_LOAD_VOLUMEDATA:
       case PCDipc_REQUEST_TYPE_DOWNLOAD_VOLUMEDATA: {
         Accept(type);
         Pause();
-        const std::vector<uint8_t> bytes = ReadDataBoard();
         PcdRawVolumeData* got =
-            type == PCDipc_REQUEST_TYPE_LOAD_VOLUMEDATA
-                ? PCD_GetRawVolumeDataFromSerializedDataChecked(bytes.data(), bytes.size())
-                : PCD_GetSingleChannelFromSerializedDataChecked(bytes.data(), bytes.size());
+            PCDipc_ReadVolumeFromBoard(dbName.c_str(), type == PCDipc_REQUEST_TYPE_DOWNLOAD_VOLUMEDATA, nullptr);
         if (got == nullptr) {
           Log("refused the data board of request %d", type);
           return;
@@ -234,7 +241,11 @@ struct Server {
       case PCDipc_REQUEST_TYPE_DOWNLOAD_OBJECT_GROUP: {
         Accept(type);
         Pause();
-        const std::vector<uint8_t> bytes = ReadDataBoard();
+        std::vector<uint8_t> bytes;
+        if (!PCDipc_ReadObjectGroupFromBoard(dbName.c_str(), &bytes)) {
+          Log("refused the data board of object group %d", p[0]);
+          return;
+        }
         Log("object group %d: %d bytes", p[0], static_cast<int32_t>(bytes.size()));
         Save("group", nullptr, &bytes);
         Message(PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED);
@@ -248,7 +259,8 @@ struct Server {
         float size;
         std::memcpy(&size, &p[0], 4);
         bb.SetFloat(144, size);
-        Log("voxel size set");
+        std::fprintf(stderr, "pellucid-server(%04d): voxel size set to %.9g mm\n", options.number,
+                     static_cast<double>(size));
         Accept(type);
         return;
       }
@@ -266,46 +278,93 @@ struct Server {
     }
   }
 
-  void Poll() {
-    const int32_t type = rb.Word(kPcdIpcTypeOffset);
-    if (type <= 0) return;
-    const std::string id = rb.Text(kPcdIpcIdOffset, kPcdIpcIdLength + 1);
+  void FreeLink(const char* why) {
+    bb.SetWord(0, 0);
+    bb.SetText(kPcdIpcIdOffset, "", kPcdIpcIdLength);
+    CloseOwnDataBoard();
+    lastType = 0;
+    clientPid = 0;
+    Log(why);
+  }
+
+  // A client that died while connected would hold the link for ever: once a second its
+  // process is looked for, and the link is freed when it is gone.
+  void CheckClientAlive() {
+    const auto now = std::chrono::steady_clock::now();
+    if (bb.Word(0) != 1 || clientPid <= 0 || now - lastPidCheck < std::chrono::seconds(1)) return;
+    lastPidCheck = now;
+    if (kill(clientPid, 0) != 0 && errno == ESRCH) FreeLink("the connected client is gone: link freed");
+  }
+
+  // Returns true when a request was on RB (taken or refused).
+  bool Poll() {
+    CheckClientAlive();
+    if (rb.Word(kPcdIpcTypeOffset) <= 0) return false;
+    uint8_t board[kPcdIpcBoardSize];
+    rb.Snapshot(board);
+    PcdIpcRequest r;
+    const bool validId = PCDipc_ParseRequestBoard(board, &r);
+    const int32_t type = r.type;
+    const std::string id = r.clientId;
     const bool connected = bb.Word(0) == 1;
-    const std::string client = bb.Text(kPcdIpcIdOffset, kPcdIpcIdLength + 1);
+    const std::string client = bb.Text(kPcdIpcIdOffset, kPcdIpcIdLength);
+    lastActivity = std::chrono::steady_clock::now();
+    if (type <= 0) return false;  // taken back between the two reads
+    if (!validId) {
+      rb.SetWord(kPcdIpcTypeOffset, 0);
+      return true;
+    }
     if (type == PCDipc_REQUEST_TYPE_CONNECTION) {
       rb.SetWord(kPcdIpcTypeOffset, 0);
-      if (connected) return;  // one client at a time
+      if (connected) return true;  // one client at a time
       bb.SetText(kPcdIpcIdOffset, id, kPcdIpcIdLength);
       bb.SetWord(0, 1);
       lastType = 0;
+      clientPid = r.processId;
+      lastPidCheck = lastActivity;
       Log("connected");
-      return;
+      return true;
+    }
+    // only the connected client is served; anyone else's request is taken off the board
+    // unanswered, a disconnection too: its acceptance would end the connected client's wait
+    if (!connected || id != client) {
+      rb.SetWord(kPcdIpcTypeOffset, 0);
+      if (type != PCDipc_REQUEST_TYPE_DISCONNECTION && connected) Log("request %d of another client refused", type);
+      // a free server serves a client that did not connect first, as it always did
+      if (type != PCDipc_REQUEST_TYPE_DISCONNECTION && !connected) ServeOnce(type, r);
+      return true;
     }
     if (type == PCDipc_REQUEST_TYPE_DISCONNECTION) {
-      if (connected && id == client) {
-        bb.SetWord(0, 0);
-        bb.SetText(kPcdIpcIdOffset, "", kPcdIpcIdLength);
-        CloseOwnDataBoard();
-        Log("disconnected");
-      }
+      FreeLink("disconnected");
       Accept(type);
-      lastType = 0;
       rb.SetWord(kPcdIpcTypeOffset, 0);
-      return;
+      return true;
     }
-    if (connected && id != client) return;  // another client: not ours to serve
-    const std::vector<int32_t> p = Parameters();
-    if (type == lastType && p == lastParameters && mb.Word(kPcdIpcAcceptedOffset) == type) {
-      rb.SetWord(kPcdIpcTypeOffset, 0);  // the waiting client wrote it again
-      return;
-    }
+    ServeOnce(type, r);
+    return true;
+  }
+
+  void ServeOnce(int32_t type, const PcdIpcRequest& r) {
+    const std::vector<int32_t> p(r.parameters, r.parameters + kPcdIpcParameterWords);
     rb.SetWord(kPcdIpcTypeOffset, 0);
+    if (type == lastType && p == lastParameters && mb.Word(kPcdIpcAcceptedOffset) == type)
+      return;  // the waiting client wrote it again
     lastType = type;
     lastParameters = p;
     Log("request %d", type);
     Serve(type, p);
   }
 };
+
+// Polls fast while a client is connected or asked something within the last second;
+// after that it backs off to a few dozen polls a second so that an idle server costs
+// next to nothing. The first request after a quiet spell waits at most one long pause.
+std::chrono::microseconds PollPause(const Server& server) {
+  using namespace std::chrono;
+  const auto quiet = steady_clock::now() - server.lastActivity;
+  if (server.bb.Word(0) == 1 || quiet < seconds(1)) return microseconds(200);
+  return microseconds(server.options.idlePauseUs);
+}
 
 bool ParseOptions(int argc, char** argv, Options* o) {
   for (int i = 1; i < argc; ++i) {
@@ -319,9 +378,11 @@ bool ParseOptions(int argc, char** argv, Options* o) {
     else if (a == "--voxel-size") o->voxelSize = static_cast<float>(std::atof(v));
     else if (a == "--save-dir") o->saveDir = v;
     else if (a == "--accept-pause") o->acceptPauseMs = std::atoi(v);
+    else if (a == "--idle-pause") o->idlePauseUs = static_cast<int>(std::clamp(std::atof(v), 0.0, 1001.0) * 1000.0);
     else return false;
   }
-  return o->number >= 0 && o->number <= 99999999 && o->acceptPauseMs >= 0;
+  return o->number >= 0 && o->number <= 99999999 && o->acceptPauseMs >= 0 && o->idlePauseUs >= 200 &&
+         o->idlePauseUs <= 1000000;
 }
 
 }  // namespace
@@ -330,7 +391,7 @@ int main(int argc, char** argv) {
   Server server;
   if (!ParseOptions(argc, argv, &server.options)) {
     std::fputs("Usage: pellucid-server [--number N] [--volume FILE] [--voxel-size MM] [--save-dir DIR]\n"
-               "                       [--accept-pause MS]\n"
+               "                       [--accept-pause MS] [--idle-pause MS]\n"
                "Serves the Quorix.II viewer link on the shared memory boards of number N (0..99999999).\n",
                stderr);
     return 2;
@@ -368,7 +429,7 @@ int main(int argc, char** argv) {
   std::fflush(stderr);
   while (!g_stop) {
     server.Poll();
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
+    std::this_thread::sleep_for(PollPause(server));
   }
   server.CloseOwnDataBoard();
   server.bb.Remove();
