@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <zlib.h>
+
 #include "io/nifti_file.h"
 #include "support/test_support.h"
 
@@ -127,6 +129,65 @@ TEST(NiftiHeader, LyingSizesAreRefusedAndLeaveTheCallersStateAlone) {
     EXPECT_NE(said.find("Err: "), std::string::npos) << said;
     EXPECT_EQ(std::memcmp(&kept, &before, sizeof kept), 0);
     EXPECT_EQ(info, "previous");
+  }
+}
+
+// A gzip-compressed image cannot hold more than about 1100 bytes per stored byte: one
+// that announces 800 MB in a few hundred bytes is refused before anything is allocated.
+TEST(NiftiHeader, CompressedImageAnnouncingFarMoreThanItHoldsIsRefused) {
+  TempDir dir;
+  std::vector<uint8_t> header(352, 0);
+  auto put16 = [&](size_t at, int16_t v) { std::memcpy(&header[at], &v, 2); };
+  auto put32 = [&](size_t at, int32_t v) { std::memcpy(&header[at], &v, 4); };
+  auto putF = [&](size_t at, float v) { std::memcpy(&header[at], &v, 4); };
+  put32(0, 348);                                  // sizeof_hdr
+  const int16_t dims[8] = {3, 20000, 20000, 1, 1, 1, 1, 1};
+  for (int i = 0; i < 8; ++i) put16(40 + 2 * static_cast<size_t>(i), dims[i]);
+  put16(70, 4);                                   // datatype INT16
+  put16(72, 16);                                  // bitpix
+  for (int i = 0; i < 4; ++i) putF(76 + 4 * static_cast<size_t>(i), 1.0f);  // pixdim
+  putF(108, 352.0f);                              // vox_offset
+  std::memcpy(&header[344], "n+1", 4);            // magic
+  header.insert(header.end(), 64, 0);             // a few voxels
+  const std::string path = dir.file("big.nii.gz");
+  gzFile gz = gzopen(path.c_str(), "wb");
+  ASSERT_NE(gz, nullptr);
+  ASSERT_EQ(gzwrite(gz, header.data(), static_cast<unsigned>(header.size())), static_cast<int>(header.size()));
+  gzclose(gz);
+  testing::internal::CaptureStderr();
+  PcdRawVolumeData* v = ReadNiftiVolumeFile(path.c_str(), nullptr, nullptr);
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(v, nullptr);
+  if (v != nullptr) PCD_DeleteRawVolumeData(v);
+  EXPECT_NE(said.find("is truncated: 800000000 voxel bytes announced"), std::string::npos) << said;
+}
+
+// Voxel sizes go to pixdim[1..3] in x, y, z order and come back as the geometry's sizes.
+TEST(NiftiHeader, VoxelSizesTravelPerAxis) {
+  TempDir dir;
+  const PcdIntSize4D size{2, 2, 2, 1};
+  const int32_t type = SINT16, format = PCD_MONOCHROME, channel = 0;
+  PcdRawVolumeData* v = PCD_NewRawVolumeData(&size, &type, &format);
+  PcdWorldGeometry g{};
+  PCD_SetDefaultWorldGeometry(&g, 1.0f);
+  const float sizes[3] = {2.0f, 2.5f, 3.0f};
+  for (int i = 0; i < 3; ++i) g.voxelSize[i] = sizes[i], g.voxelToWorld[i][i] = sizes[i];
+  ASSERT_EQ(WriteNiftiChannels(v, &channel, 1, &g, dir.file("v.nii").c_str()), 0);
+  PCD_DeleteRawVolumeData(v);
+  const std::vector<uint8_t> bytes = quorix_test::ReadFileBytes(dir.file("v.nii"));
+  ASSERT_GE(bytes.size(), 348u);
+  for (int i = 0; i < 3; ++i) {
+    float pixdim = 0.0f;
+    std::memcpy(&pixdim, &bytes[80 + 4 * static_cast<size_t>(i)], 4);  // pixdim[1 + i]
+    EXPECT_EQ(pixdim, sizes[i]) << i;
+  }
+  PcdWorldGeometry back{};
+  v = ReadNiftiVolumeFile(dir.file("v.nii").c_str(), &back, nullptr);
+  ASSERT_NE(v, nullptr);
+  PCD_DeleteRawVolumeData(v);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(back.voxelSize[i], sizes[i]) << i;
+    EXPECT_EQ(back.voxelToWorld[i][i], sizes[i]) << i;
   }
 }
 

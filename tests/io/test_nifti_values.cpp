@@ -94,6 +94,9 @@ TEST(NiftiValues, WholeNumbersKeptOthersRescaledNonFiniteZero) {
   EXPECT_EQ(ReadBack<float>(FLOAT32, {3.0f, -7.0f, 32767.0f, -32768.0f}, &said),
             (std::vector<int16_t>{3, -7, 32767, -32768}));
   EXPECT_EQ(said, "");
+  // -32769 does not fit: factor 32767 / 32769; 1 -> 0.99994 -> 1, 2 -> 1.99988 -> 2
+  EXPECT_EQ(ReadBack<float>(FLOAT32, {-32769.0f, 0.0f, 1.0f, 2.0f}, &said),
+            (std::vector<int16_t>{-32767, 0, 1, 2}));
   // 32768 does not fit: factor 32767 / 32768; 16384 -> 16383.5 -> 16384
   EXPECT_EQ(ReadBack<float>(FLOAT32, {32768.0f, 16384.0f, 0.0f, -32768.0f}, &said),
             (std::vector<int16_t>{32767, 16384, 0, -32767}));
