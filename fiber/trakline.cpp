@@ -1,6 +1,11 @@
 #include "fiber/trakline.h"
 
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cstdint>
 #include <cstdio>
+#include <new>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -32,13 +37,107 @@ int16_t* OwnMarks(const PcdTrakLineBuffer* line, int s) {
   return reinterpret_cast<int16_t*>(OwnArray(line, 6)) + static_cast<size_t>(s) * Slots(line);
 }
 
+// Lines come from slabs of one huge page each, a slab per thread at a time, instead of
+// the allocator's heap: tracking makes two lines per seed on its worker threads, where
+// the allocator grows its heaps a page at a time with a system call each, and every
+// fresh page costs a fault of its own. Every line has a word before it naming its slab
+// (null: the line came from malloc). A slab is unmapped when its last line is deleted
+// and no thread takes lines from it any more. Under AddressSanitizer lines come from
+// malloc, so that running past an array is still caught.
+#if defined(__SANITIZE_ADDRESS__)
+#define PCD_LINE_SLABS 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define PCD_LINE_SLABS 0
+#endif
+#endif
+#ifndef PCD_LINE_SLABS
+#define PCD_LINE_SLABS 1
+#endif
+
+constexpr size_t kLineHeader = 16;
+
+struct LineSlab {
+  std::atomic<int32_t> users;  // its lines, and 1 while it is a thread's current slab
+  size_t used;                 // bytes handed out, written by its thread only
+};
+
+constexpr size_t kSlabBytes = size_t{2} << 20;
+
+void ReleaseSlab(LineSlab* slab) {
+  if (slab->users.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    slab->~LineSlab();
+    munmap(slab, kSlabBytes);
+  }
+}
+
+#if PCD_LINE_SLABS
+LineSlab* NewSlab() {
+  void* raw = mmap(nullptr, 2 * kSlabBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (raw == MAP_FAILED) return nullptr;
+  const auto start = reinterpret_cast<uintptr_t>(raw);
+  const uintptr_t aligned = (start + kSlabBytes - 1) / kSlabBytes * kSlabBytes;
+  if (aligned > start) munmap(raw, aligned - start);
+  if (start + 2 * kSlabBytes > aligned + kSlabBytes)
+    munmap(reinterpret_cast<void*>(aligned + kSlabBytes), start + 2 * kSlabBytes - aligned - kSlabBytes);
+#ifdef MADV_HUGEPAGE
+  madvise(reinterpret_cast<void*>(aligned), kSlabBytes, MADV_HUGEPAGE);
+#endif
+  auto* slab = new (reinterpret_cast<void*>(aligned)) LineSlab;
+  slab->users.store(1, std::memory_order_relaxed);
+  slab->used = (sizeof(LineSlab) + 15) / 16 * 16;
+  return slab;
+}
+
+struct CurrentSlab {
+  LineSlab* slab = nullptr;
+  ~CurrentSlab() {
+    if (slab != nullptr) ReleaseSlab(slab);
+  }
+};
+thread_local CurrentSlab currentSlab;
+#endif
+
+void* AllocateLine(size_t bytes) {
+  const size_t need = (kLineHeader + bytes + 15) / 16 * 16;
+#if PCD_LINE_SLABS
+  if (need <= kSlabBytes / 8) {
+    LineSlab*& slab = currentSlab.slab;
+    if (slab == nullptr || slab->used + need > kSlabBytes) {
+      if (slab != nullptr) ReleaseSlab(slab);
+      slab = NewSlab();
+    }
+    if (slab != nullptr) {
+      uint8_t* at = reinterpret_cast<uint8_t*>(slab) + slab->used;
+      slab->used += need;
+      slab->users.fetch_add(1, std::memory_order_relaxed);
+      *reinterpret_cast<LineSlab**>(at) = slab;
+      return at + kLineHeader;
+    }
+  }
+#endif
+  auto* at = static_cast<uint8_t*>(std::malloc(need));
+  if (at == nullptr) return nullptr;
+  *reinterpret_cast<LineSlab**>(at) = nullptr;
+  return at + kLineHeader;
+}
+
+void FreeLine(void* line) {
+  uint8_t* at = static_cast<uint8_t*>(line) - kLineHeader;
+  LineSlab* slab = *reinterpret_cast<LineSlab**>(at);
+  if (slab != nullptr)
+    ReleaseSlab(slab);
+  else
+    std::free(at);
+}
+
 }  // namespace
 
 PcdTrakLineBuffer* new_trakline_buffer(int capacity) {
   if (capacity > 32767) capacity = 32767;  // nodes are counted in 16 bits
   const size_t slots = static_cast<size_t>(capacity > 0 ? capacity : 1);
   auto* line = static_cast<PcdTrakLineBuffer*>(
-      std::malloc(kArraysStart + 6 * slots * sizeof(float) + kPcdMarkSlots * slots * sizeof(int16_t)));
+      AllocateLine(kArraysStart + 6 * slots * sizeof(float) + kPcdMarkSlots * slots * sizeof(int16_t)));
   if (line == nullptr) return nullptr;
   line->nodeCount = 0;
   line->capacity = static_cast<int16_t>(capacity);
@@ -55,7 +154,7 @@ void delete_trakline_buffer(PcdTrakLineBuffer* line) {
     if (arrays[k] != OwnArray(line, k)) std::free(const_cast<float*>(arrays[k]));
   for (int s = 0; s < kPcdMarkSlots; ++s)
     if (line->markArrays[s] != OwnMarks(line, s)) std::free(line->markArrays[s]);
-  std::free(line);
+  FreeLine(line);
 }
 
 PcdTrakLineBuffer* get_packed_trakline_buffer_of(const PcdTrakLineBuffer* work) {

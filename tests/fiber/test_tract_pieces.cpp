@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fiber/trakline.h"
@@ -131,6 +132,37 @@ TEST(TrakLineBlock, ArraysPutInAfterCreationAreReleasedWithTheLine) {
   PcdTrakLineBuffer* empty = new_trakline_buffer(0);
   empty->x[0] = empty->L3[0] = 1.0f;
   delete_trakline_buffer(empty);
+}
+
+TEST(TrakLineBlock, LinesMadeOnManyThreadsOutliveThemAndKeepTheirValues) {
+  // enough lines to fill several of a thread's blocks of lines, made on three threads that
+  // end before the lines are read and deleted, in an order of their own
+  constexpr int kPerThread = 3000;
+  std::vector<PcdTrakLineBuffer*> lines(3 * kPerThread);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t)
+    threads.emplace_back([&lines, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        const int k = t * kPerThread + i;
+        PcdTrakLineBuffer* l = new_trakline_buffer(1 + k % 200);
+        for (int n = 0; n < l->capacity; ++n) l->x[n] = l->L3[n] = static_cast<float>(k);
+        l->nodeCount = l->capacity;
+        add_node_mark_to_trakline_buffer(l);
+        l->markArrays[3][l->nodeCount - 1] = static_cast<int16_t>(k);
+        lines[static_cast<size_t>(k)] = l;
+      }
+    });
+  for (std::thread& t : threads) t.join();
+  for (size_t step : {size_t{2}, size_t{1}}) {
+    for (size_t k = step - 1; k < lines.size(); k += 2) {
+      PcdTrakLineBuffer* l = lines[k];
+      ASSERT_EQ(l->capacity, 1 + static_cast<int>(k) % 200);
+      ASSERT_EQ(l->x[0], static_cast<float>(k));
+      ASSERT_EQ(l->L3[l->capacity - 1], static_cast<float>(k));
+      ASSERT_EQ(l->markArrays[3][l->nodeCount - 1], static_cast<int16_t>(k));
+      delete_trakline_buffer(l);
+    }
+  }
 }
 
 }  // namespace
