@@ -263,6 +263,22 @@ TEST(TensorGrowing, FaMinimumPrunesSeedsAndStopsNeighbours) {
   }
 }
 
+// The angle limit is turned into a cosine with the factor 3.141592 / 180: a neighbour
+// whose principal direction lies just inside the limit joins, just outside it does not.
+TEST(TensorGrowing, TheAngleLimitHoldsToItsDegreeFactor) {
+  auto v = Line({Prolate(0), Prolate(10), Prolate(10), Prolate(10), Prolate(10)});
+  const PcdVector3D ea = E1At(v->dti, 1, 1, 1), eb = E1At(v->dti, 2, 1, 1);
+  const double degrees = std::acos(std::fabs(PCD_InnerProduct3D(&ea, &eb))) / 0.01745328888888889;
+  ASSERT_NEAR(degrees, 10.0, 0.1);
+  for (double scale : {1.0005, 0.9995}) {
+    Mask mask(7, 3, 3);
+    mask.at(1, 1, 1) = 1;
+    PcdDtiRegionGrowingContext c = TensorContext(mask, 0.2f, static_cast<float>(degrees * scale), 1);
+    Grow(v->dti, &c);
+    EXPECT_EQ(LineRegion(mask), scale > 1.0 ? "12" : "1") << scale;
+  }
+}
+
 // With 90 degrees every neighbour of sufficient FA joins, whatever its direction.
 TEST(TensorGrowing, NinetyDegreesAcceptsAnyDirection) {
   auto v = Line({Prolate(0), Prolate(60), Prolate(120), Prolate(45), Prolate(130)});
