@@ -4,7 +4,7 @@
 # SciPy's RBFInterpolator(kernel="linear", degree=1) fitting the same six tensor
 # components on the same control voxels and evaluating them at every voxel, writing the
 # same seven-channel synthetic acquisition. Whole process against whole process, paired
-# round by round; medians and their ratio.
+# round by round; medians of wall and CPU time and their ratios.
 #
 #   bench/rbf_compare.sh [BUILD_DIR] [ROUNDS]      (peers: tools/setup.sh --peers)
 set -euo pipefail
@@ -60,13 +60,25 @@ out.tofile(work + "/peer.raw")
 PY
 q="$batch model $work/ph.nii --control-mask $work/union.nii --seed-box 64,64,30,64,64,30 --threads $threads --field-dump $work/q.raw"
 s="OPENBLAS_NUM_THREADS=$threads $py $work/peer.py $work"
+# wall and CPU seconds (user + system) of one run; on a shared machine the CPU time says
+# more about the work done than the wall time
+timed() {
+  /usr/bin/time -f "%e %U %S" -o "$work/time" bash -c "$1" >/dev/null 2>"$work/last_error" || {
+    echo "Err: failed: $1" >&2; tail -3 "$work/last_error" >&2; return 1; }
+  awk '{printf "%.2f %.2f\n", $1, $2 + $3}' "$work/time"
+}
 echo "quorix: $q"
-tq=""; ts=""
-for ((r = 0; r < rounds; ++r)); do tq+="$(run "$q") "; ts+="$(run "$s") "; done
-mq=$(echo "$tq" | median); ms=$(echo "$ts" | median)
-printf "quorix model --field-dump  median %.2f s  (%s)\n" "$mq" "$tq"
-printf "SciPy RBFInterpolator      median %.2f s  (%s)\n" "$ms" "$ts"
-awk -v a="$mq" -v b="$ms" 'BEGIN {printf "wall-time ratio quorix / SciPy: %.2f\n", a / b}'
+wq=""; cq=""; ws=""; cs=""
+for ((r = 0; r < rounds; ++r)); do
+  read -r w c < <(timed "$q"); wq+="$w "; cq+="$c "
+  echo "round $((r + 1)): quorix wall $w s, CPU $c s"
+  read -r w c < <(timed "$s"); ws+="$w "; cs+="$c "
+  echo "round $((r + 1)): SciPy  wall $w s, CPU $c s"
+done
+mwq=$(echo "$wq" | median); mws=$(echo "$ws" | median); mcq=$(echo "$cq" | median); mcs=$(echo "$cs" | median)
+printf "quorix model --field-dump  median wall %.2f s, CPU %.2f s\n" "$mwq" "$mcq"
+printf "SciPy RBFInterpolator      median wall %.2f s, CPU %.2f s\n" "$mws" "$mcs"
+awk -v a="$mwq" -v b="$mws" -v c="$mcq" -v d="$mcs" 'BEGIN {printf "ratio quorix / SciPy: wall %.2f, CPU %.2f\n", a / b, c / d}'
 $py - "$work" <<'PY'
 import sys, numpy as np
 w = sys.argv[1]

@@ -69,7 +69,7 @@ bool systems_fit_in_memory(int32_t n) {
 // The control volume must cover the data set voxel for voxel with one byte per voxel.
 bool controls_fit(const PcdDtiData* dti, const PcdRawVolumeData* controls) {
   if (controls == nullptr || controls->matrixSize == nullptr || controls->dataType == nullptr ||
-      controls->data == nullptr || controls->data[0] == nullptr || controls->matrixSize->channels < 1) {
+      controls->matrixSize->channels < 1 || controls->data == nullptr || controls->data[0] == nullptr) {
     std::fputs("Err: no control-location volume\n", stderr);
     return false;
   }
@@ -99,7 +99,9 @@ bool reconstruct_interpolator(TensorInterPolator* t, int threads) {
       std::memcpy(to->m[r], from->m[r], sizeof(float) * static_cast<size_t>(from->cols));
     std::memcpy((*component(t, k))->values->data + t->n, t->Dxx->values->data + t->n, 4 * sizeof(float));
   }
-  PcdMatrix* inverse = PCDnumerical_GetInversedMatrixLUThreaded(t->Dxx->matrix, threads);
+  // more threads than cores only add start-up costs (the bytes never depend on the count)
+  const int cores = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+  PcdMatrix* inverse = PCDnumerical_GetInversedMatrixLUThreaded(t->Dxx->matrix, std::min(threads, cores));
   PcdReconstructionWork works[6];
   std::vector<std::thread> running;
   for (int k = 0; k < 6; ++k) {

@@ -1,6 +1,7 @@
 // Fiber modeling through the RBF-interpolated tensor field, on synthetic data sets.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -315,6 +316,34 @@ TEST(FieldDump, SyntheticAcquisitionOfTheInterpolatedField) {
   EXPECT_EQ(quiet.said.find("volume data dumping..."), std::string::npos);
   EXPECT_NE(quiet.said.find("Interpolator OK\nTracking start\n"), std::string::npos);
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), std::filesystem::directory_iterator()), before);
+
+  // in isotropic tissue the default FA bound stops at the seed: no line; with every enable
+  // word 0 nothing stops it before the border or the node limit
+  size_t seedAt = 0;
+  while (!(p.truth.fa[seedAt] == 0 && p.truth.adc[seedAt] == static_cast<float>(tissueAdc))) ++seedAt;
+  const PcdVector3D seed{static_cast<float>(seedAt % static_cast<size_t>(s.x)) + 0.5f,
+                         static_cast<float>(seedAt / static_cast<size_t>(s.x) % static_cast<size_t>(s.y)) + 0.5f,
+                         static_cast<float>(seedAt / static_cast<size_t>(s.x * s.y)) + 0.5f};
+  ModelingRun stopped;
+  stopped.seeds = {seed};
+  stopped.Model(p.dti, tissue.get(), 1);
+  ASSERT_NE(stopped.result, nullptr);
+  EXPECT_EQ(stopped.result->lineCount, 0);
+  ModelingRun unbounded;
+  unbounded.seeds = {seed};
+  PcdDiffusionTensorLimits& l = unbounded.context.limits;
+  l.useFAmin = l.useSoMin = 0;
+  unbounded.context.nodeLimit = 40;
+  unbounded.Model(p.dti, tissue.get(), 1);
+  ASSERT_EQ(unbounded.result->lineCount, 1);
+  for (const PcdTrakLineBuffer* line : {unbounded.result->pairs[0]->forward, unbounded.result->pairs[0]->backward}) {
+    const int last = line->nodeCount - 1;
+    const PcdVector3D end{line->x[last] + (line->x[last] - line->x[std::max(last - 1, 0)]),
+                          line->y[last] + (line->y[last] - line->y[std::max(last - 1, 0)]),
+                          line->z[last] + (line->z[last] - line->z[std::max(last - 1, 0)])};
+    EXPECT_TRUE(line->nodeCount == 40 || check_if_within_volume(&end, p.dti->volume->matrixSize) == 1)
+        << line->nodeCount;
+  }
 }
 
 // Seeds in the straight bundle, the bundle as control region: every node stays in the
