@@ -40,7 +40,8 @@ def main():
          "sequence": False, "pixel_spacing": True}
     o.update(json.loads(sys.argv[2]) if len(sys.argv) > 2 else {})
     os.makedirs(out, exist_ok=True)
-    r, cdir = o["orientation"][:3], o["orientation"][3:]
+    orientation = o["orientation"] or [1, 0, 0, 0, 1, 0]  # null: no orientation element
+    r, cdir = orientation[:3], orientation[3:]
     n = cross(r, cdir)
     study, series = generate_uid(), generate_uid()
     Z, C = o["slices"], o["channels"]
@@ -97,7 +98,8 @@ def main():
         ds.InstanceNumber = str(number)
         pos = [o["origin"][k] + a * o["spacing"] * n[k] for k in range(3)]
         ds.ImagePositionPatient = ["%.4f" % v for v in pos]
-        ds.ImageOrientationPatient = ["%g" % v for v in o["orientation"]]
+        if o["orientation"]:
+            ds.ImageOrientationPatient = ["%g" % v for v in o["orientation"]]
         ds.Rows, ds.Columns = o["y"], o["x"]
         if o["pixel_spacing"]:
             ds.PixelSpacing = ["%g" % o["pixel"], "%g" % o["pixel"]]

@@ -131,6 +131,23 @@ TEST(DicomDirectory, SlicesAreFoundByPositionInBothChannelOrdersAndBothDirection
   }
 }
 
+TEST(DicomDirectory, WithoutOrientationThePatientZAxisDecidesAndDirectionsStayAsTheyAre) {
+  TempDir dir;
+  WRITE_SERIES_OR_SKIP(dir.file("s"), R"({"slices": 3, "channels": 2, "z_direction": -1, "orientation": null,
+      "bvalues": [0, 1000], "directions": [null, [0.48, 0.6, -0.64]]})");
+  Imported in(dir.file("s"));
+  ASSERT_NE(in.volume, nullptr) << in.console;
+  EXPECT_NE(in.console.find("Flip in Z\n"), std::string::npos) << in.console;
+  EXPECT_NE(in.console.find("Warning: no image orientation (0020,0037); gradient directions are taken as the volume's axes\n"),
+            std::string::npos);
+  ExpectWrittenVoxels(in.volume, {0, 1});
+  ASSERT_TRUE(in.series.hasDiffusion);
+  EXPECT_FLOAT_EQ(in.series.directions[1].x, 0.48f);
+  EXPECT_FLOAT_EQ(in.series.directions[1].y, 0.6f);
+  EXPECT_FLOAT_EQ(in.series.directions[1].z, -0.64f);
+  EXPECT_EQ(in.series.geometry.xformCode, 0);  // no world without an orientation
+}
+
 TEST(DicomDirectory, OrderingStopsAtTheFirstMissingInstanceNumber) {
   TempDir dir;
   // five files numbered 1, 2, 4, 5, 6: only 1 and 2 make the volume
@@ -237,7 +254,8 @@ TEST(DicomDirectory, AgreesWithDcm2niixInTheWorld) {
   if (quorix_test::RunCommand("command -v dcm2niix >/dev/null") != 0) GTEST_SKIP() << "dcm2niix is not installed";
   TempDir dir;
   WRITE_SERIES_OR_SKIP(dir.file("s"), R"({"slices": 3, "channels": 7, "x": 5, "y": 4, "order": "channel",
-      "z_direction": -1, "orientation": [0, 0.8, 0.6, 0, -0.6, 0.8], "origin": [5, -7, 11],
+      "z_direction": -1, "orientation": [0.666667, 0.666667, 0.333333, -0.666667, 0.333333, 0.666667],
+      "origin": [5, -7, 11],
       "bvalues": [0, 1000, 1000, 1000, 1000, 1000, 1000],
       "directions": [null, [1, 0, 0], [0, 1, 0], [0, 0, 1], [0.6, 0.8, 0], [0, 0.6, 0.8], [0.8, 0, 0.6]]})");
   Imported ours(dir.file("s"));
@@ -345,6 +363,18 @@ TEST(DicomDirectory, ForeignTruncatedAndGarbageFilesGiveClearLines) {
     EXPECT_EQ(in.volume, nullptr) << keep;
   }
 
+  // a slice of another matrix (same columns, more rows) is refused, not read as this one's
+  quorix_test::WriteFileBytes(first, whole);
+  WRITE_SERIES_OR_SKIP(dir.file("taller"), R"({"slices": 2, "y": 5})");
+  std::filesystem::copy_file(dir.file("taller") + "/IM01007", d + "IM01007",
+                             std::filesystem::copy_options::overwrite_existing);
+  {
+    Imported in(d);
+    EXPECT_EQ(in.volume, nullptr);
+    EXPECT_NE(in.console.find("Err: " + d + "IM01007 cannot be read: its matrix differs from the first file's\n"),
+              std::string::npos) << in.console;
+  }
+
   // an empty directory and one that does not exist: zero files, refused
   std::filesystem::create_directory(dir.file("none"));
   for (const std::string& empty : {dir.file("none"), dir.file("missing")}) {
@@ -391,6 +421,7 @@ TEST(DicomDirectory, ResamplingKeepsSlicesAtRatioOneAndBlendsNeighboursOtherwise
   EXPECT_EQ(static_cast<int16_t*>(half->data[0])[2], 32767);
 
   for (double bad : {0.0, -1.0, double{NAN}, double{INFINITY}, 40000.0}) EXPECT_EQ(PCD_ResampleDicomVolumeInZ(v, bad), nullptr) << bad;
+  EXPECT_EQ(PCD_ResampleDicomVolumeInZ(nullptr, 1.0), nullptr);
   PCD_DeleteRawVolumeData(half);
   PCD_DeleteRawVolumeData(v);
 }
