@@ -249,3 +249,20 @@ TEST(WorkSessionFile, ARefusedFileLeavesTheSessionAsItWas) {
             "Err: failed to fopen(" + dir.file("none.qws") + ")\n");
   EXPECT_TRUE(unchanged());
 }
+
+TEST(WorkSessionFile, NothingIsWrittenWithoutADataSet) {
+  TempDir dir;
+  PcdWorkSession empty;
+  PCD_NewRoiObject(&empty.rois, PCD_ROI_SPHERICAL, nullptr);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(WriteWorkSessionFile(&empty, dir.file("n.qws").c_str()), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Err: no data set that a work session file can hold\n");
+  EXPECT_TRUE(ReadFileBytes(dir.file("n.qws")).empty());
+  PcdWorkSession session;
+  GivePhantom(&session, 3);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(WriteWorkSessionFile(&session, (dir.file("no/such/dir") + "/s.qws").c_str()), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Err: failed to fopen(" + dir.file("no/such/dir") + "/s.qws)\n");
+}
