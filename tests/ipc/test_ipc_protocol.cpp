@@ -158,6 +158,58 @@ void CutBoard(const std::string& name, off_t size) {
   close(fd);
 }
 
+// A viewer that does not accept the channel: the link reports it, closes its board and
+// disconnects without an unlock; the request cannot be retried on a board that is gone.
+TEST(LinkProtocol, ARefusedChannelEndsTheExchange) {
+  FakePeer peer([](FakePeer& p, const PcdIpcRequest& r) {
+    if (r.type != PCDipc_REQUEST_TYPE_DOWNLOAD_VOLUMEDATA) return p.Serve(r);
+    p.mb.SetWord(kPcdIpcAcceptedOffset, PCDipc_REQUEST_TYPE_UNLOCK_VOLUMEDATA);  // not this request
+    p.mb.SetWord(0, PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED);
+  });
+  Client client(peer.number, 3000);
+  ASSERT_TRUE(client.ok);
+  const PcdIntSize4D size{2, 1, 1, 1};
+  const int32_t type = SINT16, format = 0;
+  PcdRawVolumeData* v = PCD_NewRawVolumeData(&size, &type, &format);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PCDipc_SendChannelToViewer(v, 0), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "PCDipc_SendRequest(PCDipc_REQUEST_TYPE_DOWNLOAD_VOLUMEDATA): Error\n");
+  const std::vector<int32_t> expected = {PCDipc_REQUEST_TYPE_CONNECTION, PCDipc_REQUEST_TYPE_LOCK_VOLUMEDATA,
+                                         PCDipc_REQUEST_TYPE_DOWNLOAD_VOLUMEDATA, PCDipc_REQUEST_TYPE_DISCONNECTION};
+  EXPECT_EQ(peer.Taken(), expected);
+  EXPECT_FALSE(quorix_test::SharedMemoryExists(PCDipc_BoardName("PCD_IPC_DB", peer.number)));
+  PCD_DeleteRawVolumeData(v);
+}
+
+// A viewer that never reads the group: -1 after the message, and the board is taken back.
+TEST(LinkProtocol, AnObjectGroupNobodyReads) {
+  FakePeer peer([](FakePeer& p, const PcdIpcRequest& r) {
+    if (r.type != PCDipc_REQUEST_TYPE_DOWNLOAD_OBJECT_GROUP) p.Serve(r);
+  });
+  Client client(peer.number, 3000);
+  ASSERT_TRUE(client.ok);
+  PcdObjectGroup empty;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PCDipc_SendObjectGroupTo(&empty, 4), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Missed <PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED>\n");
+  EXPECT_FALSE(quorix_test::SharedMemoryExists(PCDipc_BoardName("PCD_IPC_DB", peer.number)));
+  EXPECT_EQ(peer.Taken(), std::vector<int32_t>{PCDipc_REQUEST_TYPE_DOWNLOAD_OBJECT_GROUP});
+}
+
+// The parameter block has 116 words: indexes outside it are neither written nor read.
+TEST(LinkProtocol, ParameterWordsOutsideTheBlock) {
+  for (int i = 0; i < 116; ++i) PCDipc_SetParameterWord(i, 1000 + i);
+  PCDipc_SetParameterWord(116, 5);
+  PCDipc_SetParameterWord(-1, 5);
+  EXPECT_EQ(PCDipc_GetParameterWord(115), 1115);
+  EXPECT_EQ(PCDipc_GetParameterWord(0), 1000);
+  EXPECT_EQ(PCDipc_GetParameterWord(116), 0);
+  EXPECT_EQ(PCDipc_GetParameterWord(-1), 0);
+  PCDipc_SetParameterFloat(1, 0.5f);
+  EXPECT_EQ(PCDipc_GetParameterWord(1), 0x3F000000);
+}
+
 TEST(LinkProtocol, WaitsGiveUpOnBoardsTooSmallToRead) {
   FakePeer peer;
   Client client(peer.number, 2000);

@@ -139,9 +139,24 @@ struct Server {
     mb.SetWord(kPcdIpcAcceptedOffset, type);
     Message(PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED);
   }
-  // Leaves the acceptance on MB long enough for a polling client to see it before a
-  // later message replaces it.
-  void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(options.acceptPauseMs)); }
+  // Leaves the acceptance on MB until the client has seen it, before a later message
+  // replaces it: a client waiting for it writes its request again and again until it
+  // sees it, so the acceptance stays until RB has stayed quiet for the accept pause (at
+  // most two seconds). On a busy machine a fixed pause was missed, and the client then
+  // waited out its whole retry limit.
+  void Pause() {
+    using namespace std::chrono;
+    const auto start = steady_clock::now();
+    auto quietSince = start;
+    const auto quiet = milliseconds(options.acceptPauseMs);
+    for (auto now = start; now - quietSince < quiet && now - start < seconds(2); now = steady_clock::now()) {
+      if (rb.Word(kPcdIpcTypeOffset) == lastType) {
+        rb.SetWord(kPcdIpcTypeOffset, 0);
+        quietSince = now;
+      }
+      std::this_thread::sleep_for(microseconds(200));
+    }
+  }
 
   void CloseOwnDataBoard() {
     if (dbOwned) shm_unlink(dbName.c_str());
