@@ -41,6 +41,7 @@ struct PcdByteReader {
     return p ? static_cast<uint16_t>(p[0] | (p[1] << 8)) : 0;
   }
   void Bytes(void* out, size_t n) {
+    if (n == 0) return;  // an empty record may hand over no buffer at all
     const uint8_t* p = Take(n);
     if (p) std::memcpy(out, p, n);
     else std::memset(out, 0, n);
