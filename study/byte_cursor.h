@@ -65,6 +65,7 @@ struct PcdByteWriter {
     at += 2;
   }
   void Bytes(const void* p, size_t n) {
+    if (n == 0) return;  // an empty record may have no buffer to copy from
     std::memcpy(at, p, n);
     at += n;
   }
