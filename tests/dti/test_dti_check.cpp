@@ -50,14 +50,18 @@ struct CheckedSet {
 
 // Every byte the check could touch: the record and each channel block.
 std::vector<uint8_t> Snapshot(const PcdDtiData* dti) {
-  std::vector<uint8_t> bytes(reinterpret_cast<const uint8_t*>(dti),
-                             reinterpret_cast<const uint8_t*>(dti) + sizeof *dti);
+  std::vector<uint8_t> bytes;
+  const auto append = [&bytes](const void* from, size_t n) {
+    const size_t at = bytes.size();
+    bytes.resize(at + n);
+    if (n > 0) std::memcpy(bytes.data() + at, from, n);
+  };
+  append(dti, sizeof *dti);
   const PcdRawVolumeData* v = dti->volume;
   const PcdIntSize4D* s = v->matrixSize;
-  bytes.insert(bytes.end(), reinterpret_cast<const uint8_t*>(s), reinterpret_cast<const uint8_t*>(s + 1));
+  append(s, sizeof *s);
   for (int32_t c = 0; c < s->channels; ++c) {
-    const auto* block = static_cast<const uint8_t*>(v->data[c]);
-    bytes.insert(bytes.end(), block, block + PCD_GetNumberOfVoxels(v) * PCD_SizeOfDataType(v->dataType[c]));
+    append(v->data[c], static_cast<size_t>(PCD_GetNumberOfVoxels(v) * PCD_SizeOfDataType(v->dataType[c])));
     bytes.push_back(static_cast<uint8_t>(v->dataType[c]));
     bytes.push_back(static_cast<uint8_t>(v->colorFormat[c]));
   }
