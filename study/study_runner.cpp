@@ -187,3 +187,22 @@ int PCD_RunFiberTrackingStudy(PcdWorkSession* session, PcdStudyObject* study,
   PCDdti_DeleteFibeTrakBuffer(result);
   return 0;
 }
+
+int PCD_RunStudy(PcdWorkSession* session, PcdStudyObject* study, const PcdStudyRunOptions& options) {
+  if (session == nullptr || study == nullptr) return -1;
+  switch (study->type) {
+    case PCD_STUDY_FIBER_TRACKING: {
+      PcdTrackingRunOptions tracking;
+      tracking.dump = options.dump;
+      if (!options.dumpFile.empty()) tracking.dumpFile = options.dumpFile;
+      if (options.drawFibers)
+        tracking.draw = [&](const PcdFibeTrakBuffer* buffer, int drawn) {
+          options.drawFibers(study, buffer, drawn);
+        };
+      return PCD_RunFiberTrackingStudy(session, study, tracking);
+    }
+    default:
+      std::fputs("Err: this kind of study cannot be analysed yet\n", stderr);
+      return -1;
+  }
+}

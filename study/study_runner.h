@@ -66,3 +66,17 @@ struct PcdTrackingRunOptions {
 // result obtained\n").
 int PCD_RunFiberTrackingStudy(PcdWorkSession* session, PcdStudyObject* study,
                               const PcdTrackingRunOptions& options);
+
+// What " Analyze and Display " needs from any runner. An empty dumpFile means the study
+// kind's default name ("fibetrak_dump.txt", "fibemodel_dump.raw").
+struct PcdStudyRunOptions {
+  bool dump = false;
+  std::string dumpFile;
+  // Tracking and modeling results, before they are released, with the drawn-line count.
+  std::function<void(const PcdStudyObject*, const PcdFibeTrakBuffer*, int drawnLines)> drawFibers;
+};
+
+// Runs one study of any kind on the session's data set and writes its summary into the
+// study: the entry point of the desktop program and of the command-line tool. 0, or -1
+// with the reason on the console (the study keeps its earlier summary and status).
+int PCD_RunStudy(PcdWorkSession* session, PcdStudyObject* study, const PcdStudyRunOptions& options);
