@@ -204,4 +204,30 @@ TEST(FiberTrackingRun, AngleLimitUsesTheDegreeFactorAndEndsTheProgressLine) {
   PCDdti_DeleteFibeTrakBuffer(result);
 }
 
+// The anisotropic composition on diagonal tensors, whose eigenvectors are the axes:
+// w = s3 u3 + s2 rb^k u2 + s1 ra^k u1 with s_j = |u_j . p|, normalised, worked out in
+// double; the turning cosine is u1 . p.
+TEST(DirectionRules, AnisotropicCompositionWeighsEachAxisByItsRatioAndExponent) {
+  struct Case {
+    float l1, l2, l3;
+  };
+  for (const Case c : {Case{0.5f, 0.9f, 1.0f}, Case{0.35f, 0.7f, 1.0f}}) {
+    SCOPED_TRACE(c.l2);
+    Tensor k(c.l1, c.l2, c.l3);
+    const double p[3] = {0.48, -0.6, 0.64};  // a unit vector
+    const double ra = c.l1 / c.l3, rb = c.l2 / c.l3;
+    const double e = rb > 0.8 ? 1.0 : static_cast<double>(51.0f - (static_cast<float>(rb) - 0.2f) * 83.33333f);
+    double w[3] = {std::fabs(p[0]) * std::pow(ra, e), std::fabs(p[1]) * std::pow(rb, e), std::fabs(p[2])};
+    // each axis is oriented along p, so the signs of w follow p's
+    for (int i = 0; i < 3; ++i) w[i] = std::copysign(w[i], p[i]);
+    const double norm = std::sqrt(w[0] * w[0] + w[1] * w[1] + w[2] * w[2]);
+    float x = 0, y = 0, z = 0;
+    get_tracking_direction_by_anisotropic_composition(k.t, 0.48f, -0.6f, 0.64f, &x, &y, &z);
+    EXPECT_NEAR(x, w[0] / norm, 1e-5);
+    EXPECT_NEAR(y, w[1] / norm, 1e-5);
+    EXPECT_NEAR(z, w[2] / norm, 1e-5);
+    EXPECT_NEAR(k.t->turningAngle, 0.48, 1e-6);
+  }
+}
+
 }  // namespace

@@ -111,6 +111,21 @@ TEST(RoiList, DuplicateDeleteLockAndStatus) {
   EXPECT_EQ(copy->shape->points[0].x, 1);
   EXPECT_EQ(list.nameCounters[PCD_ROI_FREEHAND], 3);  // the copy used up a name
 
+  // a voxel group's copy carries its painted voxels, in a group of its own
+  PcdRoiList groups;
+  PcdRoiObject* painted = PCD_NewRoiObject(&groups, PCD_ROI_VOXELGROUP, &volume);
+  const PcdIntVector3D origin{1, 2, 0};
+  const PcdIntSize3D groupSize{2, 2, 2};
+  const uint32_t noSecond[3] = {0, 0, 0};
+  painted->voxelGroup = PCD_NewVoxelGroup(&origin, &groupSize, noSecond, kPcdVoxelGroupOneByte);
+  ASSERT_TRUE(painted->voxelGroup && painted->voxelGroup->data.size() > 3);
+  painted->voxelGroup->data[3] = 1;
+  PcdRoiObject* paintedCopy = PCD_DuplicateSelectedRoiObject(&groups, &volume);
+  ASSERT_TRUE(paintedCopy && paintedCopy->voxelGroup);
+  EXPECT_EQ(paintedCopy->voxelGroup->data, painted->voxelGroup->data);
+  painted->voxelGroup->data[3] = 0;
+  EXPECT_EQ(paintedCopy->voxelGroup->data[3], 1);
+
   // a locked ROI cannot be deleted
   list.selectedId = second->id;
   testing::internal::CaptureStderr();

@@ -229,4 +229,39 @@ TEST(ChannelUtilities, ThresholdingAndConversionRoundTripBinaryValues) {
   EXPECT_EQ(w->dataType[0], UINT8);
 }
 
+// Clamping lands on each integer type's own ends: values just past them and far past them
+// (a float channel holds both) become the type's smallest and largest values.
+TEST(ChannelUtilities, ClampingStopsAtEveryIntegerTypesEnds) {
+  struct Case {
+    int32_t type;
+    double lo, hi;
+  };
+  const Case cases[] = {{UINT8, 0, 255},           {SINT8, -128, 127},
+                        {UINT16, 0, 65535},        {SINT16, -32768, 32767},
+                        {UINT32, 0, 4294967295.0}, {SINT32, -2147483648.0, 2147483647.0}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.type);
+    Volume v = MakeVolume(2, 2, 1, {FLOAT64});
+    double* b = Block<double>(v, 0);
+    b[0] = c.hi + 1.0;
+    b[1] = c.lo - 1.0;
+    b[2] = 1e12;
+    b[3] = -1e12;
+    ASSERT_EQ(PCD_ConvertChannelDataType(v.get(), 0, c.type, PCD_CONVERT_CLAMP, 0, 0), 0);
+    for (int i = 0; i < 4; ++i) {
+      const double want = i % 2 == 0 ? c.hi : c.lo;
+      double got = 0;
+      switch (c.type) {
+        case UINT8: got = Block<uint8_t>(v, 0)[i]; break;
+        case SINT8: got = Block<int8_t>(v, 0)[i]; break;
+        case UINT16: got = Block<uint16_t>(v, 0)[i]; break;
+        case SINT16: got = Block<int16_t>(v, 0)[i]; break;
+        case UINT32: got = Block<uint32_t>(v, 0)[i]; break;
+        default: got = Block<int32_t>(v, 0)[i]; break;
+      }
+      EXPECT_EQ(got, want) << i;
+    }
+  }
+}
+
 }  // namespace
