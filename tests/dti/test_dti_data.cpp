@@ -10,6 +10,7 @@
 #include "dti/dti_data.h"
 #include "dti/gradient_vectors.h"
 #include "vol/serialize.h"
+#include "support/test_support.h"
 
 namespace {
 
@@ -209,8 +210,7 @@ TEST(DtiRecord, CheckedReaderRefusesTruncatedAndLyingBuffers) {
   EXPECT_EQ(back.isReady, 0);
   PCD_DeleteRawVolumeData(back.volume);
   const std::string said = testing::internal::GetCapturedStderr();
-  EXPECT_NE(said.find("Warning: volume=NULL? (PCDdti_GetDiffusionTensorImageDataFromSerializedData)\n"),
-            std::string::npos);
+  EXPECT_TRUE(quorix_test::HasLine(said, "Warning: volume=NULL? (PCDdti_GetDiffusionTensorImageDataFromSerializedData)\n"));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "fiber/tracking.h"
 #include "vol/raw_volume.h"
+#include "support/test_support.h"
 
 namespace {
 

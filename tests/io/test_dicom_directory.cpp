@@ -121,7 +121,7 @@ TEST(DicomDirectory, SlicesAreFoundByPositionInBothChannelOrdersAndBothDirection
                                   order + R"(", "z_direction": )" + std::to_string(zDirection) + "}");
       Imported in(d);
       ASSERT_NE(in.volume, nullptr) << in.console;
-      EXPECT_NE(in.console.find("Number of channels: 3\nRecognized volume: 5 x 2 x 4 x 3\n"), std::string::npos)
+      EXPECT_TRUE(quorix_test::HasLine(in.console, "Number of channels: 3\nRecognized volume: 5 x 2 x 4 x 3\n"))
           << in.console;
       EXPECT_EQ(in.console.find("Flip in Z\n") != std::string::npos, zDirection < 0) << in.console;
       ExpectWrittenVoxels(in.volume, {0, 1, 2});
@@ -137,9 +137,8 @@ TEST(DicomDirectory, WithoutOrientationThePatientZAxisDecidesAndDirectionsStayAs
       "bvalues": [0, 1000], "directions": [null, [0.48, 0.6, -0.64]]})");
   Imported in(dir.file("s"));
   ASSERT_NE(in.volume, nullptr) << in.console;
-  EXPECT_NE(in.console.find("Flip in Z\n"), std::string::npos) << in.console;
-  EXPECT_NE(in.console.find("Warning: no image orientation (0020,0037); gradient directions are taken as the volume's axes\n"),
-            std::string::npos);
+  EXPECT_TRUE(quorix_test::HasLine(in.console, "Flip in Z\n")) << in.console;
+  EXPECT_TRUE(quorix_test::HasLine(in.console, "Warning: no image orientation (0020,0037); gradient directions are taken as the volume's axes\n"));
   ExpectWrittenVoxels(in.volume, {0, 1});
   ASSERT_TRUE(in.series.hasDiffusion);
   EXPECT_FLOAT_EQ(in.series.directions[1].x, 0.48f);
@@ -154,10 +153,9 @@ TEST(DicomDirectory, OrderingStopsAtTheFirstMissingInstanceNumber) {
   WRITE_SERIES_OR_SKIP(dir.file("s"), R"({"slices": 5, "skip_instance": 3})");
   Imported in(dir.file("s"));
   ASSERT_NE(in.volume, nullptr) << in.console;
-  EXPECT_NE(in.console.find("Found 5 files\n"), std::string::npos);
-  EXPECT_NE(in.console.find("Warning: instance number 3 is missing; the 3 files after it are not used\n"),
-            std::string::npos);
-  EXPECT_NE(in.console.find("Recognized volume: 4 x 3 x 2 x 1\n"), std::string::npos) << in.console;
+  EXPECT_TRUE(quorix_test::HasLine(in.console, "Found 5 files\n"));
+  EXPECT_TRUE(quorix_test::HasLine(in.console, "Warning: instance number 3 is missing; the 3 files after it are not used\n"));
+  EXPECT_TRUE(quorix_test::HasLine(in.console, "Recognized volume: 4 x 3 x 2 x 1\n")) << in.console;
   ExpectWrittenVoxels(in.volume, {0});
 }
 
@@ -193,8 +191,7 @@ TEST(DicomDirectory, DiffusionElementsBuildTheMpgSettingInTheImageAxes) {
       "directions": [[1, 0, 0], [0, 1, 0], null, [0, 0, 1], [0.6, 0.8, 0], [0, 0.6, 0.8], [0.8, 0, 0.6]]})");
   Imported in(dir.file("s"));
   ASSERT_NE(in.volume, nullptr) << in.console;
-  EXPECT_NE(in.console.find("Warning: the 1 b=0 channels were moved in front of the diffusion-weighted ones\n"),
-            std::string::npos);
+  EXPECT_TRUE(quorix_test::HasLine(in.console, "Warning: the 1 b=0 channels were moved in front of the diffusion-weighted ones\n"));
   ExpectWrittenVoxels(in.volume, {2, 0, 1, 3, 4, 5, 6});
   ASSERT_TRUE(in.series.hasDiffusion);
   // worked out by hand: (g.row, g.column, g.normal) with normal = row x column = (-1, 0, 0)
@@ -220,8 +217,7 @@ TEST(DicomDirectory, DiffusionElementsBuildTheMpgSettingInTheImageAxes) {
   Imported partial(dir.file("t"));
   ASSERT_NE(partial.volume, nullptr);
   EXPECT_FALSE(partial.series.hasDiffusion);
-  EXPECT_NE(partial.console.find("Warning: channel 2 has b=1000 but no gradient direction (0018,9089)"),
-            std::string::npos);
+  EXPECT_TRUE(quorix_test::HasLine(partial.console, "Warning: channel 2 has b=1000 but no gradient direction (0018,9089)"));
 }
 
 // (i, j, k) of the voxel at world point w, from the inverse of a geometry's 3x3 part.
@@ -312,8 +308,8 @@ TEST(DicomDirectory, CommandLineToolTakesTheDirectoryAsInput) {
       "directions": [null, [0, 0, 1], [0, 1, 0], [1, 0, 0], [0.6, 0.8, 0], [0, 0.6, 0.8], [0.8, 0, 0.6]]})");
   std::string out;
   ASSERT_EQ(quorix_test::RunCommand(quorix_test::BatchCommandLine("info " + dir.file("s") + "/"), &out), 0) << out;
-  EXPECT_NE(out.find("Kind: DICOM directory\nMatrix: 4 x 3 x 2, 7 channels\nVoxel size: 2 mm\n"), std::string::npos) << out;
-  EXPECT_NE(out.find("   2   b=700.0, g=(0.000, 0.000, 1.000)"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Kind: DICOM directory\nMatrix: 4 x 3 x 2, 7 channels\nVoxel size: 2 mm\n")) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "   2   b=700.0, g=(0.000, 0.000, 1.000)")) << out;
   ASSERT_EQ(quorix_test::RunCommand(quorix_test::BatchCommandLine("convert " + dir.file("s") + " -o " + dir.file("v.raw")), &out), 0) << out;
   PcdRawVolumeData* v = ReadRawVolumeFile(dir.file("v.raw").c_str(), nullptr);
   ASSERT_NE(v, nullptr);
@@ -321,7 +317,7 @@ TEST(DicomDirectory, CommandLineToolTakesTheDirectoryAsInput) {
   PCD_DeleteRawVolumeData(v);
   std::filesystem::create_directory(dir.file("empty"));
   EXPECT_EQ(quorix_test::RunCommand(quorix_test::BatchCommandLine("info " + dir.file("empty")), &out), 1);
-  EXPECT_NE(out.find("Err: cannot import the DICOM directory"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Err: cannot import the DICOM directory")) << out;
 }
 
 TEST(DicomDirectory, ForeignTruncatedAndGarbageFilesGiveClearLines) {
@@ -340,11 +336,11 @@ TEST(DicomDirectory, ForeignTruncatedAndGarbageFilesGiveClearLines) {
   {
     Imported in(d);
     ASSERT_NE(in.volume, nullptr) << in.console;
-    EXPECT_NE(in.console.find("Found 6 files\n"), std::string::npos) << in.console;
+    EXPECT_TRUE(quorix_test::HasLine(in.console, "Found 6 files\n")) << in.console;
     for (const char* name : {"README.txt", "empty", "garbage.bin", "zeros"})
       EXPECT_NE(in.console.find(std::string("Warning: ") + d + name + " has no instance number (not a DICOM image); skipped\n"),
                 std::string::npos) << name << in.console;
-    EXPECT_NE(in.console.find("Invalid pair of group ID and element ID\n"), std::string::npos);
+    EXPECT_TRUE(quorix_test::HasLine(in.console, "Invalid pair of group ID and element ID\n"));
     ExpectWrittenVoxels(in.volume, {0});
   }
 
@@ -355,7 +351,7 @@ TEST(DicomDirectory, ForeignTruncatedAndGarbageFilesGiveClearLines) {
   {
     Imported in(d);
     EXPECT_EQ(in.volume, nullptr);
-    EXPECT_NE(in.console.find("Err: "), std::string::npos) << in.console;
+    EXPECT_TRUE(quorix_test::HasLine(in.console, "Err: ")) << in.console;
   }
   for (size_t keep : {size_t{0}, size_t{100}, size_t{140}, whole.size() / 2}) {
     quorix_test::WriteFileBytes(first, std::vector<uint8_t>(whole.begin(), whole.begin() + keep));
@@ -380,7 +376,7 @@ TEST(DicomDirectory, ForeignTruncatedAndGarbageFilesGiveClearLines) {
   for (const std::string& empty : {dir.file("none"), dir.file("missing")}) {
     Imported in(empty);
     EXPECT_EQ(in.volume, nullptr);
-    EXPECT_NE(in.console.find("Found 0 files\nErr: no DICOM image numbered 1 in "), std::string::npos) << in.console;
+    EXPECT_TRUE(quorix_test::HasLine(in.console, "Found 0 files\nErr: no DICOM image numbered 1 in ")) << in.console;
   }
 }
 

@@ -61,7 +61,7 @@ TEST(DtiFile, MagicThenTheSerializedRecordAndBack) {
   PcdDtiData* back = ReadDtiFile(dir.file("a.dti").c_str(), &info);
   const std::string said = testing::internal::GetCapturedStderr();
   ASSERT_NE(back, nullptr);
-  EXPECT_NE(said.find("Notice: just creating DTI data with NULL volume\n"), std::string::npos);
+  EXPECT_TRUE(quorix_test::HasLine(said, "Notice: just creating DTI data with NULL volume\n"));
   EXPECT_EQ(info, "Data Source: DTI file\nFile name: " + dir.file("a.dti") + "\n");
   EXPECT_EQ(back->isReady, 1);
   EXPECT_EQ(back->reserved, 1.75f);
@@ -110,7 +110,7 @@ TEST(MpgFile, WrittenFileReadsBackWithoutRotation) {
   EXPECT_EQ(text.rfind("#Quorix-II MPG description file (not used in earlier Quorix)\n"
                        "1.0 0.0 0.0\n0.0 1.0 0.0\n8\n2\n0.000000 0.000000 0.000000 0.000000\n", 0),
             0u);
-  EXPECT_NE(text.find("1000.000000 0.707000 0.000000 0.707000\n"), std::string::npos);
+  EXPECT_TRUE(quorix_test::HasLine(text, "1000.000000 0.707000 0.000000 0.707000\n"));
 
   DataSet e(9, 8);
   testing::internal::CaptureStderr();
@@ -253,7 +253,7 @@ TEST(Nifti, DamagedImagesAndGradientFilesAreRefused) {
   quorix_test::WriteFileText(dir.file("dwi.bval"), "0 1000 1000\n");  // too few values
   EXPECT_EQ(ReadNiftiDwiFile(path.c_str(), nullptr, nullptr, &read, &info), nullptr);
   const std::string said = testing::internal::GetCapturedStderr();
-  EXPECT_NE(said.find("Err: "), std::string::npos);
+  EXPECT_TRUE(quorix_test::HasLine(said, "Err: "));
 }
 
 }  // namespace

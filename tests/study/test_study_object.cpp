@@ -6,6 +6,7 @@
 
 #include "study/byte_builder.h"
 #include "study/study_object.h"
+#include "support/test_support.h"
 
 using quorix_test::ByteBuilder;
 
@@ -212,8 +213,8 @@ TEST(StudySerialization, RefusesWhatDoesNotFitItsType) {
   longer.push_back(0);
   EXPECT_EQ(PCD_NewStudyObjectFromSerializedData(longer.data(), longer.size()), nullptr);
   const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_NE(err.find("Err: Invalid study object type\n"), std::string::npos);
-  EXPECT_NE(err.find("Err: study object: settings of 572 bytes, 228 expected\n"), std::string::npos);
+  EXPECT_TRUE(quorix_test::HasLine(err, "Err: Invalid study object type\n"));
+  EXPECT_TRUE(quorix_test::HasLine(err, "Err: study object: settings of 572 bytes, 228 expected\n"));
 
   PcdStudyObject* bad = new_study_object(PCD_STUDY_FIBER_TRACKING);
   bad->type = 9;

@@ -29,6 +29,14 @@ class TempDir {
 std::vector<uint8_t> ReadFileBytes(const std::string& path);
 void WriteFileBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 std::string ReadFileText(const std::string& path);
+
+// Whether text holds line as the start of one of its lines (at the start, or after a line
+// break or a carriage return): a message with something put in front of it does not pass.
+inline bool HasLine(const std::string& text, const std::string& line) {
+  for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
+    if (at == 0 || text[at - 1] == '\n' || text[at - 1] == '\r') return true;
+  return false;
+}
 void WriteFileText(const std::string& path, const std::string& text);
 
 // Path of an executable built next to the tests (quorix-batch, pellucid-server, ...).

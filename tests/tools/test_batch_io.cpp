@@ -52,11 +52,11 @@ TEST(BatchIo, InfoAppliesTheSingleSoDefaultThenTheMpgFile) {
   WriteSevenChannelVolume(raw);
   std::string out;
   ASSERT_EQ(RunCommand(Batch("info " + raw), &out), 0) << out;
-  EXPECT_NE(out.find("Matrix: 4 x 3 x 2, 8 channels"), std::string::npos) << out;
-  EXPECT_NE(out.find("Channel 6: SINT16\n"), std::string::npos) << out;
-  EXPECT_NE(out.find("Channel 7: UINT32 RGBA\n"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Matrix: 4 x 3 x 2, 8 channels")) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Channel 6: SINT16\n")) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Channel 7: UINT32 RGBA\n")) << out;
   EXPECT_NE(out.find("carries no voxel size; 1.0 mm is used"), std::string::npos) << out;
-  EXPECT_NE(out.find("Voxel size: 1 mm"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Voxel size: 1 mm")) << out;
 
   // --voxel-size silences the warning; the MPG file written by convert reads back
   // without any rotation
@@ -67,13 +67,13 @@ TEST(BatchIo, InfoAppliesTheSingleSoDefaultThenTheMpgFile) {
             0) << out;
   EXPECT_EQ(out.find("voxel size"), std::string::npos) << out;
   EXPECT_EQ(out.find("rotated"), std::string::npos) << out;
-  EXPECT_NE(out.find("Voxel size: 2.5 mm"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Voxel size: 2.5 mm")) << out;
 
   // a DTI file keeps the voxel size it was written with
   ASSERT_EQ(RunCommand(Batch("convert " + raw + " --voxel-size 2.5 -o " + dir.file("a.dti")), &out),
             0) << out;
   ASSERT_EQ(RunCommand(Batch("info " + dir.file("a.dti")), &out), 0) << out;
-  EXPECT_NE(out.find("Voxel size: 2.5 mm"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Voxel size: 2.5 mm")) << out;
   EXPECT_EQ(out.find("voxel size"), std::string::npos) << out;
   ASSERT_EQ(RunCommand(Batch("convert " + dir.file("a.dti") + " -o " + dir.file("b.raw")), &out),
             0) << out;
@@ -101,7 +101,7 @@ TEST(BatchIo, BadLinesAndBadFilesFail) {
         "convert " + dir.file("junk.dti") + " -o " + dir.file("out.dti"),
         "convert " + raw + " --mpg " + dir.file("none.mpg") + " -o " + dir.file("out.dti")}) {
     EXPECT_EQ(RunCommand(Batch(line), &out), kBatchFailed) << line << "\n" << out;
-    EXPECT_NE(out.find("Err: "), std::string::npos) << out;
+    EXPECT_TRUE(quorix_test::HasLine(out, "Err: ")) << out;
     EXPECT_FALSE(std::filesystem::exists(dir.file("out.dti"))) << line;
   }
 }
@@ -254,7 +254,7 @@ TEST(BatchChecks, DtiFilesWhoseSettingDoesNotFit) {
   EXPECT_EQ(RunBatch(dir, "track " + dir.file("flat.dti") + " --seed-box 0,0,0,1,1,0 --tck " +
                               dir.file("flat.tck"), &err), kBatchFailed) << err;
   EXPECT_EQ(err.find("Err: "), err.rfind("Err: ")) << err;
-  EXPECT_NE(err.find("Err: "), std::string::npos) << err;
+  EXPECT_TRUE(quorix_test::HasLine(err, "Err: ")) << err;
   EXPECT_FALSE(std::filesystem::exists(dir.file("flat.tck")));
 
   // the same bytes with fitting counts are accepted: the builder itself is sound

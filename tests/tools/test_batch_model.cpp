@@ -42,9 +42,9 @@ TEST(BatchModel, ModelsFromAControlMaskAndDumpsTheFieldTheSameForAnyThreadCount)
                                " --seed-box 10,15,5,12,16,6 --seeds-per-voxel 2 --threads " + threads +
                                " --field-dump " + field + " --dump " + dump),
                          &out), 0) << out;
-    EXPECT_NE(out.find("Seed Points:   24\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("Tracked Lines:   24\n"), std::string::npos) << out;
-    EXPECT_NE(out.find(">>>>>>>>>>>> 384 control tensors (pitch:1)<<<<<<<<<<<<<\n"), std::string::npos) << out;
+    EXPECT_TRUE(quorix_test::HasLine(out, "Seed Points:   24\n")) << out;
+    EXPECT_TRUE(quorix_test::HasLine(out, "Tracked Lines:   24\n")) << out;
+    EXPECT_TRUE(quorix_test::HasLine(out, ">>>>>>>>>>>> 384 control tensors (pitch:1)<<<<<<<<<<<<<\n")) << out;
     const std::vector<uint8_t> bytes = ReadFileBytes(field);
     EXPECT_EQ(bytes.size(), 32u * 32u * 12u * 7u * 2u);
     if (firstField.empty()) {
@@ -57,16 +57,16 @@ TEST(BatchModel, ModelsFromAControlMaskAndDumpsTheFieldTheSameForAnyThreadCount)
   EXPECT_EQ(RunCommand(Batch("model --help"), &out), 0);
   EXPECT_EQ(out.rfind("Usage: quorix-batch model ", 0), 0u);
   EXPECT_EQ(RunCommand(Batch("model " + stem + ".raw --seed-box 1,1,1,2,2,2"), &out), 2);
-  EXPECT_NE(out.find("Err: model: needs --control-mask"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Err: model: needs --control-mask")) << out;
   WriteBoxMask(dir.file("wide.raw"), 0, 0, 0, 1, 1, 1, 40);
   EXPECT_EQ(RunCommand(Batch("model " + stem + ".raw --control-mask " + dir.file("wide.raw") + " --seed-box 1,1,1,2,2,2"),
                        &out), 1);
-  EXPECT_NE(out.find("Err: the control mask is 40 x 32 x 12, the data set 32 x 32 x 12"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Err: the control mask is 40 x 32 x 12, the data set 32 x 32 x 12")) << out;
   // no control voxel: no field, status 1
   WriteBoxMask(dir.file("none.raw"), 0, 0, 0, -1, -1, -1);
   EXPECT_EQ(RunCommand(Batch("model " + stem + ".raw --control-mask " + dir.file("none.raw") + " --seed-box 1,1,1,2,2,2"),
                        &out), 1);
-  EXPECT_NE(out.find("Control voxel NOT found\nWARNING: Tensor field is NOT created\n"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Control voxel NOT found\nWARNING: Tensor field is NOT created\n")) << out;
 }
 
 }  // namespace

@@ -86,7 +86,7 @@ TEST(BatchSession, InfoListsTheDataSetEveryRoiAndEveryStudy) {
     EXPECT_NE(out.find(line), std::string::npos) << line << "\n--- in ---\n" << out;
 
   EXPECT_EQ(RunCommand(Batch("session show " + session), &out), 2);
-  EXPECT_NE(out.find("Err: session: unknown subcommand 'show'"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "Err: session: unknown subcommand 'show'")) << out;
   quorix_test::WriteFileText(dir.file("not.qws"), "#Quorix-II work session file (not used in earlier Quorix!");
   EXPECT_EQ(RunCommand(Batch("session info " + dir.file("not.qws")), &out), 1);
   EXPECT_NE(out.find("This is NOT a Quorix-II WORK file."), std::string::npos) << out;
@@ -115,7 +115,7 @@ TEST(BatchRoi, ExportWritesTheRoisVoxelsAndImportBringsThemBack) {
   // mask -> ROI object file -> mask
   ASSERT_EQ(RunCommand(Batch("roi import " + dir.file("free.raw") + " -o " + dir.file("free.roi") +
                              " --label imported"), &out), 0) << out;
-  EXPECT_NE(out.find("3 voxels of"), std::string::npos) << out;
+  EXPECT_TRUE(quorix_test::HasLine(out, "3 voxels of")) << out;
   PcdIntSize3D size{};
   testing::internal::CaptureStderr();
   PcdRoiObject* roi = PCD_LoadRoiObjectFile(dir.file("free.roi").c_str(), &size);
