@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -202,4 +203,158 @@ TEST(StudyRunner, RefusesADataSetThatCannotBeAnalysedAndTooManyConditions) {
   EXPECT_EQ(PCD_SelectFibersByMasks(empty, {}, {}, &size, 1), 0);
   EXPECT_EQ(PCD_GetFibeTrakBufferMegabytes(empty), 0.0f);
   PCDdti_DeleteFibeTrakBuffer(empty);
+}
+
+namespace {
+
+// A 2 x 2 x 2 data set of one So and six DWIs along x, y, z and the three diagonals
+// (1,1,0), (0,1,1), (1,0,1) over sqrt 2, b = 1000. Signals are the rounded
+// So exp(-b g.D.g) of known tensors:
+//   diag(1.2, 1.0, 0.8)e-3, So 1000: 301 368 449 333 407 368
+//   the same, So 800:                 241 294 359 266 325 294
+//   diag(1.7, 0.3, 0.3)e-3 (along x): 183 741 741 368 741 368
+//   diag(0.3, 1.7, 0.3)e-3 (along y): 741 183 741 368 368 741
+//   a DWI above So (1200 x 6): negative diffusivities, no valid tensor.
+// (An exactly isotropic tensor would not do: the expanded FA formula may round its
+// zero numerator below zero and judge it invalid.)
+struct HandMadeSet {
+  static constexpr int16_t kOval[7] = {1000, 301, 368, 449, 333, 407, 368};
+  static constexpr int16_t kOval800[7] = {800, 241, 294, 359, 266, 325, 294};
+  static constexpr int16_t kAlongX[7] = {1000, 183, 741, 741, 368, 741, 368};
+  static constexpr int16_t kAlongY[7] = {1000, 741, 183, 741, 368, 368, 741};
+  static constexpr int16_t kInvalid[7] = {1000, 1200, 1200, 1200, 1200, 1200, 1200};
+
+  // voxels in x, y, z order
+  explicit HandMadeSet(PcdWorkSession* s, const std::array<const int16_t*, 8>& voxels) {
+    const PcdIntSize4D size{2, 2, 2, 7};
+    std::vector<int32_t> types(7, SINT16), formats(7, PCD_MONOCHROME);
+    s->volume = PCD_NewRawVolumeData(&size, types.data(), formats.data());
+    for (int c = 0; c < 7; ++c)
+      for (int v = 0; v < 8; ++v) static_cast<int16_t*>(s->volume->data[c])[v] = voxels[v][c];
+    s->dti = PCDdti_NewDiffusionTensorImageData(s->volume, 7);
+    const float r = 1.0f / std::sqrt(2.0f);
+    const float b[7] = {0, 1000, 1000, 1000, 1000, 1000, 1000};
+    const PcdVector3D g[7] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {r, r, 0}, {0, r, r}, {r, 0, r}};
+    PCDdti_SetPropertiesOfDiffusionTensorImageData(s->dti, 7, 1, b, g);
+    s->dti->reserved = 2.0f;
+  }
+};
+
+bool Begins(const std::string& text, const std::string& head) { return text.rfind(head, 0) == 0; }
+
+std::string RunQuietly(PcdWorkSession* s, PcdStudyObject* study, const PcdStudyRunOptions& options, int* status) {
+  testing::internal::CaptureStderr();
+  *status = PCD_RunStudy(s, study, options);
+  return testing::internal::GetCapturedStderr();
+}
+
+}  // namespace
+
+TEST(StatisticsStudy, SummaryOfAHandMadeSetMatchesTheNumbersWorkedOutByHand) {
+  PcdWorkSession s;
+  using H = HandMadeSet;
+  // z = 0: oval, oval (So 800), along x, along y; z = 1: invalid, oval, oval, oval
+  H set(&s, {H::kOval, H::kOval800, H::kAlongX, H::kAlongY, H::kInvalid, H::kOval, H::kOval, H::kOval});
+  ASSERT_EQ(s.dti->isReady, 1);
+  PcdStudyObject* study = PCD_NewStudyObject(&s.studies, PCD_STUDY_VOXEL_STATISTICS, nullptr);
+  int seen = -1;
+  PcdStudyRunOptions options;
+  options.statistics = [&](const PcdStudyObject* from, const PcdDiffusionTensorStatistics* st) {
+    EXPECT_EQ(from, study);
+    seen = static_cast<int>(st->validCount);
+  };
+  int status = 0;
+  RunQuietly(&s, study, options, &status);
+  ASSERT_EQ(status, 0);
+  EXPECT_EQ(seen, 7);
+  EXPECT_EQ(study->analysed, 1);
+  // The seven valid tensors, each solved exactly from its six log ratios (dxx = ln(So/S_x)
+  // / b, ..., dxy = ln(So/S_xy) / b - (dxx + dyy) / 2, ...) and diagonalised in double:
+  //   oval, So 1000 (four): eigenvalues 1.20065, 0.99968, 0.80072 (e-3), FA 0.19728
+  //   oval, So 800:         1.19982, 1.00103, 0.80129, FA 0.19654
+  //   along x or y (two):   1.69827, 0.29975, 0.29975, ADC 0.76593, FA 0.79898
+  // So: 1000 x 6 and 800: mean 6800 / 7, SD sqrt(6640000 / 7 - (6800 / 7)^2) = 69.985.
+  EXPECT_EQ(PCD_GetStudySummary(study),
+            "Tensors: 8\n"
+            "Valid Tensors: 7\n"
+            "Statistics: min. - max. (mean/stdev.)\n"
+            "  So: 800.00 - 1000.00 (971.43/69.99)\n"
+            "  FA:  0.20 - 0.80 (0.37/0.27)\n"
+            "  ADC(x1k): 0.77 - 1.00 (0.93/0.11)\n"
+            "  L1(x1k):    1.20 - 1.70 (1.34/0.22)\n"
+            "  L2(x1k):    0.30 - 1.00 (0.80/0.32)\n"
+            "  L3(x1k):    0.30 - 0.80 (0.66/0.23)\n");
+
+  // the viewer's box: origin .. origin + size - 1, clipped to the volume
+  options.hasBoxVoi = true;
+  options.boxOrigin = {1, 0, 0};
+  options.boxSize = {5, 1, 1};  // the So 800 voxel alone
+  RunQuietly(&s, study, options, &status);
+  EXPECT_PRED2(Begins, PCD_GetStudySummary(study),
+            "Tensors: 1\nValid Tensors: 1\nStatistics: min. - max. (mean/stdev.)\n"
+            "  So: 800.00 - 800.00 (800.00/0.00)\n  FA:  0.20 - 0.20 (0.20/0.00)\n");
+  options.boxOrigin = {0, 0, 1};
+  options.boxSize = {1, 1, 1};
+  RunQuietly(&s, study, options, &status);
+  EXPECT_EQ(PCD_GetStudySummary(study), "Tensors: 1\nValid Tensors: 0\nNo valid voxels.\n");
+  options.boxOrigin = {-5, -5, -5};
+  options.boxSize = {5, 5, 5};  // wholly outside
+  RunQuietly(&s, study, options, &status);
+  EXPECT_EQ(PCD_GetStudySummary(study), "Tensors: 0\nValid Tensors: 0\nNo valid voxels.\n");
+
+  // a sphere around voxel (1, 1, 0) takes that voxel's centre only
+  PcdStudyRegion& region = study->statistics->region;
+  region.kind = kPcdRegionSphere;
+  region.shape->centre = {1.5f, 1.5f, 0.5f};
+  region.shape->radius = 0.5f;
+  RunQuietly(&s, study, options, &status);
+  EXPECT_PRED2(Begins, PCD_GetStudySummary(study), "Tensors: 1\nValid Tensors: 1");
+  EXPECT_NE(PCD_GetStudySummary(study).find("  FA:  0.80 - 0.80 (0.80/0.00)\n"), std::string::npos);
+  region.use = 0;  // a region that takes no part holds nothing
+  RunQuietly(&s, study, options, &status);
+  EXPECT_PRED2(Begins, PCD_GetStudySummary(study), "Tensors: 0\nValid Tensors: 0\n");
+}
+
+TEST(ProfileStudy, RangesApplyInPairsAndTheSummaryCountsTheDrawnSymbols) {
+  PcdWorkSession s;
+  using H = HandMadeSet;
+  H set(&s, {H::kAlongX, H::kAlongX, H::kAlongX, H::kAlongX, H::kAlongX, H::kAlongX, H::kAlongX, H::kAlongX});
+  PcdStudyObject* study = PCD_NewStudyObject(&s.studies, PCD_STUDY_DIFFUSION_PROFILE, nullptr);
+  std::vector<PcdVector3D> drawn;
+  PcdStudyRunOptions options;
+  options.drawProfile = [&](const PcdStudyObject*, const PcdVector3D* p, const PcdDiffusionTensorData* t) {
+    drawn.push_back(*p);
+    EXPECT_NEAR(PCDdti_GetFA(t), 0.79898, 1e-4);
+  };
+  int status = 0;
+  // the defaults show So up to 900 only: every voxel has So 1000
+  RunQuietly(&s, study, options, &status);
+  ASSERT_EQ(status, 0);
+  EXPECT_TRUE(drawn.empty());
+  EXPECT_PRED2(Begins, PCD_GetStudySummary(study), "Symbols: 0/8 (0% displayed)\n    mean");
+  // one flag of a pair filters nothing
+  study->profile->useSoMax = 0;
+  RunQuietly(&s, study, options, &status);
+  // FA 0.79898 and ADC 0.76593e-3 worked out by hand (see HandMadeSet)
+  EXPECT_EQ(PCD_GetStudySummary(study),
+            "Symbols: 8/8 (100% displayed)\n    mean FA: 0.7990\n    mean ADC(x1k): 0.7659");
+  ASSERT_EQ(drawn.size(), 8u);
+  EXPECT_EQ(drawn[0].x, 0.5f);  // voxel centres in x, y, z order
+  EXPECT_EQ(drawn[7].z, 1.5f);
+  // "high" symbol density: eight points a voxel; an FA range above the data's hides all
+  drawn.clear();
+  study->profile->symbolDensity = kPcdSymbolDensityHigh;
+  study->profile->FAmin = 0.85f;
+  RunQuietly(&s, study, options, &status);
+  EXPECT_PRED2(Begins, PCD_GetStudySummary(study), "Symbols: 0/64 (0% displayed)\n");
+  EXPECT_TRUE(drawn.empty());
+  study->profile->FAmin = 0.18f;
+  RunQuietly(&s, study, options, &status);
+  EXPECT_PRED2(Begins, PCD_GetStudySummary(study), "Symbols: 64/64 (100% displayed)");
+  ASSERT_EQ(drawn.size(), 64u);
+  for (int k = 0; k < 8; ++k) {  // the eight points of voxel (0, 0, 0) first
+    EXPECT_GE(drawn[k].x, 0.0f);
+    EXPECT_LT(drawn[k].x, 1.0f);
+    EXPECT_LT(drawn[k].z, 1.0f);
+  }
 }
