@@ -3,11 +3,14 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "fiber/tracking.h"
 #include "study/study_runner.h"
+#include "support/test_support.h"
 #include "tools/phantom/phantom.h"
 
 namespace {
@@ -357,4 +360,177 @@ TEST(ProfileStudy, RangesApplyInPairsAndTheSummaryCountsTheDrawnSymbols) {
     EXPECT_LT(drawn[k].x, 1.0f);
     EXPECT_LT(drawn[k].z, 1.0f);
   }
+}
+
+TEST(ModelingStudy, ControlVolumeFollowsTheStudysLimits) {
+  PcdWorkSession s;
+  PcdPhantomOptions options;
+  options.sizeX = 32, options.sizeY = 32, options.sizeZ = 12, options.directions = 12;
+  PcdPhantomTruth truth;
+  s.dti = PCD_MakeDwiPhantom(options, &truth);
+  ASSERT_NE(s.dti, nullptr);
+  s.volume = s.dti->volume;
+  PcdDiffusionTensorLimits limits;  // FA 0.18 and So 0 on
+  testing::internal::CaptureStderr();
+  std::unique_ptr<PcdRawVolumeData, void (*)(PcdRawVolumeData*)> controls(
+      PCD_NewModelingControlVolume(s.dti, &limits), PCD_DeleteRawVolumeData);
+  testing::internal::GetCapturedStderr();
+  ASSERT_TRUE(controls);
+  // the phantom's own truth: every single-bundle voxel (FA about 0.7) may carry a control
+  // tensor, no voxel of isotropic tissue does (crossings, where the truth holds no
+  // single direction, are left out of the comparison)
+  const auto* bytes = static_cast<const uint8_t*>(controls->data[0]);
+  int bundle = 0, tissue = 0;
+  for (size_t i = 0; i < truth.fa.size(); ++i) {
+    if (truth.adc[i] <= 0) continue;
+    if (truth.fa[i] >= 0.18f) {
+      EXPECT_EQ(bytes[i], 1) << i;
+      ++bundle;
+    } else {
+      EXPECT_EQ(bytes[i], 0) << i;
+      ++tissue;
+    }
+  }
+  EXPECT_GT(bundle, 500);
+  EXPECT_GT(tissue, 1000);
+  // without the FA minimum the tissue counts too (where its exactly isotropic tensor
+  // passes the validity test: the expanded FA may round below zero); a So minimum above
+  // every signal leaves nothing
+  limits.useFAmin = 0;
+  testing::internal::CaptureStderr();
+  controls.reset(PCD_NewModelingControlVolume(s.dti, &limits));
+  const auto* all = static_cast<const uint8_t*>(controls->data[0]);
+  size_t tissueNow = 0;
+  for (size_t i = 0; i < truth.fa.size(); ++i) tissueNow += truth.adc[i] > 0 && truth.fa[i] < 0.18f && all[i];
+  EXPECT_GT(tissueNow, static_cast<size_t>(tissue) / 2);
+  limits.SoMin = 30000.0f;
+  controls.reset(PCD_NewModelingControlVolume(s.dti, &limits));
+  testing::internal::GetCapturedStderr();
+  const auto* none = static_cast<const uint8_t*>(controls->data[0]);
+  EXPECT_EQ(std::count(none, none + truth.fa.size(), 1), 0);
+}
+
+TEST(ModelingStudy, SharesSeedsSelectionAndSummaryWithTrackingAndDumpsTheField) {
+  PcdWorkSession s;
+  GivePhantom(&s);
+  const PcdIntSize3D size{32, 32, 12};
+  PcdRoiObject* crossing = Sphere(&s, 16.0f, 16.0f, 6.0f, 2.0f);
+  PcdStudyObject* study = PCD_NewStudyObject(&s.studies, PCD_STUDY_FIBER_MODELING, &size);
+  PcdTractSettings& t = *study->tract;
+  t.regions[0].shape->centre = {6.5f, 15.5f, 5.5f};  // in the x bundle: 19 voxels
+  t.regions[0].shape->radius = 1.5f;
+  quorix_test::TempDir dir;
+
+  std::vector<uint8_t> mask = PCD_RasterizeRoiObject(crossing, &size);
+  int tracked = -1, selected = 0, touching = 0, strays = 0, drawnSeen = -1;
+  PcdStudyRunOptions options;
+  options.drawFibers = [&](const PcdStudyObject* from, const PcdFibeTrakBuffer* result, int drawn) {
+    EXPECT_EQ(from, study);
+    tracked = result->lineCount;
+    drawnSeen = drawn;
+    selected = touching = strays = 0;
+    for (int i = 0; i < result->lineCount; ++i) {
+      const PcdTrakLinePair* p = result->pairs[i];
+      selected += p->selection;
+      const bool touches = Touches(p, mask, size);
+      touching += touches;
+      if (t.regions[1].use == kPcdRegionInUse) {
+        EXPECT_EQ(p->selection != 0, touches) << i;
+      }
+      if (t.regions[2].use == kPcdRegionInUse) {
+        EXPECT_EQ(p->selection != 0, !touches) << i;
+      }
+      // before the crossing the x bundle (y 13..18, z 4..7) holds every node
+      for (const PcdTrakLineBuffer* line : {p->forward, p->backward})
+        for (int k = 0; line && k < line->nodeCount; ++k)
+          if (line->x[k] < 12.0f && (line->y[k] < 12.5f || line->y[k] > 19.5f || line->z[k] < 3.5f ||
+                                     line->z[k] > 8.5f))
+            ++strays;
+    }
+  };
+  options.dump = true;
+  options.dumpFile = dir.file("field.raw");
+  int status = 0;
+  const std::string console = RunQuietly(&s, study, options, &status);
+  ASSERT_EQ(status, 0) << console;
+  EXPECT_NE(console.find("Modeling start\n"), std::string::npos);
+  EXPECT_EQ(study->analysed, 1);
+  ASSERT_GT(tracked, 10);
+  EXPECT_EQ(selected, tracked);  // no conditions: every fiber
+  EXPECT_EQ(drawnSeen, tracked);
+  EXPECT_EQ(strays, 0);
+  EXPECT_GT(touching, 0);  // fibers along x run on through the crossing
+  char expected[128];
+  std::snprintf(expected, sizeof expected, "Seed Points:   19\nTracked Lines:   %d\nDrawn Lines:   %d\nBuffer Size:   0.",
+                tracked, tracked);
+  EXPECT_PRED2(Begins, PCD_GetStudySummary(study), expected);
+  // the dump is the interpolated field: 7 SINT16 channels of the volume
+  EXPECT_EQ(quorix_test::ReadFileBytes(dir.file("field.raw")).size(), 32u * 32 * 12 * 7 * 2);
+
+  // the crossing as target, then as avoidance, through the same selection as tracking
+  const uint16_t crossingId[] = {crossing->id};
+  t.regions[1].use = kPcdRegionInUse;
+  t.regions[1].kind = kPcdRegionListed;
+  PCD_SetStudyRegionIds(study, 1, crossingId, 1);
+  options.dump = false;
+  RunQuietly(&s, study, options, &status);
+  EXPECT_EQ(selected, touching);
+  EXPECT_LT(selected, tracked);
+  t.regions[1].use = 0;
+  t.regions[2] = {};
+  t.regions[2].use = kPcdRegionInUse;
+  t.regions[2].kind = kPcdRegionSphere;
+  t.regions[2].shape = std::make_unique<PcdRoiShape>(*crossing->shape);
+  RunQuietly(&s, study, options, &status);
+  EXPECT_EQ(selected, tracked - touching);
+  std::snprintf(expected, sizeof expected, "Drawn Lines:   %d\n", tracked - touching);
+  EXPECT_NE(PCD_GetStudySummary(study).find(expected), std::string::npos);
+}
+
+TEST(ModelingStudy, DefaultDumpNameNoControlsAndNoDataSet) {
+  PcdWorkSession s;
+  GivePhantom(&s);
+  PcdStudyObject* study = PCD_NewStudyObject(&s.studies, PCD_STUDY_FIBER_MODELING, nullptr);
+  study->tract->regions[0].shape->centre = {6.5f, 15.5f, 5.5f};
+  study->tract->regions[0].shape->radius = 0.5f;
+  quorix_test::TempDir dir;
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path());
+  PcdStudyRunOptions options;
+  options.dump = true;  // no name: the default, in the working folder
+  int status = 0;
+  RunQuietly(&s, study, options, &status);
+  std::filesystem::current_path(before);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(std::filesystem::exists(dir.file("fibemodel_dump.raw")));
+  EXPECT_PRED2(Begins, PCD_GetStudySummary(study), "Seed Points:   1\n");
+
+  // an empty control region: the core makes no field, the runner reports no result and
+  // the study keeps what it had
+  const PcdIntSize3D size{32, 32, 12};
+  std::unique_ptr<PcdRawVolumeData, void (*)(PcdRawVolumeData*)> empty(
+      PCD_NewSingleChannelRawVolumeData(&size, UINT8, PCD_MONOCHROME), PCD_DeleteRawVolumeData);
+  options.modelingControls = empty.get();
+  options.dump = false;
+  const std::string summary = PCD_GetStudySummary(study);
+  const std::string console = RunQuietly(&s, study, options, &status);
+  EXPECT_EQ(status, -1);
+  EXPECT_NE(console.find("Control voxel NOT found\n"), std::string::npos);
+  EXPECT_NE(console.find("No result obtained\n"), std::string::npos);
+  EXPECT_EQ(PCD_GetStudySummary(study), summary);
+
+  // every runner refuses a data set that cannot be analysed, with the check's line
+  PcdWorkSession bare;
+  for (int type : {0, 1, 2, 3}) {
+    PcdStudyObject* other = PCD_NewStudyObject(&bare.studies, type, nullptr);
+    const std::string line = RunQuietly(&bare, other, {}, &status);
+    EXPECT_EQ(status, -1) << type;
+    EXPECT_PRED2(Begins, line, "Err: ");
+    EXPECT_EQ(other->analysed, 0);
+    EXPECT_STREQ(other->summary, "(not analyzed yet)");
+  }
+  study->type = 7;  // no runner for an unknown kind
+  EXPECT_EQ(RunQuietly(&s, study, {}, &status), "Err: Invalid study object type\n");
+  EXPECT_EQ(status, -1);
+  study->type = PCD_STUDY_FIBER_MODELING;
 }
