@@ -156,14 +156,22 @@ namespace {
 
 using FiberDraw = std::function<void(const PcdFibeTrakBuffer*, int)>;
 
-// Checks the study and its data set and gathers the seeds: what tracking and modeling do
+// Checks the study and its data set, gathers the seeds and sets the context's stop
+// criteria, node limit, step and seeds from the study: what tracking and modeling do
 // before their core is called. False when the study cannot run.
+template <typename Context>
 bool prepare_fiber_study(PcdWorkSession* session, const PcdStudyObject* study, int32_t type,
-                         std::vector<PcdVector3D>* seeds) {
+                         std::vector<PcdVector3D>* seeds, Context* context) {
   if (study == nullptr || study->type != type || !study->tract) return false;
   if (!PCDdti_CheckDataSetForAnalysis(session->dti, PCD_DTI_INTERPOLATED)) return false;
   const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
   *seeds = PCD_GenerateStudySeeds(study, &session->rois, &size);
+  const PcdTractSettings& t = *study->tract;
+  context->limits = t.limits;
+  context->nodeLimit = t.nodeLimit;
+  context->step = t.step;
+  context->seedCount = static_cast<int32_t>(seeds->size());
+  context->seedPoints = seeds->data();
   return true;
 }
 
@@ -202,15 +210,9 @@ FiberDraw study_fiber_draw(const PcdStudyObject* study, const PcdStudyRunOptions
 int PCD_RunFiberTrackingStudy(PcdWorkSession* session, PcdStudyObject* study,
                               const PcdTrackingRunOptions& options) {
   std::vector<PcdVector3D> seeds;
-  if (!prepare_fiber_study(session, study, PCD_STUDY_FIBER_TRACKING, &seeds)) return -1;
-  const PcdTractSettings& t = *study->tract;
   PcdFibeTrakContext context;
-  context.limits = t.limits;
-  context.nodeLimit = t.nodeLimit;
-  context.step = t.step;
-  context.scheme = t.scheme;
-  context.seedCount = static_cast<int32_t>(seeds.size());
-  context.seedPoints = seeds.data();
+  if (!prepare_fiber_study(session, study, PCD_STUDY_FIBER_TRACKING, &seeds, &context)) return -1;
+  context.scheme = study->tract->scheme;
   PcdFibeTrakBuffer* result = PCDdti_FiberTracking(session->dti, &context, kPcdStudyThreads);
   const int status = conclude_fiber_study(session, study, result, options.draw);
   if (status == 0 && options.dump)  // a file that cannot be written is skipped silently
@@ -255,18 +257,12 @@ PcdRawVolumeData* PCD_NewModelingControlVolume(const PcdDtiData* dti,
 int PCD_RunFiberModelingStudy(PcdWorkSession* session, PcdStudyObject* study,
                               const PcdStudyRunOptions& options) {
   std::vector<PcdVector3D> seeds;
-  if (!prepare_fiber_study(session, study, PCD_STUDY_FIBER_MODELING, &seeds)) return -1;
-  const PcdTractSettings& t = *study->tract;
   PcdFibeModelContext context;
-  context.limits = t.limits;
-  context.nodeLimit = t.nodeLimit;
-  context.step = t.step;
-  context.seedCount = static_cast<int32_t>(seeds.size());
-  context.seedPoints = seeds.data();
+  if (!prepare_fiber_study(session, study, PCD_STUDY_FIBER_MODELING, &seeds, &context)) return -1;
   std::unique_ptr<PcdRawVolumeData, void (*)(PcdRawVolumeData*)> made(nullptr, PCD_DeleteRawVolumeData);
   const PcdRawVolumeData* controls = options.modelingControls;
   if (controls == nullptr) {
-    made.reset(PCD_NewModelingControlVolume(session->dti, &t.limits));
+    made.reset(PCD_NewModelingControlVolume(session->dti, &context.limits));
     if (!made) return -1;
     controls = made.get();
   }
