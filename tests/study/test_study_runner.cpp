@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -300,10 +301,16 @@ TEST(StatisticsStudy, SummaryOfAHandMadeSetMatchesTheNumbersWorkedOutByHand) {
   options.boxSize = {1, 1, 1};
   RunQuietly(&s, study, options, &status);
   EXPECT_EQ(PCD_GetStudySummary(study), "Tensors: 1\nValid Tensors: 0\nNo valid voxels.\n");
-  options.boxOrigin = {-5, -5, -5};
-  options.boxSize = {5, 5, 5};  // wholly outside
-  RunQuietly(&s, study, options, &status);
-  EXPECT_EQ(PCD_GetStudySummary(study), "Tensors: 0\nValid Tensors: 0\nNo valid voxels.\n");
+  const int32_t big = std::numeric_limits<int32_t>::max(), low = std::numeric_limits<int32_t>::min();
+  const PcdIntVector3D outside[3][2] = {{{-5, -5, -5}, {5, 5, 5}},           // ends just before the volume
+                                        {{big, big, big}, {big, big, big}},  // sums beyond 32 bits
+                                        {{low, 0, 0}, {big, 2, 2}}};  // ends at -1
+  for (const auto& box : outside) {
+    options.boxOrigin = box[0];
+    options.boxSize = {box[1].x, box[1].y, box[1].z};
+    RunQuietly(&s, study, options, &status);
+    EXPECT_EQ(PCD_GetStudySummary(study), "Tensors: 0\nValid Tensors: 0\nNo valid voxels.\n");
+  }
 
   // a sphere around voxel (1, 1, 0) takes that voxel's centre only
   PcdStudyRegion& region = study->statistics->region;
