@@ -154,15 +154,13 @@ float PCD_GetFibeTrakBufferMegabytes(const PcdFibeTrakBuffer* buffer) {
 
 namespace {
 
-using FiberDraw = std::function<void(const PcdFibeTrakBuffer*, int)>;
-
 // Checks the study and its data set, gathers the seeds and sets the context's stop
 // criteria, node limit, step and seeds from the study: what tracking and modeling do
 // before their core is called. False when the study cannot run.
 template <typename Context>
 bool prepare_fiber_study(PcdWorkSession* session, const PcdStudyObject* study, int32_t type,
                          std::vector<PcdVector3D>* seeds, Context* context) {
-  if (study == nullptr || study->type != type || !study->tract) return false;
+  if (session == nullptr || study == nullptr || study->type != type || !study->tract) return false;
   if (!PCDdti_CheckDataSetForAnalysis(session->dti, PCD_DTI_INTERPOLATED)) return false;
   const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
   *seeds = PCD_GenerateStudySeeds(study, &session->rois, &size);
@@ -178,7 +176,7 @@ bool prepare_fiber_study(PcdWorkSession* session, const PcdStudyObject* study, i
 // What tracking and modeling share once their core has answered: the ROI conditions, the
 // hand-over to the drawing side and the summary. The result stays the caller's.
 int conclude_fiber_study(PcdWorkSession* session, PcdStudyObject* study,
-                         PcdFibeTrakBuffer* result, const FiberDraw& draw) {
+                         PcdFibeTrakBuffer* result, const PcdStudyRunOptions& options) {
   if (result == nullptr) {
     std::fputs("No result obtained\n", stderr);
     return -1;
@@ -189,7 +187,7 @@ int conclude_fiber_study(PcdWorkSession* session, PcdStudyObject* study,
       result, PCD_GetRegionConditionMasks(&t.regions[1], &session->rois, &size),
       PCD_GetRegionConditionMasks(&t.regions[2], &session->rois, &size), &size, kPcdStudyThreads);
   if (drawn < 0) return -1;
-  if (draw) draw(result, drawn);
+  if (options.drawFibers) options.drawFibers(study, result, drawn);
   PCD_SetStudySummary(study, pcd_format("Seed Points:   %d\nTracked Lines:   %d\nDrawn Lines:   "
                                         "%d\nBuffer Size:   %3.1f Mb\n",
                                         result->seedCount, result->lineCount, drawn,
@@ -198,25 +196,19 @@ int conclude_fiber_study(PcdWorkSession* session, PcdStudyObject* study,
   return 0;
 }
 
-FiberDraw study_fiber_draw(const PcdStudyObject* study, const PcdStudyRunOptions& options) {
-  if (!options.drawFibers) return {};
-  return [study, &options](const PcdFibeTrakBuffer* buffer, int drawn) {
-    options.drawFibers(study, buffer, drawn);
-  };
-}
-
 }  // namespace
 
 int PCD_RunFiberTrackingStudy(PcdWorkSession* session, PcdStudyObject* study,
-                              const PcdTrackingRunOptions& options) {
+                              const PcdStudyRunOptions& options) {
   std::vector<PcdVector3D> seeds;
   PcdFibeTrakContext context;
   if (!prepare_fiber_study(session, study, PCD_STUDY_FIBER_TRACKING, &seeds, &context)) return -1;
   context.scheme = study->tract->scheme;
   PcdFibeTrakBuffer* result = PCDdti_FiberTracking(session->dti, &context, kPcdStudyThreads);
-  const int status = conclude_fiber_study(session, study, result, options.draw);
+  const int status = conclude_fiber_study(session, study, result, options);
   if (status == 0 && options.dump)  // a file that cannot be written is skipped silently
-    PCDdti_DumpFibeTrakBufferToFile(result, session->dti->reserved, options.dumpFile.c_str());
+    PCDdti_DumpFibeTrakBufferToFile(result, session->dti->reserved,
+                                    options.dumpFile.empty() ? kPcdFiberDumpDefaultName : options.dumpFile.c_str());
   PCDdti_DeleteFibeTrakBuffer(result);
   return status;
 }
@@ -270,7 +262,7 @@ int PCD_RunFiberModelingStudy(PcdWorkSession* session, PcdStudyObject* study,
       options.dumpFile.empty() ? std::string(kPcdModelDumpDefaultName) : options.dumpFile;
   PcdFibeTrakBuffer* result = PCDdti_FiberModeling(session->dti, &context, controls, kPcdStudyThreads,
                                                    options.dump ? dumpFile.c_str() : nullptr);
-  const int status = conclude_fiber_study(session, study, result, study_fiber_draw(study, options));
+  const int status = conclude_fiber_study(session, study, result, options);
   PCDdti_DeleteFibeTrakBuffer(result);
   return status;
 }
@@ -319,7 +311,8 @@ std::vector<uint8_t> region_voxels(const PcdWorkSession* session, const PcdStudy
 
 int PCD_RunVoxelStatisticsStudy(PcdWorkSession* session, PcdStudyObject* study,
                                 const PcdStudyRunOptions& options) {
-  if (study == nullptr || study->type != PCD_STUDY_VOXEL_STATISTICS || !study->statistics) return -1;
+  if (session == nullptr || study == nullptr || study->type != PCD_STUDY_VOXEL_STATISTICS || !study->statistics)
+    return -1;
   if (!PCDdti_CheckDataSetForAnalysis(session->dti, PCD_DTI_AT_VOXELS)) return -1;
   const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
   std::unique_ptr<PcdRawVolumeData, void (*)(PcdRawVolumeData*)> mask(
@@ -344,7 +337,8 @@ int PCD_RunVoxelStatisticsStudy(PcdWorkSession* session, PcdStudyObject* study,
 
 int PCD_RunDiffusionProfileStudy(PcdWorkSession* session, PcdStudyObject* study,
                                  const PcdStudyRunOptions& options) {
-  if (study == nullptr || study->type != PCD_STUDY_DIFFUSION_PROFILE || !study->profile) return -1;
+  if (session == nullptr || study == nullptr || study->type != PCD_STUDY_DIFFUSION_PROFILE || !study->profile)
+    return -1;
   if (!PCDdti_CheckDataSetForAnalysis(session->dti, PCD_DTI_INTERPOLATED)) return -1;
   const PcdProfileSettings& p = *study->profile;
   const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
@@ -379,13 +373,8 @@ int PCD_RunDiffusionProfileStudy(PcdWorkSession* session, PcdStudyObject* study,
 int PCD_RunStudy(PcdWorkSession* session, PcdStudyObject* study, const PcdStudyRunOptions& options) {
   if (session == nullptr || study == nullptr) return -1;
   switch (study->type) {
-    case PCD_STUDY_FIBER_TRACKING: {
-      PcdTrackingRunOptions tracking;
-      tracking.dump = options.dump;
-      if (!options.dumpFile.empty()) tracking.dumpFile = options.dumpFile;
-      tracking.draw = study_fiber_draw(study, options);
-      return PCD_RunFiberTrackingStudy(session, study, tracking);
-    }
+    case PCD_STUDY_FIBER_TRACKING:
+      return PCD_RunFiberTrackingStudy(session, study, options);
     case PCD_STUDY_FIBER_MODELING:
       return PCD_RunFiberModelingStudy(session, study, options);
     case PCD_STUDY_VOXEL_STATISTICS:

@@ -68,22 +68,6 @@ int PCD_SelectFibersByMasks(PcdFibeTrakBuffer* buffer,
 // + 24 bytes, times 9.536743e-7, in float.
 float PCD_GetFibeTrakBufferMegabytes(const PcdFibeTrakBuffer* buffer);
 
-struct PcdTrackingRunOptions {
-  bool dump = false;                         // "Analyze and dump result"
-  std::string dumpFile = kPcdFiberDumpDefaultName;
-  // Receives the selected result before it is released, with the drawn-line count; the
-  // desktop program draws it, the command-line tool writes files from it.
-  std::function<void(const PcdFibeTrakBuffer*, int drawnLines)> draw;
-};
-
-// Runs a fiber tracking study on the session's data set and writes its summary
-// ("Seed Points:   %d\n", "Tracked Lines:   %d\n", "Drawn Lines:   %d\n",
-// "Buffer Size:   %3.1f Mb\n") into the study, which becomes analysed. 0, or -1 when the
-// data set cannot be analysed (its check's line) or the core returns nothing ("No
-// result obtained\n").
-int PCD_RunFiberTrackingStudy(PcdWorkSession* session, PcdStudyObject* study,
-                              const PcdTrackingRunOptions& options);
-
 // What " Analyze and Display " needs from any runner. An empty dumpFile means the study
 // kind's default name ("fibetrak_dump.txt", "fibemodel_dump.raw").
 struct PcdStudyRunOptions {
@@ -118,6 +102,15 @@ std::vector<uint8_t> PCD_GetStudyRegionVoxels(const PcdStudyRegion* region,
 // maximum (each when its enable word is 1). Null when memory runs out.
 PcdRawVolumeData* PCD_NewModelingControlVolume(const PcdDtiData* dti,
                                                const PcdDiffusionTensorLimits* limits);
+
+// Runs a fiber tracking study on the session's data set and writes its summary
+// ("Seed Points:   %d\n", "Tracked Lines:   %d\n", "Drawn Lines:   %d\n",
+// "Buffer Size:   %3.1f Mb\n") into the study, which becomes analysed; with dump, the
+// selected fibers go to dumpFile ("fibetrak_dump.txt" when empty). 0, or -1 when the
+// data set cannot be analysed (its check's line) or the core returns nothing ("No
+// result obtained\n").
+int PCD_RunFiberTrackingStudy(PcdWorkSession* session, PcdStudyObject* study,
+                              const PcdStudyRunOptions& options);
 
 // Runs a fiber modeling study: seeds, selection and summary as tracking, the fibers
 // through PCDdti_FiberModeling on 4 threads; with dump, the interpolated field goes to

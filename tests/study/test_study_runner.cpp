@@ -118,10 +118,10 @@ TEST(StudyRunner, TargetSelectsTheFibersThatReachItAndAvoidanceRemovesThoseThatT
 
   std::vector<int> selection;  // the selection words the drawing side received
   int tracked = 0, seedCount = 0;
-  PcdTrackingRunOptions options;
+  PcdStudyRunOptions options;
   std::vector<uint8_t> mask;
   int touching = 0;
-  options.draw = [&](const PcdFibeTrakBuffer* result, int drawn) {
+  options.drawFibers = [&](const PcdStudyObject*, const PcdFibeTrakBuffer* result, int drawn) {
     selection.clear();
     touching = 0;
     tracked = result->lineCount;
@@ -494,7 +494,7 @@ TEST(ModelingStudy, SharesSeedsSelectionAndSummaryWithTrackingAndDumpsTheField) 
   EXPECT_NE(PCD_GetStudySummary(study).find(expected), std::string::npos);
 }
 
-TEST(ModelingStudy, DefaultDumpNameNoControlsAndNoDataSet) {
+TEST(ModelingStudy, DefaultDumpNamesNoControlsAndNoDataSet) {
   PcdWorkSession s;
   GivePhantom(&s);
   PcdStudyObject* study = PCD_NewStudyObject(&s.studies, PCD_STUDY_FIBER_MODELING, nullptr);
@@ -507,9 +507,15 @@ TEST(ModelingStudy, DefaultDumpNameNoControlsAndNoDataSet) {
   options.dump = true;  // no name: the default, in the working folder
   int status = 0;
   RunQuietly(&s, study, options, &status);
+  EXPECT_EQ(status, 0);
+  PcdStudyObject* tracking = PCD_NewStudyObject(&s.studies, PCD_STUDY_FIBER_TRACKING, nullptr);
+  tracking->tract->regions[0].shape->centre = {6.5f, 15.5f, 5.5f};
+  tracking->tract->regions[0].shape->radius = 0.5f;
+  RunQuietly(&s, tracking, options, &status);
   std::filesystem::current_path(before);
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(std::filesystem::exists(dir.file("fibemodel_dump.raw")));
+  EXPECT_TRUE(std::filesystem::exists(dir.file("fibetrak_dump.txt")));
   EXPECT_PRED2(Begins, PCD_GetStudySummary(study), "Seed Points:   1\n");
 
   // an empty control region: the core makes no field, the runner reports no result and
