@@ -359,7 +359,7 @@ int PCD_RunDiffusionProfileStudy(PcdWorkSession* session, PcdStudyObject* study,
   const PcdDifProfDrawFunction draw = [&](const PcdVector3D* point, const PcdDiffusionTensorData* tensor) {
     if (options.drawProfile) options.drawProfile(study, point, tensor);
   };
-  std::vector<char> text(kPcdStudySummaryBytes + 1, '\0');
+  std::vector<char> text(kPcdStudySummaryBytes, '\0');
   PCDdti_DiffusionProfileDisplay(session->dti, &context, draw, text.data(), text.size());
   if (text[0] == '\0') {
     std::fputs("No result obtained\n", stderr);
