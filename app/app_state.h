@@ -10,10 +10,10 @@
 
 #include "app/menu.h"
 #include "dti/dti_data.h"
+#include "study/work_session.h"
 #include "view/view_context.h"
 #include "vol/raw_volume.h"
 
-constexpr uint16_t kPcdNoObjectId = 65535;  // no ROI / no study selected
 constexpr int32_t kPcdLevelSettingDefault = 254;
 
 struct PcdAppState {
@@ -35,8 +35,9 @@ struct PcdAppState {
   int32_t viewerSessionNumber = 0;
   int ipcInitialized = 0;     // the client side of the viewer link came up
   void* ipcLink = nullptr;    // the attached link; start-up fails without it
-  PcdRawVolumeData* volume = nullptr;  // the current volume (owned)
-  PcdDtiData* dti = nullptr;           // its DTI interpretation (owned; volume not)
+  // The current data set (volume and its DTI interpretation, both owned) with its ROI
+  // and study lists: what a work session file saves and restores.
+  PcdWorkSession session;
   void* tensorField = nullptr;         // computed tensor field, when there is one
 
   int32_t startupWord = 0;
@@ -54,13 +55,6 @@ struct PcdAppState {
   int32_t levelSetting = kPcdLevelSettingDefault;
   int32_t viewerObjectId = -1;
   uint8_t initialized = 0;
-
-  // ROI and study objects arrive with their own modules; until then the lists stay
-  // empty and nothing is selected.
-  std::vector<void*> roiList;
-  std::vector<void*> studyList;
-  uint16_t selectedRoiId = kPcdNoObjectId;
-  uint16_t selectedStudyId = kPcdNoObjectId;
 
   void* studyPerformer = nullptr;
   void* roiEditor = nullptr;

@@ -26,33 +26,33 @@ void cmd_load_volume(gpointer, guint importKind, GtkWidget*) {
 
 void cmd_import_mpg(gpointer, guint, GtkWidget*) {
   std::string path;
-  if (pcd_app->dti == nullptr || !PCD_ChooseFile(PcdDialogKind::OpenFile, "MPG text file", nullptr, &path))
+  if (pcd_app->session.dti == nullptr || !PCD_ChooseFile(PcdDialogKind::OpenFile, "MPG text file", nullptr, &path))
     return;
-  if (ReadMpgDescriptionFile(path.c_str(), pcd_app->dti) != 1) return;
-  PCDdti_DumpMPGvectorSetting(pcd_app->dti);
+  if (ReadMpgDescriptionFile(path.c_str(), pcd_app->session.dti) != 1) return;
+  PCDdti_DumpMPGvectorSetting(pcd_app->session.dti);
   PCD_SetStatus("MPG vector data imported.");
 }
 
 void cmd_export_dti(gpointer, guint, GtkWidget*) {
   std::string path;
-  if (pcd_app->dti == nullptr || !PCD_ChooseFile(PcdDialogKind::SaveFile, "DTI file", "exported.dti", &path))
+  if (pcd_app->session.dti == nullptr || !PCD_ChooseFile(PcdDialogKind::SaveFile, "DTI file", "exported.dti", &path))
     return;
-  WriteDtiFile(pcd_app->dti, path.c_str());
+  WriteDtiFile(pcd_app->session.dti, path.c_str());
 }
 
 void cmd_export_volume(gpointer, guint, GtkWidget*) {
   std::string path;
-  if (pcd_app->volume == nullptr ||
+  if (pcd_app->session.volume == nullptr ||
       !PCD_ChooseFile(PcdDialogKind::SaveFile, "PELLUCID file", "exported.raw", &path))
     return;
-  WriteRawVolumeFile(pcd_app->volume, path.c_str());
+  WriteRawVolumeFile(pcd_app->session.volume, path.c_str());
 }
 
 void cmd_export_mpg(gpointer, guint, GtkWidget*) {
   std::string path;
-  if (pcd_app->dti == nullptr || !PCD_ChooseFile(PcdDialogKind::SaveFile, "MPG text file", "mpg.txt", &path))
+  if (pcd_app->session.dti == nullptr || !PCD_ChooseFile(PcdDialogKind::SaveFile, "MPG text file", "mpg.txt", &path))
     return;
-  if (WriteMpgDescriptionFile(path.c_str(), pcd_app->dti) == 0) PCD_SetStatus("MPG vector data exported.");
+  if (WriteMpgDescriptionFile(path.c_str(), pcd_app->session.dti) == 0) PCD_SetStatus("MPG vector data exported.");
 }
 
 void cmd_quit(gpointer, guint, GtkWidget*) {
@@ -68,13 +68,13 @@ void cmd_mpg_preset(gpointer, guint preset, GtkWidget*) {
     PCD_ShowNotice(kPcdNoticeTitle, kPcdNotImplemented);
     return;
   }
-  if (pcd_app->dti == nullptr) return;
-  PCDdti_SetPropertiesOfDiffusionTensorImageDataAsSingleSoDefault(pcd_app->dti, static_cast<int32_t>(preset) + 1);
-  PCDdti_DumpMPGvectorSetting(pcd_app->dti);
+  if (pcd_app->session.dti == nullptr) return;
+  PCDdti_SetPropertiesOfDiffusionTensorImageDataAsSingleSoDefault(pcd_app->session.dti, static_cast<int32_t>(preset) + 1);
+  PCDdti_DumpMPGvectorSetting(pcd_app->session.dti);
 }
 
 void cmd_manual_set(gpointer, guint kind, GtkWidget*) {
-  PcdDtiData* dti = pcd_app->dti;
+  PcdDtiData* dti = pcd_app->session.dti;
   if (dti == nullptr) return;
   char current[64];
   std::string value;
@@ -111,21 +111,21 @@ void cmd_toggle_realtime(gpointer, guint, GtkWidget*) {
 }
 
 void cmd_add_computational_channels(gpointer, guint, GtkWidget*) {
-  PcdDtiData* dti = pcd_app->dti;
+  PcdDtiData* dti = pcd_app->session.dti;
   std::string problem;
   if (!PCDdti_CheckDataSetForAnalysis(dti, PCD_DTI_AT_VOXELS, &problem)) {
     PCD_ShowNotice(kPcdNoticeTitle, problem.c_str());
     return;
   }
   const auto start = std::chrono::steady_clock::now();
-  const int32_t first = pcd_app->volume->matrixSize->channels;
+  const int32_t first = pcd_app->session.volume->matrixSize->channels;
   const int added = PCDdti_AddComputationalChannels(dti, 0, 8);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   std::fprintf(stderr, "Analysis completed in %3.2f sec.\n", seconds);
   for (int i = 0; i < added; ++i) {
     std::fputs("Sending a computational channel to PELLUCID...", stderr);
     std::fflush(stderr);
-    pcd_viewer_send_channel(pcd_app->volume, first + i);
+    pcd_viewer_send_channel(pcd_app->session.volume, first + i);
     std::fputs("done.\n", stderr);
   }
   std::fprintf(stderr, "%d channels added.\n", added);

@@ -22,46 +22,45 @@ std::string PCD_RecognitionText(const PcdDtiData* dti) {
   return text;
 }
 
-bool PCD_MpgReady() { return pcd_app && pcd_app->dti && pcd_app->dti->isReady == 1; }
+bool PCD_MpgReady() { return pcd_app && pcd_app->session.dti && pcd_app->session.dti->isReady == 1; }
 
 void PCD_CreateDtiData() {
   PcdAppState* app = pcd_app;
-  std::free(app->dti);
-  app->dti = nullptr;
+  std::free(app->session.dti);
+  app->session.dti = nullptr;
   int32_t count = 0;
-  if (app->volume != nullptr)
-    while (count < app->volume->matrixSize->channels && app->volume->dataType[count] == SINT16 &&
-           app->volume->colorFormat[count] == PCD_MONOCHROME)
+  if (app->session.volume != nullptr)
+    while (count < app->session.volume->matrixSize->channels && app->session.volume->dataType[count] == SINT16 &&
+           app->session.volume->colorFormat[count] == PCD_MONOCHROME)
       ++count;
-  app->dti = PCDdti_NewDiffusionTensorImageData(app->volume, count);
-  if (app->dti == nullptr) {
+  app->session.dti = PCDdti_NewDiffusionTensorImageData(app->session.volume, count);
+  if (app->session.dti == nullptr) {
     std::fputs("Err: failed to create DTI data\n", stderr);
     return;
   }
-  PCDdti_SetPropertiesOfDiffusionTensorImageDataAsSingleSoDefault(app->dti, count);
-  PCDdti_DumpMPGvectorSetting(app->dti);
+  PCDdti_SetPropertiesOfDiffusionTensorImageDataAsSingleSoDefault(app->session.dti, count);
+  PCDdti_DumpMPGvectorSetting(app->session.dti);
 }
 
 void PCD_ShowRecognitionNotice() {
   if (!PCD_MpgReady()) return;
-  PCD_ShowNotice(kPcdNoticeTitle, PCD_RecognitionText(pcd_app->dti).c_str(), 400, 320);
+  PCD_ShowNotice(kPcdNoticeTitle, PCD_RecognitionText(pcd_app->session.dti).c_str(), 400, 320);
 }
 
 void PCD_ShowMpgNotReadyNotice() { PCD_ShowNotice(kPcdNoticeTitle, kPcdMpgNotReadyText); }
 
 void PCD_UpdatePanels() {
   PcdAppState* app = pcd_app;
-  const bool haveVolume = app->volume != nullptr;
+  const bool haveVolume = app->session.volume != nullptr;
   if (app->studyPage) gtk_widget_set_sensitive(app->studyPage, haveVolume);
   if (app->roiPage) gtk_widget_set_sensitive(app->roiPage, haveVolume);
-  if (haveVolume && app->viewContext) PCD_SetViewScales(app->viewContext, app->volume->matrixSize->x);
+  if (haveVolume && app->viewContext) PCD_SetViewScales(app->viewContext, app->session.volume->matrixSize->x);
   if (PCD_MpgReady()) PCD_ShowRecognitionNotice();
 }
 
 void PCD_CleanUpObjects() {
-  pcd_app->roiList.clear();
-  pcd_app->studyList.clear();
-  pcd_app->selectedRoiId = pcd_app->selectedStudyId = kPcdNoObjectId;
+  PCD_CleanUpStudyObjects(&pcd_app->session.studies);  // studies before the ROIs they list
+  PCD_CleanUpRoiObjects(&pcd_app->session.rois);
   std::fputs("Clean-up old objects OK\n", stderr);
 }
 
@@ -71,19 +70,19 @@ namespace {
 // carries none (voxelSize 0).
 void TakeVolume(PcdRawVolumeData* read, float voxelSize = 0.0f) {
   std::fputs("Volume data OK. Replacing.\n", stderr);
-  std::free(pcd_app->dti);
-  pcd_app->dti = nullptr;
-  PCD_DeleteRawVolumeData(pcd_app->volume);
-  pcd_app->volume = read;
+  std::free(pcd_app->session.dti);
+  pcd_app->session.dti = nullptr;
+  PCD_DeleteRawVolumeData(pcd_app->session.volume);
+  pcd_app->session.volume = read;
   PCD_CreateDtiData();
-  if (pcd_app->dti != nullptr && voxelSize > 0.0f) pcd_app->dti->reserved = voxelSize;
-  if (pcd_app->dti != nullptr && !(pcd_app->dti->reserved > 0.0f)) {
+  if (pcd_app->session.dti != nullptr && voxelSize > 0.0f) pcd_app->session.dti->reserved = voxelSize;
+  if (pcd_app->session.dti != nullptr && !(pcd_app->session.dti->reserved > 0.0f)) {
     std::string value;
     float size = 0.0f;
     // a cancelled dialog, or an answer that is no positive number, keeps what the data had
     if (PCD_AskValue(kPcdNoticeTitle, "voxel size(mm)", "1.0", &value) == kPcdValueOk &&
         std::sscanf(value.c_str(), "%f", &size) == 1 && size > 0.0f) {
-      pcd_app->dti->reserved = size;
+      pcd_app->session.dti->reserved = size;
       std::fprintf(stderr, "Voxel size is specified as %f mm.\n", static_cast<double>(size));
     }
   }
@@ -115,19 +114,19 @@ void PCD_LoadVolume(int importKind, const char* fileName) {
     app->memo = info;
     TakeVolume(read, series.voxelSize);
     if (series.hasDiffusion) {  // the files' own setting replaces the default
-      PCD_SetDicomMpgSetting(app->dti, series);
-      PCDdti_DumpMPGvectorSetting(app->dti);
+      PCD_SetDicomMpgSetting(app->session.dti, series);
+      PCDdti_DumpMPGvectorSetting(app->session.dti);
     }
   } else if (importKind == PCD_IMPORT_DTI_FILE) {
     std::string info;
     PcdDtiData* read = ReadDtiFile(path.c_str(), &info);
     if (read == nullptr) return;  // refused: the current data set stays
-    std::free(app->dti);
-    PCD_DeleteRawVolumeData(app->volume);
-    app->dti = read;
-    app->volume = read->volume;
+    std::free(app->session.dti);
+    PCD_DeleteRawVolumeData(app->session.volume);
+    app->session.dti = read;
+    app->session.volume = read->volume;
     app->memo = info;
-    PCDdti_DumpMPGvectorSetting(app->dti);
+    PCDdti_DumpMPGvectorSetting(app->session.dti);
   } else {
     std::string info;
     PcdRawVolumeData* read = ReadRawVolumeFile(path.c_str(), &info);
@@ -138,10 +137,10 @@ void PCD_LoadVolume(int importKind, const char* fileName) {
   std::fputs("ROI cleaned in PELLUCID.\n", stderr);
   PCD_CleanUpObjects();
   PCD_RefreshMemo();
-  pcd_viewer_send_volume(app->volume);
+  pcd_viewer_send_volume(app->session.volume);
   PCD_UpdatePanels();
   app->levelSetting = kPcdLevelSettingDefault;
-  if (app->dti && pcd_viewer_send_voxel_size(app->dti->reserved) != 0)
+  if (app->session.dti && pcd_viewer_send_voxel_size(app->session.dti->reserved) != 0)
     std::fputs("Warning: Voxel size is not specified in PELLUCID.\n", stderr);
   PCD_SetStatus(" initialized.");
 }

@@ -24,7 +24,7 @@ constexpr char kPcdMpgNotReadyText[] =
 // The recognition text for a DTI data set (its volume must exist).
 std::string PCD_RecognitionText(const PcdDtiData* dti);
 
-// Replaces pcd_app->dti with DTI data made from the leading monochrome SINT16 channels of
+// Replaces pcd_app->session.dti with DTI data made from the leading monochrome SINT16 channels of
 // the current volume, with the single-So default applied and printed.
 void PCD_CreateDtiData();
 

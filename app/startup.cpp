@@ -13,7 +13,7 @@ namespace {
 
 // A viewer without a volume gives an empty data set: its size reads 0x0x0 x 0.
 void WriteMemoFromViewer() {
-  const PcdIntSize4D s = pcd_app->volume ? *pcd_app->volume->matrixSize : PcdIntSize4D{0, 0, 0, 0};
+  const PcdIntSize4D s = pcd_app->session.volume ? *pcd_app->session.volume->matrixSize : PcdIntSize4D{0, 0, 0, 0};
   char text[256];
   std::snprintf(text, sizeof text, "Data Source: IPC with PELLUCID\nMatrix size: %dx%dx%d x %d(ch)\n", s.x, s.y,
                 s.z, s.channels);
@@ -62,15 +62,15 @@ int PCD_InitializeApplication(int argc, char** argv) {
   app->viewerObjectId = pcd_viewer_allocate_object_group();
   if (app->viewerObjectId == -1) std::fputs("<!!!> failed to allocate object in server.\n", stderr);
 
-  app->volume = nullptr;
-  app->selectedRoiId = app->selectedStudyId = kPcdNoObjectId;
+  app->session.volume = nullptr;
+  app->session.rois.selectedId = app->session.studies.selectedId = kPcdNoObject;
   std::fputs(">> Establishing connection ... ", stderr);
   bool viewerEmpty = false;
-  app->volume = pcd_viewer_receive_volume(&viewerEmpty);
-  if (app->volume == nullptr && !viewerEmpty) return Fail();
+  app->session.volume = pcd_viewer_receive_volume(&viewerEmpty);
+  if (app->session.volume == nullptr && !viewerEmpty) return Fail();
   std::fputs("OK\n", stderr);
   WriteMemoFromViewer();
-  app->dti = nullptr;
+  app->session.dti = nullptr;
   PCD_CreateDtiData();
   app->studyPerformer = app->roiEditor = app->roiPalette = nullptr;
 
@@ -98,10 +98,10 @@ void PCD_CleanUpApplication() {
   pcd_viewer_release_objects();
   std::fprintf(stderr, "Requesting removal of Object %d\n", app->viewerObjectId);
   if (app->viewerObjectId != -1) pcd_viewer_remove_object(app->viewerObjectId);
-  std::free(app->dti);
-  app->dti = nullptr;
-  PCD_DeleteRawVolumeData(app->volume);
-  app->volume = nullptr;
+  std::free(app->session.dti);
+  app->session.dti = nullptr;
+  PCD_DeleteRawVolumeData(app->session.volume);
+  app->session.volume = nullptr;
   PCD_CleanUpObjects();
   PCD_DisconnectCoreNotices();
   PCD_DeleteViewContext(app->viewContext);

@@ -203,25 +203,25 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   EXPECT_NE(testing::internal::GetCapturedStderr().find("MPG setting NOT ready"), std::string::npos);
   EXPECT_EQ(g_seen[0].text, "So (b=0) Ch.");
   EXPECT_EQ(g_seen[0].initialText, "1");
-  EXPECT_EQ(pcd_app->dti->isReady, 0);  // 2 So + 5 DWIs cannot be fitted
+  EXPECT_EQ(pcd_app->session.dti->isReady, 0);  // 2 So + 5 DWIs cannot be fitted
   g_answers = {{kPcdValueOk, "1"}};
   testing::internal::CaptureStderr();
   cmd_manual_set(nullptr, PCD_MANUAL_SO_CHANNELS, nullptr);
   testing::internal::GetCapturedStderr();
-  EXPECT_EQ(pcd_app->dti->isReady, 1);
+  EXPECT_EQ(pcd_app->session.dti->isReady, 1);
   cmd_manual_set(nullptr, PCD_MANUAL_UNIFORM_B, nullptr);  // cancelled
-  EXPECT_EQ(PCDdti_GetUniformBvalueOfDTI(pcd_app->dti), 1000.0f);
+  EXPECT_EQ(PCDdti_GetUniformBvalueOfDTI(pcd_app->session.dti), 1000.0f);
 
   // loading with a ready setting asks first; a cancel, then a refused file, keep all
   g_seen.clear();
-  PcdRawVolumeData* before = pcd_app->volume;
+  PcdRawVolumeData* before = pcd_app->session.volume;
   PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, dir.file("phantom.raw").c_str());
   ASSERT_EQ(g_seen.size(), 1u);
   EXPECT_EQ(g_seen[0].text, "Discard current session data?");
   quorix_test::WriteFileText(dir.file("garbage.raw"), "not a volume");
   g_answers = {{kPcdConfirmYes, ""}};
   PCD_LoadVolume(PCD_IMPORT_RAW_VOLUME, dir.file("garbage.raw").c_str());
-  EXPECT_EQ(pcd_app->volume, before);
+  EXPECT_EQ(pcd_app->session.volume, before);
   EXPECT_EQ(g_seen.back().text, "This is NOT a PELLUCID file.");
   EXPECT_EQ(g_seen.back().title, "Warning");
 
@@ -255,7 +255,7 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   EXPECT_TRUE(ConsoleHasInOrder(err, out, {"Analysis completed in ", " sec.\n", sent, "done.\n", sent,
                                            "done.\n", sent, "done.\n", sent, "done.\n",
                                            "4 channels added.\n"}));
-  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 11);
+  EXPECT_EQ(pcd_app->session.volume->matrixSize->channels, 11);
   size_t channels = 0;
   for (const auto& e : std::filesystem::directory_iterator(dir.path() / "saved"))
     channels += e.path().filename().string().find("channel") != std::string::npos;
@@ -308,8 +308,8 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   for (const char* name : {"x.dti", "mpg.txt", "vol.raw"}) EXPECT_TRUE(std::filesystem::exists(dir.file(name))) << name;
 
   // a DICOM import cancelled at the question loses nothing
-  PcdRawVolumeData* const volume = pcd_app->volume;
-  PcdDtiData* const dti = pcd_app->dti;
+  PcdRawVolumeData* const volume = pcd_app->session.volume;
+  PcdDtiData* const dti = pcd_app->session.dti;
   g_seen.clear();
   PCD_LoadVolume(PCD_IMPORT_DICOM, nullptr);
   ASSERT_EQ(g_seen.size(), 1u);
@@ -322,8 +322,8 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   PCD_LoadVolume(PCD_IMPORT_DTI_FILE, dir.file("bad.dti").c_str());
   EXPECT_EQ(g_seen.back().title, "Warning");
   EXPECT_EQ(g_seen.back().text, "This is NOT a DTI file.");
-  EXPECT_EQ(pcd_app->volume, volume);
-  EXPECT_EQ(pcd_app->dti, dti);
+  EXPECT_EQ(pcd_app->session.volume, volume);
+  EXPECT_EQ(pcd_app->session.dti, dti);
 
   // the exported raw volume comes back; it carries no voxel size, so it is asked for
   g_seen.clear();
@@ -340,8 +340,8 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   EXPECT_EQ(g_seen[2].text, "voxel size(mm)");
   EXPECT_EQ(g_seen[2].initialText, "1.0");
   EXPECT_EQ(g_seen[3].text.rfind("Quorix.II recognized", 0), 0u);
-  EXPECT_EQ(pcd_app->dti->reserved, 2.5f);
-  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 7);
+  EXPECT_EQ(pcd_app->session.dti->reserved, 2.5f);
+  EXPECT_EQ(pcd_app->session.volume->matrixSize->channels, 7);
   EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel)), " initialized.");
 
   // uniform b: every DWI channel, the So channel untouched; then the MPG file brings 1000 back
@@ -351,13 +351,13 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   const std::string dump = testing::internal::GetCapturedStderr();
   EXPECT_NE(dump.find("   7   b=800.0, g="), std::string::npos) << dump;
   EXPECT_EQ(g_seen.back().initialText, "1000.00");
-  EXPECT_EQ(pcd_app->dti->bValues[0], 0.0f);
-  EXPECT_EQ(pcd_app->dti->bValues[6], 800.0f);
+  EXPECT_EQ(pcd_app->session.dti->bValues[0], 0.0f);
+  EXPECT_EQ(pcd_app->session.dti->bValues[6], 800.0f);
   g_answers = {chosen(dir.file("mpg.txt"))};
   testing::internal::CaptureStderr();
   cmd_import_mpg(nullptr, 0, nullptr);
   testing::internal::GetCapturedStderr();
-  EXPECT_EQ(pcd_app->dti->bValues[6], 1000.0f);
+  EXPECT_EQ(pcd_app->session.dti->bValues[6], 1000.0f);
   EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel)), "MPG vector data imported.");
 
   // the DTI file brings its own setting and description
@@ -368,15 +368,15 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   testing::internal::GetCapturedStderr();
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(pcd_app->memo.rfind("Data Source: DTI file\n", 0), 0u) << pcd_app->memo;
-  EXPECT_EQ(pcd_app->dti->volume, pcd_app->volume);
-  EXPECT_EQ(pcd_app->dti->isReady, 1);
+  EXPECT_EQ(pcd_app->session.dti->volume, pcd_app->session.volume);
+  EXPECT_EQ(pcd_app->session.dti->isReady, 1);
 
   // four DWIs cannot be fitted: the setting is no longer ready and quit asks nothing
   g_answers = {{kPcdValueOk, "5"}};
   testing::internal::CaptureStderr();
   cmd_manual_set(nullptr, PCD_MANUAL_TOTAL_CHANNELS, nullptr);
   testing::internal::GetCapturedStderr();
-  EXPECT_EQ(pcd_app->dti->isReady, 0);
+  EXPECT_EQ(pcd_app->session.dti->isReady, 0);
   g_seen.clear();
   cmd_quit(nullptr, 0, nullptr);
   EXPECT_TRUE(g_seen.empty());
@@ -389,18 +389,18 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   ASSERT_EQ(g_seen.size(), 1u);
   EXPECT_EQ(g_seen[0].title, "Important Notice");
   EXPECT_EQ(g_seen[0].text, refused);
-  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 7);
+  EXPECT_EQ(pcd_app->session.volume->matrixSize->channels, 7);
 
   // an explicit setting over more channels than the volume holds is refused the same way
-  pcd_app->dti->channelCount = 9;
-  pcd_app->dti->isReady = 1;
+  pcd_app->session.dti->channelCount = 9;
+  pcd_app->session.dti->isReady = 1;
   g_seen.clear();
   testing::internal::CaptureStderr();
   cmd_add_computational_channels(nullptr, 0, nullptr);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Err: the MPG setting describes 9 channels but the volume holds 7\n");
   ASSERT_EQ(g_seen.size(), 1u);
-  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 7);
+  EXPECT_EQ(pcd_app->session.volume->matrixSize->channels, 7);
 
   // a cancelled voxel size question keeps the size the new volume came with (none)
   g_seen.clear();
@@ -410,7 +410,7 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   const std::string cancelled = testing::internal::GetCapturedStderr();
   ASSERT_GE(g_seen.size(), 3u);
   EXPECT_EQ(g_seen[2].text, "voxel size(mm)");
-  EXPECT_EQ(pcd_app->dti->reserved, 0.0f);
+  EXPECT_EQ(pcd_app->session.dti->reserved, 0.0f);
   EXPECT_EQ(cancelled.find("Voxel size is specified"), std::string::npos) << cancelled;
 
   testing::internal::CaptureStdout();

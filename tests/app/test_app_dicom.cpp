@@ -88,7 +88,7 @@ TEST(DesktopDicomImport, MenuCommandImportsADirectoryThroughTheLoadingWorkflow) 
   Console console;
 
   // cancelled at the question, then at the directory chooser: nothing changes
-  PcdRawVolumeData* const before = pcd_app->volume;
+  PcdRawVolumeData* const before = pcd_app->session.volume;
   g_seen.clear();
   ImportDicomFromMenu(&console);
   ASSERT_EQ(g_seen.size(), 1u);
@@ -103,7 +103,7 @@ TEST(DesktopDicomImport, MenuCommandImportsADirectoryThroughTheLoadingWorkflow) 
   g_answers = {{kPcdConfirmYes, ""}, chosen(dir.file("empty"))};
   ImportDicomFromMenu(&console);
   EXPECT_NE(console.err.find("Found 0 files\nErr: no DICOM image numbered 1"), std::string::npos) << console.err;
-  EXPECT_EQ(pcd_app->volume, before);
+  EXPECT_EQ(pcd_app->session.volume, before);
   EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel)), "DICOM import failed.");
 
   // the diffusion series: resampled 2:1, its own voxel size (nothing asked), its own MPG setting
@@ -126,11 +126,11 @@ TEST(DesktopDicomImport, MenuCommandImportsADirectoryThroughTheLoadingWorkflow) 
   EXPECT_NE(g_seen[2].text.find("matrix size:    6 x 5 x 3 (7 channels)"), std::string::npos) << g_seen[2].text;
   EXPECT_EQ(pcd_app->memo.rfind("Data Source: DICOM\nLocal DICOM directory: \n" + dir.file("dwi") + "/\n", 0), 0u)
       << pcd_app->memo;
-  EXPECT_EQ(pcd_app->dti->reserved, 2.0f);
-  EXPECT_EQ(pcd_app->dti->isReady, 1);
-  EXPECT_EQ(pcd_app->dti->mpgVectors[3].z, 1.0f);  // axial: (0, 0, 1) stays as it is
+  EXPECT_EQ(pcd_app->session.dti->reserved, 2.0f);
+  EXPECT_EQ(pcd_app->session.dti->isReady, 1);
+  EXPECT_EQ(pcd_app->session.dti->mpgVectors[3].z, 1.0f);  // axial: (0, 0, 1) stays as it is
   // the middle slice lies halfway between the two written ones (which differ by 100)
-  const int16_t* so = static_cast<const int16_t*>(pcd_app->volume->data[0]);
+  const int16_t* so = static_cast<const int16_t*>(pcd_app->session.volume->data[0]);
   EXPECT_EQ(so[0], -500);
   EXPECT_EQ(so[30], -450);
   EXPECT_EQ(so[60], -400);
@@ -146,8 +146,8 @@ TEST(DesktopDicomImport, MenuCommandImportsADirectoryThroughTheLoadingWorkflow) 
   EXPECT_NE(console.err.find("Warning: no pixel size in DICOM; z is not resampled\n"
                              "Interpolating in z direction (ratio:1.000)...done\n"), std::string::npos) << console.err;
   EXPECT_NE(console.err.find("Voxel size is specified as 1.500000 mm.\n"), std::string::npos) << console.err;
-  EXPECT_EQ(pcd_app->dti->reserved, 1.5f);
-  EXPECT_EQ(pcd_app->volume->matrixSize->channels, 2);
+  EXPECT_EQ(pcd_app->session.dti->reserved, 1.5f);
+  EXPECT_EQ(pcd_app->session.volume->matrixSize->channels, 2);
 
   testing::internal::CaptureStdout();
   PCD_CleanUpApplication();

@@ -36,10 +36,10 @@ TEST(DesktopProgramWithoutVolume, GoesOnToTheNotReadyNoticeWithAnEmptyDataSet) {
   ASSERT_EQ(started, 1) << err;
   EXPECT_LT(took, std::chrono::seconds(5));
 
-  EXPECT_EQ(pcd_app->volume, nullptr);
+  EXPECT_EQ(pcd_app->session.volume, nullptr);
   EXPECT_EQ(pcd_app->memo, "Data Source: IPC with PELLUCID\nMatrix size: 0x0x0 x 0(ch)\n");
-  ASSERT_NE(pcd_app->dti, nullptr);
-  EXPECT_EQ(pcd_app->dti->isReady, 0);
+  ASSERT_NE(pcd_app->session.dti, nullptr);
+  EXPECT_EQ(pcd_app->session.dti->isReady, 0);
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].title, "Important Notice");
   EXPECT_EQ(seen[0].text, "MPG setting is NOT ready or loaded volume \ndata set is NOT relevant for MR-DTI analysis.");

@@ -73,6 +73,12 @@ struct OwnBoard {
   void SetWord(size_t offset, int32_t v) {
     __atomic_store(reinterpret_cast<int32_t*>(view + offset), &v, __ATOMIC_RELEASE);
   }
+  // Clears a word only while it still holds what was read: a client that wrote its next
+  // request between our read and our clear would otherwise lose it.
+  bool TakeWord(size_t offset, int32_t expected) {
+    return __atomic_compare_exchange_n(reinterpret_cast<int32_t*>(view + offset), &expected, 0, false,
+                                       __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+  }
   void SetFloat(size_t offset, float f) {
     int32_t bits;
     std::memcpy(&bits, &f, 4);
@@ -150,10 +156,7 @@ struct Server {
     auto quietSince = start;
     const auto quiet = milliseconds(options.acceptPauseMs);
     for (auto now = start; now - quietSince < quiet && now - start < seconds(2); now = steady_clock::now()) {
-      if (rb.Word(kPcdIpcTypeOffset) == lastType) {
-        rb.SetWord(kPcdIpcTypeOffset, 0);
-        quietSince = now;
-      }
+      if (rb.TakeWord(kPcdIpcTypeOffset, lastType)) quietSince = now;
       std::this_thread::sleep_for(microseconds(200));
     }
   }
@@ -326,11 +329,11 @@ struct Server {
     lastActivity = std::chrono::steady_clock::now();
     if (type <= 0) return false;  // taken back between the two reads
     if (!validId) {
-      rb.SetWord(kPcdIpcTypeOffset, 0);
+      rb.TakeWord(kPcdIpcTypeOffset, type);
       return true;
     }
     if (type == PCDipc_REQUEST_TYPE_CONNECTION) {
-      rb.SetWord(kPcdIpcTypeOffset, 0);
+      rb.TakeWord(kPcdIpcTypeOffset, type);
       if (connected) return true;  // one client at a time
       bb.SetText(kPcdIpcIdOffset, id, kPcdIpcIdLength);
       bb.SetWord(0, 1);
@@ -343,7 +346,7 @@ struct Server {
     // only the connected client is served; anyone else's request is taken off the board
     // unanswered, a disconnection too: its acceptance would end the connected client's wait
     if (!connected || id != client) {
-      rb.SetWord(kPcdIpcTypeOffset, 0);
+      rb.TakeWord(kPcdIpcTypeOffset, type);
       if (type != PCDipc_REQUEST_TYPE_DISCONNECTION && connected) Log("request %d of another client refused", type);
       // a free server serves a client that did not connect first, as it always did
       if (type != PCDipc_REQUEST_TYPE_DISCONNECTION && !connected) ServeOnce(type, r);
@@ -352,7 +355,7 @@ struct Server {
     if (type == PCDipc_REQUEST_TYPE_DISCONNECTION) {
       FreeLink("disconnected");
       Accept(type);
-      rb.SetWord(kPcdIpcTypeOffset, 0);
+      rb.TakeWord(kPcdIpcTypeOffset, type);
       return true;
     }
     ServeOnce(type, r);
@@ -361,7 +364,7 @@ struct Server {
 
   void ServeOnce(int32_t type, const PcdIpcRequest& r) {
     const std::vector<int32_t> p(r.parameters, r.parameters + kPcdIpcParameterWords);
-    rb.SetWord(kPcdIpcTypeOffset, 0);
+    rb.TakeWord(kPcdIpcTypeOffset, type);
     if (type == lastType && p == lastParameters && mb.Word(kPcdIpcAcceptedOffset) == type)
       return;  // the waiting client wrote it again
     lastType = type;
