@@ -221,8 +221,8 @@ static std::unique_ptr<PcdVoxelGroup> read_voxel_group(PcdByteReader& r) {
 PcdDtiRegionGrowingCore PCD_DefaultRoiGrowingCore() {
   PcdDtiRegionGrowingCore core;
   core.mode = kPcdGrowByTensorProperty;
-  core.tensorCriteria[kPcdGrowingFAminWord] = 0.2f;
-  core.tensorCriteria[kPcdGrowingAngleMaxWord] = 5.0f;
+  PCD_SetGrowingFAmin(&core, 0.2f);
+  PCD_SetGrowingAngleMax(&core, 5.0f);
   core.generationLimit = 10;
   core.channel = 0;
   core.lowerBound = 1.0f;

@@ -139,6 +139,19 @@ void PCD_SetVoxelOfVoxelGroup(PcdVoxelGroup* group, int32_t x, int32_t y, int32_
 // its 80 bytes. A new ROI's: mode 654, FA 0.2, angle 5.0, 10 generations, channel 0,
 // signal 1.0 to 10000.0, the other criteria words zero.
 PcdDtiRegionGrowingCore PCD_DefaultRoiGrowingCore();
+// The two criteria words that growing reads, by name.
+inline float PCD_GetGrowingFAmin(const PcdDtiRegionGrowingCore* core) {
+  return core->tensorCriteria[kPcdGrowingFAminWord];
+}
+inline void PCD_SetGrowingFAmin(PcdDtiRegionGrowingCore* core, float value) {
+  core->tensorCriteria[kPcdGrowingFAminWord] = value;
+}
+inline float PCD_GetGrowingAngleMax(const PcdDtiRegionGrowingCore* core) {
+  return core->tensorCriteria[kPcdGrowingAngleMaxWord];
+}
+inline void PCD_SetGrowingAngleMax(PcdDtiRegionGrowingCore* core, float value) {
+  core->tensorCriteria[kPcdGrowingAngleMaxWord] = value;
+}
 
 // ---- the ROI object --------------------------------------------------------------------
 struct PcdRoiObject {

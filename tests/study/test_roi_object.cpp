@@ -371,8 +371,8 @@ TEST(RoiSerialization, GrowingCoreIsTheRegionGrowingCoreAndCarriesEveryBitOfItsW
   // the ROI's core is what region growing reads, and serializes to the same 80 bytes
   const PcdDtiRegionGrowingCore& core = roi->growing;
   EXPECT_EQ(core.mode, kPcdGrowBySingleSignal);
-  EXPECT_EQ(core.tensorCriteria[kPcdGrowingFAminWord], 0.3f);
-  EXPECT_EQ(core.tensorCriteria[kPcdGrowingAngleMaxWord], 12.5f);
+  EXPECT_EQ(PCD_GetGrowingFAmin(&core), 0.3f);
+  EXPECT_EQ(PCD_GetGrowingAngleMax(&core), 12.5f);
   EXPECT_EQ(core.generationLimit, 7);
   EXPECT_EQ(core.channel, 2);
   EXPECT_EQ(core.upperBound, 5.0f);
