@@ -52,11 +52,12 @@ int64_t available_memory_bytes() {
   return pages > 0 && size > 0 ? static_cast<int64_t>(pages) * size : INT64_MAX;
 }
 
-// Eight (n + 4)^2-float matrices live at once: the six systems, the decomposition's copy
-// and the inverse. Refused before anything is allocated when they cannot fit.
+// Three (n + 4)^2-float matrices are filled at once: the shared system, the
+// decomposition's copy and the inverse (the other five systems are allocated but never
+// written). Refused before anything is allocated when they cannot fit.
 bool systems_fit_in_memory(int32_t n) {
   const double side = static_cast<double>(n) + 4.0;
-  const double need = 8.0 * side * side * sizeof(float);
+  const double need = 3.0 * side * side * sizeof(float);
   const double have = static_cast<double>(available_memory_bytes());
   if (need <= have && n <= 46000) return true;
   std::fprintf(stderr,
@@ -87,18 +88,14 @@ bool controls_fit(const PcdDtiData* dti, const PcdRawVolumeData* controls) {
   return true;
 }
 
-// Reconstruction of all six: their systems are the same matrix, so it is filled once,
-// inverted once (columns over the threads) and each component multiplies its own values
-// in a thread of its own.
+// Reconstruction of all six: their systems are the same matrix, so it is filled once (in
+// Dxx: the other five never need theirs, whose pages are then never touched), inverted
+// once (columns over the threads) and each component multiplies its own values in a
+// thread of its own.
 bool reconstruct_interpolator(TensorInterPolator* t, int threads) {
   PCDrbf_FillRbfSystem3D(t->Dxx);
-  for (int k = 1; k < 6; ++k) {
-    PcdMatrix* to = (*component(t, k))->matrix;
-    const PcdMatrix* from = t->Dxx->matrix;
-    for (int32_t r = 0; r < from->rows; ++r)
-      std::memcpy(to->m[r], from->m[r], sizeof(float) * static_cast<size_t>(from->cols));
+  for (int k = 1; k < 6; ++k)
     std::memcpy((*component(t, k))->values->data + t->n, t->Dxx->values->data + t->n, 4 * sizeof(float));
-  }
   // more threads than cores only add start-up costs (the bytes never depend on the count)
   const int cores = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
   PcdMatrix* inverse = PCDnumerical_GetInversedMatrixLUThreaded(t->Dxx->matrix, std::min(threads, cores));

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "vol/raw_volume.h"
+#include "vol/simd.h"
 
 namespace {
 
@@ -100,6 +101,7 @@ float** lu_matrix(int n) {
   if (r <= SIZE_MAX / sizeof(float) / r)
     block = static_cast<float*>(std::malloc(r * r * sizeof(float)));
   if (block == nullptr) numerical_error("allocation failure 2 in matrix()");
+  PCD_AdviseHugePages(block, r * r * sizeof(float));
   for (size_t i = 0; i < r; ++i) p[i] = block + i * r;
   return p;
 }
@@ -350,29 +352,28 @@ void diagonalise(float** u, int m, int n, float* w, float* e, float** v, float n
 
 // ---- LU decomposition -------------------------------------------------------------------
 
-// Hot loops over many independent entries are also built for AVX2 and picked at run time
-// (no FMA: every lane rounds exactly as the scalar code). Not under ThreadSanitizer,
-// whose runtime is not up when the clone resolver runs.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && \
-    !defined(__SANITIZE_THREAD__)
-#define PCD_LU_WIDE __attribute__((target_clones("avx2", "default")))
-#else
-#define PCD_LU_WIDE
+// Hot loops over many independent entries are written once over sixteen-float vectors and
+// built three times: baseline, AVX2 (two registers per vector) and AVX-512 (one). The
+// processor's level picks one at run time (vol/simd.h). No fused multiply-add is used
+// (-ffp-contract=off): every lane rounds exactly as the scalar code does.
+#if defined(__x86_64__) && defined(__GNUC__)
+#define PCD_HAVE_WIDE_CLONES 1
 #endif
 
-// Eight floats in one register where the target has them. The helpers below are always
-// inlined: a call would pass the vector differently in the AVX2 clone and in the baseline
-// helper (what the psABI note warns about), so none is ever made.
+// The vector helpers are always inlined: a call would pass the vector differently in the
+// wide builds and in the baseline (what the psABI note warns about), so none is ever made.
 #pragma GCC diagnostic ignored "-Wpsabi"
-using Lanes8 = float __attribute__((vector_size(32)));
 
-[[gnu::always_inline]] inline Lanes8 load8(const float* p) {
-  Lanes8 v;
+// Sixteen floats: one AVX-512 register, two AVX2 registers.
+using Lanes16 = float __attribute__((vector_size(64)));
+
+[[gnu::always_inline]] inline Lanes16 load16(const float* p) {
+  Lanes16 v;
   std::memcpy(&v, p, sizeof v);
   return v;
 }
 
-[[gnu::always_inline]] inline void store8(float* p, Lanes8 v) { std::memcpy(p, &v, sizeof v); }
+[[gnu::always_inline]] inline void store16(float* p, Lanes16 v) { std::memcpy(p, &v, sizeof v); }
 
 constexpr float kTiny = 1.0e-20f;  // stands in for an exactly zero pivot
 constexpr int kPanel = 48;         // columns factored together before the rest is updated
@@ -414,43 +415,29 @@ void lu_pivot_column(float** a, int n, int j, int* index, float* scale) {
 // a[i][c] -= a[i][k] * a[k][c] for k = k0 .. k1 in that order, for the rows first .. last
 // and the columns c0 .. n. Entries are independent of each other, so four rows times
 // sixteen columns stay in registers while the panel's rows stream past.
-PCD_LU_WIDE
-void lu_update_rows(float* const* a, int n, int first, int last, int k0, int k1, int c0) {
+[[gnu::always_inline]] inline void lu_update_rows_body(float* const* a, int n, int first, int last, int k0,
+                                                       int k1, int c0) {
   int c = c0;
   for (; c + 16 <= n + 1; c += 16) {
     int i = first;
     for (; i + 4 <= last + 1; i += 4) {
       float* r[4] = {a[i], a[i + 1], a[i + 2], a[i + 3]};
-      Lanes8 lo[4], hi[4];
+      Lanes16 acc[4];
 #pragma GCC unroll 4
-      for (int q = 0; q < 4; ++q) {
-        lo[q] = load8(r[q] + c);
-        hi[q] = load8(r[q] + c + 8);
-      }
+      for (int q = 0; q < 4; ++q) acc[q] = load16(r[q] + c);
       for (int k = k0; k <= k1; ++k) {
-        const Lanes8 ulo = load8(a[k] + c), uhi = load8(a[k] + c + 8);
+        const Lanes16 u = load16(a[k] + c);
 #pragma GCC unroll 4
-        for (int q = 0; q < 4; ++q) {
-          const float l = r[q][k];
-          lo[q] = lo[q] - l * ulo;
-          hi[q] = hi[q] - l * uhi;
-        }
+        for (int q = 0; q < 4; ++q) acc[q] = acc[q] - r[q][k] * u;
       }
 #pragma GCC unroll 4
-      for (int q = 0; q < 4; ++q) {
-        store8(r[q] + c, lo[q]);
-        store8(r[q] + c + 8, hi[q]);
-      }
+      for (int q = 0; q < 4; ++q) store16(r[q] + c, acc[q]);
     }
     for (; i <= last; ++i) {
       float* row = a[i];
-      Lanes8 lo = load8(row + c), hi = load8(row + c + 8);
-      for (int k = k0; k <= k1; ++k) {
-        lo = lo - row[k] * load8(a[k] + c);
-        hi = hi - row[k] * load8(a[k] + c + 8);
-      }
-      store8(row + c, lo);
-      store8(row + c + 8, hi);
+      Lanes16 acc = load16(row + c);
+      for (int k = k0; k <= k1; ++k) acc = acc - row[k] * load16(a[k] + c);
+      store16(row + c, acc);
     }
   }
   for (int i = first; i <= last; ++i)
@@ -528,53 +515,95 @@ std::vector<int> lu_column_labels(int n, const int* index) {
 }
 
 constexpr int kBlockColumns = 64;  // columns of the inverse solved side by side
-constexpr int kBlockVectors = kBlockColumns / 8;
+constexpr int kBlockVectors = kBlockColumns / 16;
 
 // The columns whose units land at q0 .. q0 + 63 after the interchanges, solved side by
 // side in x (row i at x + 64 i): forward substitution from row q0 (above it every entry
 // is zero) and back substitution. Each column receives exactly the terms of
 // lu_back_substitute in the same order; the terms it skips there multiply an exact zero
 // here and change nothing.
-PCD_LU_WIDE
-void lu_solve_column_block(float* const* a, int n, int q0, const int* label, PcdMatrix* out,
-                           std::vector<float>* scratch) {
+[[gnu::always_inline]] inline void lu_solve_column_block_body(float* const* a, int n, int q0,
+                                                               const int* label, PcdMatrix* out,
+                                                               std::vector<float>* scratch) {
   float* x = scratch->data();
   auto row_of = [x](int i) { return x + static_cast<size_t>(i) * kBlockColumns; };
   std::fill(scratch->begin(), scratch->end(), 0.0f);
   for (int c = 0; c < kBlockColumns && q0 + c <= n; ++c) row_of(q0 + c)[c] = 1.0f;
   for (int i = q0 + 1; i <= n; ++i) {
-    Lanes8 acc[kBlockVectors];
-    #pragma GCC unroll 8
-    for (int v = 0; v < kBlockVectors; ++v) acc[v] = load8(row_of(i) + 8 * v);
+    Lanes16 acc[kBlockVectors];
+    #pragma GCC unroll 4
+    for (int v = 0; v < kBlockVectors; ++v) acc[v] = load16(row_of(i) + 16 * v);
     const float* row = a[i];
     for (int j = q0; j < i; ++j) {
       const float l = row[j];
       const float* xj = row_of(j);
-      #pragma GCC unroll 8
-      for (int v = 0; v < kBlockVectors; ++v) acc[v] = acc[v] - l * load8(xj + 8 * v);
+      #pragma GCC unroll 4
+      for (int v = 0; v < kBlockVectors; ++v) acc[v] = acc[v] - l * load16(xj + 16 * v);
     }
-    #pragma GCC unroll 8
-    for (int v = 0; v < kBlockVectors; ++v) store8(row_of(i) + 8 * v, acc[v]);
+    #pragma GCC unroll 4
+    for (int v = 0; v < kBlockVectors; ++v) store16(row_of(i) + 16 * v, acc[v]);
   }
   for (int i = n; i >= 1; --i) {
-    Lanes8 acc[kBlockVectors];
-    #pragma GCC unroll 8
-    for (int v = 0; v < kBlockVectors; ++v) acc[v] = load8(row_of(i) + 8 * v);
+    Lanes16 acc[kBlockVectors];
+    #pragma GCC unroll 4
+    for (int v = 0; v < kBlockVectors; ++v) acc[v] = load16(row_of(i) + 16 * v);
     const float* row = a[i];
     for (int j = i + 1; j <= n; ++j) {
       const float u = row[j];
       const float* xj = row_of(j);
-      #pragma GCC unroll 8
-      for (int v = 0; v < kBlockVectors; ++v) acc[v] = acc[v] - u * load8(xj + 8 * v);
+      #pragma GCC unroll 4
+      for (int v = 0; v < kBlockVectors; ++v) acc[v] = acc[v] - u * load16(xj + 16 * v);
     }
     const float d = row[i];
-    #pragma GCC unroll 8
-    for (int v = 0; v < kBlockVectors; ++v) store8(row_of(i) + 8 * v, acc[v] / d);
+    #pragma GCC unroll 4
+    for (int v = 0; v < kBlockVectors; ++v) store16(row_of(i) + 16 * v, acc[v] / d);
   }
   for (int c = 0; c < kBlockColumns && q0 + c <= n; ++c) {
     const int column = label[static_cast<size_t>(q0 + c)] - 1;
     for (int i = 1; i <= n; ++i) out->m[i - 1][column] = row_of(i)[c];
   }
+}
+
+#ifdef PCD_HAVE_WIDE_CLONES
+[[gnu::target("avx512f")]] void lu_update_rows_avx512(float* const* a, int n, int first, int last, int k0, int k1,
+                                                      int c0) {
+  lu_update_rows_body(a, n, first, last, k0, k1, c0);
+}
+[[gnu::target("avx2")]] void lu_update_rows_avx2(float* const* a, int n, int first, int last, int k0, int k1,
+                                                 int c0) {
+  lu_update_rows_body(a, n, first, last, k0, k1, c0);
+}
+[[gnu::target("avx512f")]] void lu_solve_column_block_avx512(float* const* a, int n, int q0, const int* label,
+                                                             PcdMatrix* out, std::vector<float>* scratch) {
+  lu_solve_column_block_body(a, n, q0, label, out, scratch);
+}
+[[gnu::target("avx2")]] void lu_solve_column_block_avx2(float* const* a, int n, int q0, const int* label,
+                                                        PcdMatrix* out, std::vector<float>* scratch) {
+  lu_solve_column_block_body(a, n, q0, label, out, scratch);
+}
+#endif
+
+void lu_update_rows(float* const* a, int n, int first, int last, int k0, int k1, int c0) {
+#ifdef PCD_HAVE_WIDE_CLONES
+  switch (PCD_GetSimdLevel()) {
+    case PCD_SIMD_AVX512: return lu_update_rows_avx512(a, n, first, last, k0, k1, c0);
+    case PCD_SIMD_AVX2: return lu_update_rows_avx2(a, n, first, last, k0, k1, c0);
+    default: break;
+  }
+#endif
+  lu_update_rows_body(a, n, first, last, k0, k1, c0);
+}
+
+void lu_solve_column_block(float* const* a, int n, int q0, const int* label, PcdMatrix* out,
+                           std::vector<float>* scratch) {
+#ifdef PCD_HAVE_WIDE_CLONES
+  switch (PCD_GetSimdLevel()) {
+    case PCD_SIMD_AVX512: return lu_solve_column_block_avx512(a, n, q0, label, out, scratch);
+    case PCD_SIMD_AVX2: return lu_solve_column_block_avx2(a, n, q0, label, out, scratch);
+    default: break;
+  }
+#endif
+  lu_solve_column_block_body(a, n, q0, label, out, scratch);
 }
 
 }  // namespace

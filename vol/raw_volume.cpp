@@ -156,8 +156,22 @@ Pcd2DArray PCD_New2DArray(int32_t sizeX, int32_t sizeY, int32_t type) {
     std::free(rows);
     return nullptr;
   }
+  PCD_AdviseHugePages(block, static_cast<size_t>(count) * elem);
   for (int32_t y = 0; y < sizeY; ++y) rows[y] = block + static_cast<size_t>(y) * sizeX * elem;
   return rows;
+}
+
+void PCD_AdviseHugePages(void* block, size_t bytes) {
+#ifdef MADV_HUGEPAGE
+  constexpr size_t kHuge = size_t{2} << 20;
+  if (block == nullptr || bytes < 2 * kHuge) return;
+  const auto start = reinterpret_cast<uintptr_t>(block);
+  const uintptr_t first = (start + kHuge - 1) / kHuge * kHuge, last = (start + bytes) / kHuge * kHuge;
+  if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+#else
+  (void)block;
+  (void)bytes;
+#endif
 }
 
 void PCD_Delete2DArray(Pcd2DArray handle, int32_t, int32_t, int32_t) {

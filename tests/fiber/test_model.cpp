@@ -169,8 +169,8 @@ TEST(FiberModeling, RefusesWithoutATensorField) {
   EXPECT_EQ(none.said, "Modeling start\nErr: no control-location volume\n");
 }
 
-// 64 x 64 x 16 voxels all on the grid: 65,536 control points would need 8 systems of
-// 65,540^2 floats (137 GB). Refused before anything is allocated.
+// 64 x 64 x 16 voxels all on the grid: 65,536 control points would need three matrices of
+// 65,540^2 floats (52 GB). Refused before anything is allocated.
 TEST(FiberModeling, RefusesAControlRegionWhoseSystemsExceedMemory) {
   Phantom p(64, 64, 16, 6);
   VolumePtr all = Controls(p, [](int, int, int) { return true; });

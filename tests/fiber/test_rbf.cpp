@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "fiber/rbf.h"
+#include "vol/simd.h"
 
 namespace {
 
@@ -365,10 +366,13 @@ bool SameMatrix(const PcdMatrix* a, const PcdMatrix* b) {
 }
 
 // The blocked decomposition and the column-block inverse against Crout's loops and the
-// one-column solve, across panel and block boundaries and thread counts.
+// one-column solve, across panel and block boundaries, thread counts and every vector
+// width the processor has.
 TEST(LuFastPaths, BlockedDecompositionAndColumnBlocksGiveTheTextbookBytes) {
+  for (PcdSimdLevel level : {PCD_SIMD_BASELINE, PCD_SIMD_AVX2, PCD_SIMD_AVX512})
   for (int n : {1, 2, 17, 47, 48, 49, 97, 130}) {
-    SCOPED_TRACE(n);
+    SCOPED_TRACE(testing::Message() << "n " << n << ", level " << level);
+    PCD_SetSimdLevelLimit(level);
     const std::vector<float> a = RandomMatrix(n, static_cast<uint32_t>(n));
     Scratch crout(a, n);
     lu_decompose_crout(crout.rows.data(), n, crout.index.data(), crout.scale.data());
@@ -387,6 +391,7 @@ TEST(LuFastPaths, BlockedDecompositionAndColumnBlocksGiveTheTextbookBytes) {
     }
     PCD_DeleteMatrix(plain);
   }
+  PCD_SetSimdLevelLimit(PCD_SIMD_AVX512);
 }
 
 // An infinite entry makes NaN out of zero terms: the column blocks must then give way to
