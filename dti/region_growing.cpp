@@ -42,7 +42,7 @@ T FromBits(uint32_t w) {
 
 size_t PCDdti_GetSerializedSizeOfRegionGrowingContextCore() { return kPcdRegionGrowingCoreSize; }
 
-void PCDdti_SerializeRegionGrowingContextCore(const PcdDtiRegionGrowingContext* c,
+void PCDdti_SerializeRegionGrowingContextCore(const PcdDtiRegionGrowingCore* c,
                                               uint8_t* buffer) {
   PutWord(buffer, BitsOf(c->mode));
   for (int i = 0; i < 15; ++i) PutWord(buffer + 4 + 4 * i, BitsOf(c->tensorCriteria[i]));
@@ -52,7 +52,7 @@ void PCDdti_SerializeRegionGrowingContextCore(const PcdDtiRegionGrowingContext* 
   PutWord(buffer + 76, BitsOf(c->upperBound));
 }
 
-void PCDdti_GetRegionGrowingContextCoreFromSerializedData(PcdDtiRegionGrowingContext* c,
+void PCDdti_GetRegionGrowingContextCoreFromSerializedData(PcdDtiRegionGrowingCore* c,
                                                           const uint8_t* buffer) {
   c->mode = FromBits<int32_t>(GetWord(buffer));
   for (int i = 0; i < 15; ++i) c->tensorCriteria[i] = FromBits<float>(GetWord(buffer + 4 + 4 * i));

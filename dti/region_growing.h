@@ -19,12 +19,24 @@ constexpr int32_t kPcdGrowByTensorProperty = 654;
 constexpr int kPcdGrowingFAminWord = 1;
 constexpr int kPcdGrowingAngleMaxWord = 13;
 
-struct PcdDtiRegionGrowingContext {
+// The core of the context: mode, criteria, generation limit, channel and bounds. It is
+// also what a ROI object keeps of its growing settings, and its serialized form is 80
+// little-endian bytes in field order: offset 0 mode, 4 the 60-byte criteria block, 64
+// generation limit, 68 channel, 72 lower and 76 upper bound.
+struct PcdDtiRegionGrowingCore {
   int32_t mode = 0;  // 345 grey growing, 654 tensor growing, anything else: nothing happens
   float tensorCriteria[15] = {};  // FA minimum in word 1, angle maximum (degrees) in word 13
   int32_t generationLimit = 0;    // the last generation that is grown from
   int32_t channel = 0;            // channel of the volume for grey growing
   float lowerBound = 0.0f, upperBound = 0.0f;  // signal range of grey growing, inclusive
+};
+constexpr size_t kPcdRegionGrowingCoreSize = 80;
+static_assert(sizeof(PcdDtiRegionGrowingCore) == kPcdRegionGrowingCoreSize,
+              "the core is its own serialized layout");
+
+// The core followed by what one growing run works on; the mask and the direction are not
+// serialized.
+struct PcdDtiRegionGrowingContext : PcdDtiRegionGrowingCore {
   // Seed mask on entry, region on return: channel 0, one unsigned byte a voxel, the data
   // set's x, y and z. While growing a voxel holds 0 (outside) or its generation (seeds
   // are 1), kept in 8 bits: a run of more than 254 generations wraps.
@@ -32,14 +44,10 @@ struct PcdDtiRegionGrowingContext {
   PcdVector3D regionDirection = {0.0f, 0.0f, 0.0f};  // tensor growing: unit sum of the e1
 };
 
-// The core of the context (mode, criteria, generation limit, channel, bounds) as 80
-// little-endian bytes: offset 0 mode, 4 the 60-byte criteria block, 64 generation limit,
-// 68 channel, 72 lower and 76 upper bound. The mask and the direction are not part of it.
-constexpr size_t kPcdRegionGrowingCoreSize = 80;
 size_t PCDdti_GetSerializedSizeOfRegionGrowingContextCore();
-void PCDdti_SerializeRegionGrowingContextCore(const PcdDtiRegionGrowingContext* context,
+void PCDdti_SerializeRegionGrowingContextCore(const PcdDtiRegionGrowingCore* context,
                                               uint8_t* buffer);
-void PCDdti_GetRegionGrowingContextCoreFromSerializedData(PcdDtiRegionGrowingContext* context,
+void PCDdti_GetRegionGrowingContextCoreFromSerializedData(PcdDtiRegionGrowingCore* context,
                                                           const uint8_t* buffer);
 
 // Grows the context's mask by its mode. Seeds are the mask voxels of value 1; seeds that

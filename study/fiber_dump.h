@@ -7,6 +7,8 @@
 #include "fiber/trakline.h"
 
 constexpr char kPcdFiberDumpDefaultName[] = "fibetrak_dump.txt";
+// The interpolated field that a modeling run writes when asked to dump.
+constexpr char kPcdModelDumpDefaultName[] = "fibemodel_dump.raw";
 
 // Writes the dump of the selected pairs (selection word nonzero) to file and returns their
 // number N. voxelSize scales the voxel coordinates to mm.

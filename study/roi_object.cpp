@@ -218,58 +218,16 @@ static std::unique_ptr<PcdVoxelGroup> read_voxel_group(PcdByteReader& r) {
 
 // ---- growing core ----------------------------------------------------------------------
 
-static float word_as_float(uint32_t word) {
-  float f;
-  std::memcpy(&f, &word, 4);
-  return f;
-}
-static uint32_t float_as_word(float f) {
-  uint32_t word;
-  std::memcpy(&word, &f, 4);
-  return word;
-}
-
-float PCD_GetGrowingFAmin(const PcdRoiGrowingCore* core) { return word_as_float(core->criteria[1]); }
-void PCD_SetGrowingFAmin(PcdRoiGrowingCore* core, float value) {
-  core->criteria[1] = float_as_word(value);
-}
-float PCD_GetGrowingAngleMax(const PcdRoiGrowingCore* core) {
-  return word_as_float(core->criteria[13]);
-}
-void PCD_SetGrowingAngleMax(PcdRoiGrowingCore* core, float value) {
-  core->criteria[13] = float_as_word(value);
-}
-
-PcdRoiGrowingCore PCD_DefaultRoiGrowingCore() {
-  PcdRoiGrowingCore core{};
-  core.mode = kPcdGrowTensor;
+PcdDtiRegionGrowingCore PCD_DefaultRoiGrowingCore() {
+  PcdDtiRegionGrowingCore core;
+  core.mode = kPcdGrowByTensorProperty;
   PCD_SetGrowingFAmin(&core, 0.2f);
   PCD_SetGrowingAngleMax(&core, 5.0f);
   core.generationLimit = 10;
   core.channel = 0;
-  core.lower = 1.0f;
-  core.upper = 10000.0f;
+  core.lowerBound = 1.0f;
+  core.upperBound = 10000.0f;
   return core;
-}
-
-static void serialize_growing_core(const PcdRoiGrowingCore& c, PcdByteWriter& w) {
-  w.Int32(c.mode);
-  for (uint32_t word : c.criteria) w.Word(word);
-  w.Int32(c.generationLimit);
-  w.Int32(c.channel);
-  w.Float32(c.lower);
-  w.Float32(c.upper);
-}
-
-static PcdRoiGrowingCore read_growing_core(PcdByteReader& r) {
-  PcdRoiGrowingCore c{};
-  c.mode = r.Int32();
-  for (uint32_t& word : c.criteria) word = r.Word();
-  c.generationLimit = r.Int32();
-  c.channel = r.Int32();
-  c.lower = r.Float32();
-  c.upper = r.Float32();
-  return c;
 }
 
 // ---- the ROI object --------------------------------------------------------------------
@@ -330,7 +288,7 @@ int PCD_CopyRoiObject(PcdRoiObject* dest, const PcdRoiObject* source) {
 
 size_t pcd_roi_serialized_size(const PcdRoiObject* roi) {
   return PCD_GetSerializedSizeOfRoiShape(roi->shape.get()) + 8 +
-         PCD_GetSerializedSizeOfVoxelGroup(roi->voxelGroup.get()) + 80 + 270;
+         PCD_GetSerializedSizeOfVoxelGroup(roi->voxelGroup.get()) + kPcdRegionGrowingCoreSize + 270;
 }
 
 size_t PCD_GetSerializedSizeOfRoiObject(const PcdRoiObject* roi) {
@@ -352,7 +310,8 @@ void PCD_SerializeRoiObject(const PcdRoiObject* roi, uint8_t* buffer) {
   w.at += PCD_GetSerializedSizeOfRoiShape(shape);
   w.Int32(roi->voxelGroup ? 1 : 0);
   if (roi->voxelGroup) serialize_voxel_group(roi->voxelGroup.get(), w);
-  serialize_growing_core(roi->growing, w);
+  PCDdti_SerializeRegionGrowingContextCore(&roi->growing, w.at);
+  w.at += kPcdRegionGrowingCoreSize;
   w.Int32(roi->status);
   w.Int32(roi->visible);
   w.Bytes(roi->label, sizeof roi->label);
@@ -383,7 +342,8 @@ PcdRoiObject* PCD_NewRoiObjectFromSerializedData(const uint8_t* buffer, size_t l
       return nullptr;
     }
   }
-  roi->growing = read_growing_core(r);
+  if (const uint8_t* core = r.Take(kPcdRegionGrowingCoreSize))
+    PCDdti_GetRegionGrowingContextCoreFromSerializedData(&roi->growing, core);
   roi->status = r.Int32();
   roi->visible = r.Int32();
   r.Bytes(roi->label, sizeof roi->label);

@@ -10,7 +10,7 @@
 //   4       112 + 4 P  the shape record (below) with P points
 //   ...     4          voxel group word: 1 when a voxel group follows, 0 when not
 //   ...     40 + D     the voxel group (below), only when the word is non-zero
-//   ...     80         the growing core (PcdRoiGrowingCore, in field order)
+//   ...     80         the growing core (PcdDtiRegionGrowingCore, its own layout)
 //   ...     4          status: 0 free, 1 locked
 //   ...     4          visible: 1 shown, 0 hidden
 //   ...     256        label, NUL-padded
@@ -48,6 +48,7 @@
 #include <memory>
 #include <vector>
 
+#include "dti/region_growing.h"
 #include "vol/raw_volume.h"
 
 constexpr uint16_t kPcdNoObject = 65535;  // no ROI / no study selected
@@ -134,28 +135,23 @@ int PCD_GetVoxelOfVoxelGroup(const PcdVoxelGroup* group, int32_t x, int32_t y, i
 void PCD_SetVoxelOfVoxelGroup(PcdVoxelGroup* group, int32_t x, int32_t y, int32_t z, int on);
 
 // ---- growing core --------------------------------------------------------------------
-// The 80 serialized bytes of the region growing context that a ROI carries: mode, the
-// 60-byte tensor criteria block (word 1 the FA minimum, word 13 the angle maximum, both
-// floats; the other words are carried unread), generation limit, channel, signal range.
-struct PcdRoiGrowingCore {
-  int32_t mode;
-  uint32_t criteria[15];
-  int32_t generationLimit;
-  int32_t channel;
-  float lower;
-  float upper;
-};
-static_assert(sizeof(PcdRoiGrowingCore) == 80, "the growing core is serialized as 80 bytes");
-
-constexpr int32_t kPcdGrowTensor = 654;  // grow if "Tensor Property"
-constexpr int32_t kPcdGrowSignal = 345;  // grow if "Single Signal"
-
-float PCD_GetGrowingFAmin(const PcdRoiGrowingCore* core);
-void PCD_SetGrowingFAmin(PcdRoiGrowingCore* core, float value);
-float PCD_GetGrowingAngleMax(const PcdRoiGrowingCore* core);
-void PCD_SetGrowingAngleMax(PcdRoiGrowingCore* core, float value);
-// Mode 654, FA 0.2, angle 5.0, 10 steps, channel 0, signal 1.0 to 10000.0, rest zero.
-PcdRoiGrowingCore PCD_DefaultRoiGrowingCore();
+// A ROI keeps the core of a region growing context (dti/region_growing.h), serialized as
+// its 80 bytes. A new ROI's: mode 654, FA 0.2, angle 5.0, 10 generations, channel 0,
+// signal 1.0 to 10000.0, the other criteria words zero.
+PcdDtiRegionGrowingCore PCD_DefaultRoiGrowingCore();
+// The two criteria words that growing reads, by name.
+inline float PCD_GetGrowingFAmin(const PcdDtiRegionGrowingCore* core) {
+  return core->tensorCriteria[kPcdGrowingFAminWord];
+}
+inline void PCD_SetGrowingFAmin(PcdDtiRegionGrowingCore* core, float value) {
+  core->tensorCriteria[kPcdGrowingFAminWord] = value;
+}
+inline float PCD_GetGrowingAngleMax(const PcdDtiRegionGrowingCore* core) {
+  return core->tensorCriteria[kPcdGrowingAngleMaxWord];
+}
+inline void PCD_SetGrowingAngleMax(PcdDtiRegionGrowingCore* core, float value) {
+  core->tensorCriteria[kPcdGrowingAngleMaxWord] = value;
+}
 
 // ---- the ROI object --------------------------------------------------------------------
 struct PcdRoiObject {
@@ -163,7 +159,7 @@ struct PcdRoiObject {
   int32_t type = PCD_ROI_SPHERICAL;
   std::unique_ptr<PcdRoiShape> shape;
   std::unique_ptr<PcdVoxelGroup> voxelGroup;  // voxelgroup ROIs only
-  PcdRoiGrowingCore growing{};
+  PcdDtiRegionGrowingCore growing;
   int32_t status = 0;   // 0 free, 1 locked (a study refers to it)
   int32_t visible = 1;
   char label[256] = {};

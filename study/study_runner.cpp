@@ -2,16 +2,19 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <mutex>
 
 #include "dti/dti_check.h"
+#include "dti/diffusion_profile.h"
 #include "fiber/tracking.h"
 #include "io/file_util.h"
 #include "study/fiber_dump.h"
 
 namespace {
 
-int seeds_per_voxel(int32_t density) { return density == kPcdSeedDensityHigh ? 8 : 1; }
+int points_per_voxel(int32_t densityCode, int32_t highCode) { return densityCode == highCode ? 8 : 1; }
 
 // Appends the seeds of a mask's voxels, stopping at limit seeds in all.
 void add_seeds(const std::vector<uint8_t>& mask, const PcdIntSize3D* size, int perVoxel,
@@ -70,7 +73,7 @@ std::vector<PcdVector3D> PCD_GenerateStudySeeds(const PcdStudyObject* study,
   std::vector<PcdVector3D> seeds;
   const PcdTractSettings* t = study->tract.get();
   if (t == nullptr) return seeds;
-  const int perVoxel = seeds_per_voxel(t->seedDensity);
+  const int perVoxel = points_per_voxel(t->seedDensity, kPcdSeedDensityHigh);
   const PcdStudyRegion& region = t->regions[0];
   if (t->seedSource == kPcdSeedFromList) {
     const int32_t count = std::min(region.idCount, kPcdRegionMaxIds);
@@ -149,60 +152,237 @@ float PCD_GetFibeTrakBufferMegabytes(const PcdFibeTrakBuffer* buffer) {
   return bytes * 9.536743e-7f;
 }
 
-int PCD_RunFiberTrackingStudy(PcdWorkSession* session, PcdStudyObject* study,
-                              const PcdTrackingRunOptions& options) {
-  if (study == nullptr || study->type != PCD_STUDY_FIBER_TRACKING || !study->tract) return -1;
-  if (!PCDdti_CheckDataSetForAnalysis(session->dti, PCD_DTI_INTERPOLATED)) return -1;
-  const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
-  std::vector<PcdVector3D> seeds = PCD_GenerateStudySeeds(study, &session->rois, &size);
+namespace {
 
+// Checks the study and its data set, gathers the seeds and sets the context's stop
+// criteria, node limit, step and seeds from the study: what tracking and modeling do
+// before their core is called. False when the study cannot run.
+template <typename Context>
+bool prepare_fiber_study(PcdWorkSession* session, const PcdStudyObject* study, int32_t type,
+                         std::vector<PcdVector3D>* seeds, Context* context) {
+  if (session == nullptr || study == nullptr || study->type != type || !study->tract) return false;
+  if (!PCDdti_CheckDataSetForAnalysis(session->dti, PCD_DTI_INTERPOLATED)) return false;
+  const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
+  *seeds = PCD_GenerateStudySeeds(study, &session->rois, &size);
   const PcdTractSettings& t = *study->tract;
-  PcdFibeTrakContext context;
-  context.limits = t.limits;
-  context.nodeLimit = t.nodeLimit;
-  context.step = t.step;
-  context.scheme = t.scheme;
-  context.seedCount = static_cast<int32_t>(seeds.size());
-  context.seedPoints = seeds.data();
-  PcdFibeTrakBuffer* result = PCDdti_FiberTracking(session->dti, &context, kPcdStudyThreads);
+  context->limits = t.limits;
+  context->nodeLimit = t.nodeLimit;
+  context->step = t.step;
+  context->seedCount = static_cast<int32_t>(seeds->size());
+  context->seedPoints = seeds->data();
+  return true;
+}
+
+// What tracking and modeling share once their core has answered: the ROI conditions, the
+// hand-over to the drawing side and the summary. The result stays the caller's.
+int conclude_fiber_study(PcdWorkSession* session, PcdStudyObject* study,
+                         PcdFibeTrakBuffer* result, const PcdStudyRunOptions& options) {
   if (result == nullptr) {
     std::fputs("No result obtained\n", stderr);
     return -1;
   }
+  const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
+  const PcdTractSettings& t = *study->tract;
   const int drawn = PCD_SelectFibersByMasks(
       result, PCD_GetRegionConditionMasks(&t.regions[1], &session->rois, &size),
       PCD_GetRegionConditionMasks(&t.regions[2], &session->rois, &size), &size, kPcdStudyThreads);
-  if (drawn < 0) {
-    PCDdti_DeleteFibeTrakBuffer(result);
-    return -1;
-  }
-  if (options.draw) options.draw(result, drawn);
+  if (drawn < 0) return -1;
+  if (options.drawFibers) options.drawFibers(study, result, drawn);
   PCD_SetStudySummary(study, pcd_format("Seed Points:   %d\nTracked Lines:   %d\nDrawn Lines:   "
                                         "%d\nBuffer Size:   %3.1f Mb\n",
                                         result->seedCount, result->lineCount, drawn,
                                         static_cast<double>(PCD_GetFibeTrakBufferMegabytes(result))));
   study->analysed = 1;
-  if (options.dump)  // a file that cannot be written is skipped silently
-    PCDdti_DumpFibeTrakBufferToFile(result, session->dti->reserved, options.dumpFile.c_str());
+  return 0;
+}
+
+}  // namespace
+
+int PCD_RunFiberTrackingStudy(PcdWorkSession* session, PcdStudyObject* study,
+                              const PcdStudyRunOptions& options) {
+  std::vector<PcdVector3D> seeds;
+  PcdFibeTrakContext context;
+  if (!prepare_fiber_study(session, study, PCD_STUDY_FIBER_TRACKING, &seeds, &context)) return -1;
+  context.scheme = study->tract->scheme;
+  PcdFibeTrakBuffer* result = PCDdti_FiberTracking(session->dti, &context, kPcdStudyThreads);
+  const int status = conclude_fiber_study(session, study, result, options);
+  if (status == 0 && options.dump)  // a file that cannot be written is skipped silently
+    PCDdti_DumpFibeTrakBufferToFile(result, session->dti->reserved,
+                                    options.dumpFile.empty() ? kPcdFiberDumpDefaultName : options.dumpFile.c_str());
   PCDdti_DeleteFibeTrakBuffer(result);
+  return status;
+}
+
+PcdRawVolumeData* PCD_NewModelingControlVolume(const PcdDtiData* dti,
+                                               const PcdDiffusionTensorLimits* limits) {
+  const PcdIntSize4D& s = *dti->volume->matrixSize;
+  const PcdIntSize3D size{s.x, s.y, s.z};
+  PcdRawVolumeData* controls = PCD_NewSingleChannelRawVolumeData(&size, UINT8, PCD_MONOCHROME);
+  PcdDiffusionTensorData* record = PCDdti_NewDiffusionTensorData(dti->channelCount, dti->soCount);
+  if (controls == nullptr || record == nullptr) {
+    std::fputs("insufficient memory\n", stderr);
+    PCD_DeleteRawVolumeData(controls);
+    PCDdti_DeleteDiffusionTensorData(record);
+    return nullptr;
+  }
+  auto* bytes = static_cast<uint8_t*>(controls->data[0]);
+  size_t at = 0;
+  for (int32_t z = 0; z < s.z; ++z)
+    for (int32_t y = 0; y < s.y; ++y)
+      for (int32_t x = 0; x < s.x; ++x, ++at) {
+        const PcdIntVector3D voxel{x, y, z};
+        bytes[at] = 0;
+        if (PCDdti_CalcAndDiagnalizeDiffusionTensorAtVoxel(dti, record, &voxel) == 0 ||
+            PCDdti_CheckDiffusionTensorIsValid(record) != 1)
+          continue;
+        const float fa = PCDdti_GetFA(record), adc = PCDdti_GetADC(record), so = PCDdti_GetSo(record);
+        const bool pass = !(limits->useFAmin == 1 && fa < limits->FAmin) &&
+                          !(limits->useADCmax == 1 && adc > limits->ADCmax) &&
+                          !(limits->useSoMin == 1 && so < limits->SoMin) &&
+                          !(limits->useSoMax == 1 && so > limits->SoMax);
+        bytes[at] = pass ? 1 : 0;
+      }
+  PCDdti_DeleteDiffusionTensorData(record);
+  return controls;
+}
+
+int PCD_RunFiberModelingStudy(PcdWorkSession* session, PcdStudyObject* study,
+                              const PcdStudyRunOptions& options) {
+  std::vector<PcdVector3D> seeds;
+  PcdFibeModelContext context;
+  if (!prepare_fiber_study(session, study, PCD_STUDY_FIBER_MODELING, &seeds, &context)) return -1;
+  std::unique_ptr<PcdRawVolumeData, void (*)(PcdRawVolumeData*)> made(nullptr, PCD_DeleteRawVolumeData);
+  const PcdRawVolumeData* controls = options.modelingControls;
+  if (controls == nullptr) {
+    made.reset(PCD_NewModelingControlVolume(session->dti, &context.limits));
+    if (!made) return -1;
+    controls = made.get();
+  }
+  const std::string dumpFile =
+      options.dumpFile.empty() ? std::string(kPcdModelDumpDefaultName) : options.dumpFile;
+  PcdFibeTrakBuffer* result = PCDdti_FiberModeling(session->dti, &context, controls, kPcdStudyThreads,
+                                                   options.dump ? dumpFile.c_str() : nullptr);
+  const int status = conclude_fiber_study(session, study, result, options);
+  PCDdti_DeleteFibeTrakBuffer(result);
+  return status;
+}
+
+std::vector<uint8_t> PCD_GetStudyRegionVoxels(const PcdStudyRegion* region,
+                                              const PcdIntSize3D* size,
+                                              const PcdIntVector3D* boxOrigin,
+                                              const PcdIntSize3D* boxSize) {
+  const size_t voxels = static_cast<size_t>(std::max(size->x, 0)) * std::max(size->y, 0) *
+                        std::max(size->z, 0);
+  if (region == nullptr || region->use != kPcdRegionInUse) return std::vector<uint8_t>(voxels, 0);
+  if (region->kind == kPcdRegionSphere || region->kind == kPcdRegionFreehand)
+    return PCD_RasterizeRoiShape(region->shape.get(),
+                                 region->kind == kPcdRegionSphere ? PCD_ROI_SPHERICAL : PCD_ROI_FREEHAND,
+                                 size);
+  std::vector<uint8_t> mask(voxels, 0);
+  if (region->kind != kPcdRegionBoxVoi) return mask;
+  // the box spans origin .. origin + size - 1, clipped to the volume; in 64 bits, since
+  // the viewer's numbers are not ours to trust
+  int64_t lo[3] = {0, 0, 0}, hi[3] = {size->x, size->y, size->z};
+  if (boxOrigin != nullptr && boxSize != nullptr) {
+    const int64_t o[3] = {boxOrigin->x, boxOrigin->y, boxOrigin->z};
+    const int64_t n[3] = {boxSize->x, boxSize->y, boxSize->z};
+    for (int k = 0; k < 3; ++k) {
+      lo[k] = std::max<int64_t>(o[k], 0);
+      hi[k] = std::min<int64_t>(o[k] + n[k], hi[k]);
+    }
+  }
+  for (int64_t z = lo[2]; z < hi[2]; ++z)
+    for (int64_t y = lo[1]; y < hi[1]; ++y)
+      for (int64_t x = lo[0]; x < hi[0]; ++x)
+        mask[static_cast<size_t>(x + size->x * (y + size->y * z))] = 1;
+  return mask;
+}
+
+namespace {
+
+std::vector<uint8_t> region_voxels(const PcdWorkSession* session, const PcdStudyRegion* region,
+                                   const PcdStudyRunOptions& options) {
+  const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
+  return PCD_GetStudyRegionVoxels(region, &size, options.hasBoxVoi ? &options.boxOrigin : nullptr,
+                                  options.hasBoxVoi ? &options.boxSize : nullptr);
+}
+
+}  // namespace
+
+int PCD_RunVoxelStatisticsStudy(PcdWorkSession* session, PcdStudyObject* study,
+                                const PcdStudyRunOptions& options) {
+  if (session == nullptr || study == nullptr || study->type != PCD_STUDY_VOXEL_STATISTICS || !study->statistics)
+    return -1;
+  if (!PCDdti_CheckDataSetForAnalysis(session->dti, PCD_DTI_AT_VOXELS)) return -1;
+  const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
+  std::unique_ptr<PcdRawVolumeData, void (*)(PcdRawVolumeData*)> mask(
+      PCD_NewSingleChannelRawVolumeData(&size, UINT8, PCD_MONOCHROME), PCD_DeleteRawVolumeData);
+  if (!mask) {
+    std::fputs("insufficient memory\n", stderr);
+    return -1;
+  }
+  const std::vector<uint8_t> voxels = region_voxels(session, &study->statistics->region, options);
+  std::copy(voxels.begin(), voxels.end(), static_cast<uint8_t*>(mask->data[0]));
+  PcdDiffusionTensorStatistics* result = PCDdti_GetDiffusionTensorStatistics(session->dti, mask.get());
+  if (result == nullptr) {
+    std::fputs("No result obtained\n", stderr);
+    return -1;
+  }
+  if (options.statistics) options.statistics(study, result);
+  PCD_SetStudySummary(study, PCDdti_FormatDiffusionTensorStatistics(result));
+  study->analysed = 1;
+  std::free(result);
+  return 0;
+}
+
+int PCD_RunDiffusionProfileStudy(PcdWorkSession* session, PcdStudyObject* study,
+                                 const PcdStudyRunOptions& options) {
+  if (session == nullptr || study == nullptr || study->type != PCD_STUDY_DIFFUSION_PROFILE || !study->profile)
+    return -1;
+  if (!PCDdti_CheckDataSetForAnalysis(session->dti, PCD_DTI_INTERPOLATED)) return -1;
+  const PcdProfileSettings& p = *study->profile;
+  const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
+  std::vector<PcdVector3D> points;
+  add_seeds(region_voxels(session, &p.region, options), &size,
+            points_per_voxel(p.symbolDensity, kPcdSymbolDensityHigh), kPcdMaxSeeds, &points);
+  PcdDifProfContext context;
+  context.FAcheckA = p.useFAmin, context.FAmin = p.FAmin;
+  context.FAcheckB = p.useFAmax, context.FAmax = p.FAmax;
+  context.ADCcheckA = p.useADCmin, context.ADCmin = p.ADCmin;
+  context.ADCcheckB = p.useADCmax, context.ADCmax = p.ADCmax;
+  context.SocheckA = p.useSoMin, context.SoMin = p.SoMin;
+  context.SocheckB = p.useSoMax, context.SoMax = p.SoMax;
+  context.pointCount = static_cast<int32_t>(points.size());
+  context.points = points.data();
+  // the core draws nothing without a drawing function; a caller that draws nothing still
+  // wants the summary
+  const PcdDifProfDrawFunction draw = [&](const PcdVector3D* point, const PcdDiffusionTensorData* tensor) {
+    if (options.drawProfile) options.drawProfile(study, point, tensor);
+  };
+  std::vector<char> text(kPcdStudySummaryBytes, '\0');
+  PCDdti_DiffusionProfileDisplay(session->dti, &context, draw, text.data(), text.size());
+  if (text[0] == '\0') {
+    std::fputs("No result obtained\n", stderr);
+    return -1;
+  }
+  PCD_SetStudySummary(study, text.data());
+  study->analysed = 1;
   return 0;
 }
 
 int PCD_RunStudy(PcdWorkSession* session, PcdStudyObject* study, const PcdStudyRunOptions& options) {
   if (session == nullptr || study == nullptr) return -1;
   switch (study->type) {
-    case PCD_STUDY_FIBER_TRACKING: {
-      PcdTrackingRunOptions tracking;
-      tracking.dump = options.dump;
-      if (!options.dumpFile.empty()) tracking.dumpFile = options.dumpFile;
-      if (options.drawFibers)
-        tracking.draw = [&](const PcdFibeTrakBuffer* buffer, int drawn) {
-          options.drawFibers(study, buffer, drawn);
-        };
-      return PCD_RunFiberTrackingStudy(session, study, tracking);
-    }
+    case PCD_STUDY_FIBER_TRACKING:
+      return PCD_RunFiberTrackingStudy(session, study, options);
+    case PCD_STUDY_FIBER_MODELING:
+      return PCD_RunFiberModelingStudy(session, study, options);
+    case PCD_STUDY_VOXEL_STATISTICS:
+      return PCD_RunVoxelStatisticsStudy(session, study, options);
+    case PCD_STUDY_DIFFUSION_PROFILE:
+      return PCD_RunDiffusionProfileStudy(session, study, options);
     default:
-      std::fputs("Err: this kind of study cannot be analysed yet\n", stderr);
+      std::fputs("Err: Invalid study object type\n", stderr);
       return -1;
   }
 }

@@ -52,8 +52,8 @@ const PcdChoice kVoxelRegions[] = {
     {kPcdRegionFreehand, "freehand", "Freehand"},
 };
 const PcdChoice kSymbolDensities[] = {
-    {347, "normal", "normal"},
-    {836, "high", "high"},
+    {kPcdSymbolDensityNormal, "normal", "normal"},
+    {kPcdSymbolDensityHigh, "high", "high"},
 };
 const PcdChoice kProfilePrimitives[] = {
     {978, "adc-profile", "ADC profile primitive"},

@@ -79,6 +79,9 @@ constexpr int32_t kPcdSeedFromFreehand = 21;
 constexpr int32_t kPcdSeedFromFreehandToo = 981;  // read as freehand, never written
 constexpr int32_t kPcdSeedFromList = 54;
 
+constexpr int32_t kPcdSymbolDensityNormal = 347;
+constexpr int32_t kPcdSymbolDensityHigh = 836;
+
 constexpr int32_t kPcdOptionOff = -456;
 constexpr int32_t kPcdOptionOn = 456;
 
@@ -149,7 +152,7 @@ struct PcdProfileSettings {
   float SoMin = 0.0f;
   int32_t useSoMax = 1;
   float SoMax = 900.0f;
-  int32_t symbolDensity = 347;
+  int32_t symbolDensity = kPcdSymbolDensityNormal;
   int32_t primitive = 978;
   int32_t coloring = 651;
   int32_t fourth = 0;

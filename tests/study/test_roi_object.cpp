@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -369,4 +370,32 @@ TEST(RoiRaster, SphereFreehandAndVoxelgroupVoxels) {
   delete_roi_object(sphere);
   delete_roi_object(free);
   delete_roi_object(group);
+}
+
+TEST(RoiSerialization, GrowingCoreIsTheRegionGrowingCoreAndCarriesEveryBitOfItsWords) {
+  // one ROI form whose carried criteria words hold bit patterns that no arithmetic may
+  // touch: a signalling NaN, a negative zero, a denormal, an arbitrary word
+  ByteBuilder form;
+  form.i32(1).createdShape(1, 1, 1, {});
+  form.i32(0).i32(kPcdGrowBySingleSignal).i32(0x7f800001).f32(0.3f).i32(static_cast<int32_t>(0x80000000u)).i32(1);
+  form.i32(0x12345678).zeros(8 * 4).f32(12.5f).i32(0).i32(7).i32(2).f32(-5.0f).f32(5.0f);
+  form.i32(0).i32(1).text("grown", 256).u16(1).u16(2).u16(3);
+  std::unique_ptr<PcdRoiObject> roi(PCD_NewRoiObjectFromSerializedData(form.bytes.data(), form.bytes.size()));
+  ASSERT_NE(roi, nullptr);
+  EXPECT_EQ(Serialize(roi.get()), form.bytes);
+  // the ROI's core is what region growing reads, and serializes to the same 80 bytes
+  const PcdDtiRegionGrowingCore& core = roi->growing;
+  EXPECT_EQ(core.mode, kPcdGrowBySingleSignal);
+  EXPECT_EQ(PCD_GetGrowingFAmin(&core), 0.3f);
+  EXPECT_EQ(PCD_GetGrowingAngleMax(&core), 12.5f);
+  EXPECT_EQ(core.generationLimit, 7);
+  EXPECT_EQ(core.channel, 2);
+  EXPECT_EQ(core.upperBound, 5.0f);
+  std::vector<uint8_t> alone(PCDdti_GetSerializedSizeOfRegionGrowingContextCore());
+  PCDdti_SerializeRegionGrowingContextCore(&core, alone.data());
+  const size_t at = 4 + 112 + 4;  // type, shape without points, voxel group word
+  EXPECT_TRUE(std::equal(alone.begin(), alone.end(), form.bytes.begin() + at));
+  PcdDtiRegionGrowingContext context;
+  static_cast<PcdDtiRegionGrowingCore&>(context) = roi->growing;
+  EXPECT_EQ(context.generationLimit, 7);
 }

@@ -196,6 +196,14 @@ bool BatchEndsWith(const std::string& text, const char* tail) {
   return text.size() >= n && text.compare(text.size() - n, n, tail) == 0;
 }
 
+bool BatchFileStartsWith(const std::string& path, const char* magic) {
+  const size_t n = std::strlen(magic);
+  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
+  if (!file) return false;
+  std::string head(n, '\0');
+  return std::fread(head.data(), 1, n, file.get()) == n && head == magic;
+}
+
 bool IsBatchDataSetName(const std::string& path) {
   for (const char* tail : {".dti", ".raw", ".mpg", ".nii", ".nii.gz"})
     if (BatchEndsWith(path, tail)) return true;

@@ -63,3 +63,5 @@ int WriteBatchDataSet(const PcdDtiData* dti, const PcdWorldGeometry* geometry,
 // True when WriteBatchDataSet knows the ending of path.
 bool IsBatchDataSetName(const std::string& path);
 bool BatchEndsWith(const std::string& text, const char* tail);
+// True when the file at path begins with the characters of magic.
+bool BatchFileStartsWith(const std::string& path, const char* magic);

@@ -20,14 +20,6 @@ struct VolumeDeleter {
 };
 using VolumePtr = std::unique_ptr<PcdRawVolumeData, VolumeDeleter>;
 
-bool StartsWith(const std::string& path, const char* magic) {
-  const size_t n = std::strlen(magic);
-  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
-  if (!file) return false;
-  std::string head(n, '\0');
-  return std::fread(head.data(), 1, n, file.get()) == n && head == magic;
-}
-
 int WriteMask(const std::vector<uint8_t>& mask, const PcdIntSize3D& size, float voxelSize,
               const std::string& path) {
   VolumePtr volume(PCD_NewSingleChannelRawVolumeData(&size, UINT8, PCD_MONOCHROME));
@@ -65,11 +57,11 @@ int run_export(BatchArgs& args, const RoiOptions& options) {
   PcdWorkSession session;
   PcdIntSize3D size{0, 0, 0};
   float voxelSize = 1.0f;
-  if (StartsWith(path, kPcdRoiFileMagic)) {
+  if (BatchFileStartsWith(path, kPcdRoiFileMagic)) {
     PcdRoiObject* roi = PCD_LoadRoiObjectFile(path.c_str(), &size);
     if (roi == nullptr) return kBatchFailed;
     PCD_AppendRoiObject(&session.rois, roi);
-  } else if (StartsWith(path, kPcdSessionFileMagic)) {
+  } else if (BatchFileStartsWith(path, kPcdSessionFileMagic)) {
     if (ReadWorkSessionFile(&session, path.c_str()) != 0) return kBatchFailed;
     size = PCD_GetSessionMatrixSize(&session);
     voxelSize = session.dti->reserved > 0 ? session.dti->reserved : 1.0f;

@@ -24,6 +24,7 @@ extern const BatchCommand kBatchGrowCommand;
 extern const BatchCommand kBatchProfileCommand;
 extern const BatchCommand kBatchSessionCommand;
 extern const BatchCommand kBatchRoiCommand;
+extern const BatchCommand kBatchStudyCommand;
 
 namespace {
 
@@ -39,6 +40,7 @@ const BatchCommand* const kCommands[] = {
     &kBatchProfileCommand,
     &kBatchSessionCommand,
     &kBatchRoiCommand,
+    &kBatchStudyCommand,
 };
 
 }  // namespace
