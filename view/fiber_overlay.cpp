@@ -48,11 +48,11 @@ void ColourFiber(PcdFiberLayer* layer, size_t f, size_t seedNode, const std::vec
   std::vector<double> distance(b - a, 0.0);
   for (size_t i = seedNode + 1; i < b; ++i) {
     const PcdVector3D &p = layer->nodes[i], &q = layer->nodes[i - 1];
-    distance[i - a] = distance[i - 1 - a] + std::hypot(p.x - q.x, p.y - q.y, p.z - q.z);
+    distance[i - a] = distance[i - 1 - a] + std::sqrt(double(p.x - q.x) * (p.x - q.x) + double(p.y - q.y) * (p.y - q.y) + double(p.z - q.z) * (p.z - q.z));
   }
   for (size_t i = seedNode; i-- > a;) {
     const PcdVector3D &p = layer->nodes[i], &q = layer->nodes[i + 1];
-    distance[i - a] = distance[i + 1 - a] + std::hypot(p.x - q.x, p.y - q.y, p.z - q.z);
+    distance[i - a] = distance[i + 1 - a] + std::sqrt(double(p.x - q.x) * (p.x - q.x) + double(p.y - q.y) * (p.y - q.y) + double(p.z - q.z) * (p.z - q.z));
   }
   for (size_t i = a; i < b; ++i) {
     uint32_t c;
@@ -125,6 +125,10 @@ void PlotLine(uint32_t* base, int stride, int w, int h, float x0, float y0, floa
               uint32_t colour) {
   if ((x0 < 0 && x1 < 0) || (y0 < 0 && y1 < 0) || (x0 >= w && x1 >= w) || (y0 >= h && y1 >= h)) return;
   const float dx = x1 - x0, dy = y1 - y0;
+  if (std::fabs(dx) < 1.0f && std::fabs(dy) < 1.0f) {  // most segments: one pixel
+    if (x1 >= 0 && y1 >= 0 && x1 < w && y1 < h) base[int(y1) * stride + int(x1)] = colour;
+    return;
+  }
   const int steps = int(std::max(std::fabs(dx), std::fabs(dy)));
   const float sx = steps > 0 ? dx / steps : 0, sy = steps > 0 ? dy / steps : 0;
   float x = x0, y = y0;
@@ -177,6 +181,16 @@ std::unique_ptr<PcdFiberLayer> PCDview_MakeFiberLayer(const PcdFibeTrakBuffer* b
     ColourFiber(layer.get(), layer->fiberStart.size() - 1, std::min(seedNode, layer->nodes.size() - 1), eig);
   }
   layer->fiberStart.push_back(uint32_t(layer->nodes.size()));
+  for (size_t f = 0; f + 1 < layer->fiberStart.size(); ++f) {
+    PcdVector3D lo = layer->nodes[layer->fiberStart[f]], hi = lo;
+    for (uint32_t i = layer->fiberStart[f]; i < layer->fiberStart[f + 1]; ++i) {
+      const PcdVector3D& p = layer->nodes[i];
+      lo = {std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
+      hi = {std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
+    }
+    layer->boxes.push_back(lo);
+    layer->boxes.push_back(hi);
+  }
   BucketSegments(layer.get());
   return layer;
 }
@@ -196,11 +210,7 @@ void PCDview_DrawFiberLayer(cairo_surface_t* image, cairo_t* cr, const PcdPaneGe
     cairo_set_line_width(cr, std::max(2.0, 0.6 * g.pixelsPerVoxel));
     cairo_set_line_cap(cr, CAIRO_LINE_CAP_ROUND);
   }
-  const auto segment = [&](uint32_t i) {
-    float x0, y0, x1, y1;
-    project.At(layer.nodes[i], &x0, &y0);
-    project.At(layer.nodes[i + 1], &x1, &y1);
-    const uint32_t c = layer.colours[i + 1];
+  const auto draw = [&](float x0, float y0, float x1, float y1, uint32_t c) {
     if (!tubes) {
       PlotLine(base, stride, w, h, x0, y0, x1, y1, c);
       return;
@@ -210,23 +220,48 @@ void PCDview_DrawFiberLayer(cairo_surface_t* image, cairo_t* cr, const PcdPaneGe
     cairo_line_to(cr, x1, y1);
     cairo_stroke(cr);
   };
+  // A run's nodes are projected once each, the end of one segment being the start of
+  // the next.
+  const auto run = [&](uint32_t first, uint32_t segments) {
+    float x0, y0, x1, y1;
+    project.At(layer.nodes[first], &x0, &y0);
+    for (uint32_t i = first; i < first + segments; ++i, x0 = x1, y0 = y1) {
+      project.At(layer.nodes[i + 1], &x1, &y1);
+      draw(x0, y0, x1, y1, layer.colours[i + 1]);
+    }
+  };
   const int axis = PCDview_PaneNormalAxis(g.kind);
   if (axis >= 0) {
     const float c = axis == 0 ? g.centre.x : axis == 1 ? g.centre.y : g.centre.z;
     const int s = int(std::floor(c));
     if (s >= 0 && size_t(s) < layer.buckets[axis].size())
-      for (const PcdFiberRun& run : layer.buckets[axis][size_t(s)])
-        for (uint32_t k = 0; k < run.segments; ++k) segment(run.first + k);
+      for (const PcdFiberRun& r : layer.buckets[axis][size_t(s)]) run(r.first, r.segments);
   } else {
-    // oblique: every segment that comes within a voxel of the section
-    for (size_t f = 0; f + 1 < layer.fiberStart.size(); ++f)
+    // oblique: the segments that come within a voxel of the section, fibers whose box
+    // lies farther away skipped whole
+    const auto depth = [&](const PcdVector3D& p) {
+      return (p.x - g.centre.x) * g.normal.x + (p.y - g.centre.y) * g.normal.y + (p.z - g.centre.z) * g.normal.z;
+    };
+    for (size_t f = 0; f + 1 < layer.fiberStart.size(); ++f) {
+      const PcdVector3D& lo = layer.boxes[2 * f];
+      const PcdVector3D& hi = layer.boxes[2 * f + 1];
+      const PcdVector3D mid = {(lo.x + hi.x) / 2, (lo.y + hi.y) / 2, (lo.z + hi.z) / 2};
+      const float reach = (std::fabs(g.normal.x) * (hi.x - lo.x) + std::fabs(g.normal.y) * (hi.y - lo.y) +
+                           std::fabs(g.normal.z) * (hi.z - lo.z)) / 2 + 1.0f;
+      if (std::fabs(depth(mid)) > reach) continue;
+      uint32_t start = 0, count = 0;
       for (uint32_t i = layer.fiberStart[f]; i + 1 < layer.fiberStart[f + 1]; ++i) {
-        const auto depth = [&](const PcdVector3D& p) {
-          return (p.x - g.centre.x) * g.normal.x + (p.y - g.centre.y) * g.normal.y + (p.z - g.centre.z) * g.normal.z;
-        };
         const float a = depth(layer.nodes[i]), b = depth(layer.nodes[i + 1]);
-        if (std::min(a, b) < 1.0f && std::max(a, b) > -1.0f) segment(i);
+        if (std::min(a, b) < 1.0f && std::max(a, b) > -1.0f) {
+          if (count == 0) start = i;
+          ++count;
+          continue;
+        }
+        if (count) run(start, count);
+        count = 0;
       }
+      if (count) run(start, count);
+    }
   }
   if (tubes) cairo_restore(cr);
   else cairo_surface_mark_dirty(image);

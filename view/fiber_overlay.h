@@ -26,6 +26,7 @@ struct PcdFiberLayer {
   std::vector<PcdVector3D> nodes;    // every fiber backward end to forward end
   std::vector<uint32_t> colours;     // per node, 0xffRRGGBB: the segment ending there
   std::vector<uint32_t> fiberStart;  // fiber f has nodes fiberStart[f] .. fiberStart[f + 1] - 1
+  std::vector<PcdVector3D> boxes;    // per fiber its lowest and highest corner
   // buckets[axis][s]: the runs of segments within half a voxel of slice s's voxels
   std::vector<std::vector<PcdFiberRun>> buckets[3];
 };
