@@ -37,6 +37,8 @@ PcdPaneGeometry PCDview_RenderPane(cairo_surface_t* image, const PcdSlicePane& p
       cairo_surface_flush(image);
       PCDview_DrawFiberLayer(image, cr, g, *layer);
     }
+  for (const PcdGlyphLayer* layer : overlays.glyphs)
+    if (layer) PCDview_DrawGlyphLayer(cr, g, *layer);
   if (overlays.showBox) PCDview_DrawBoxVoi(cr, g, overlays.boxOrigin, overlays.boxSize);
   if (overlays.showCursor) DrawCursor(cr, g, scene.cursor);
   cairo_destroy(cr);

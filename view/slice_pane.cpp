@@ -189,7 +189,7 @@ bool PCDview_GetVoxelValue(const PcdRawVolumeData* volume, int32_t channel, int3
 uint8_t PCDview_MapGrey(double value, float low, float high, float greyMax) {
   const double width = double(high) - double(low);
   double grey = width > 0 ? (value - low) * greyMax / width : (value > low ? greyMax : 0.0);
-  grey = std::clamp(grey, 0.0, 255.0);
+  grey = std::clamp(grey, 0.0, std::clamp(double(greyMax), 0.0, 255.0));
   return static_cast<uint8_t>(grey);
 }
 

@@ -139,6 +139,7 @@ void FollowDataSet() {
   v->channelIndex = std::clamp(v->channelIndex, 0, std::max(0, s.channels - 1));
   PCDview_ClearRoiEditHistory(&v->history);
   PCDview_DropAllStudyFibers();
+  PCDview_DropAllStudyGlyphs();
   UpdateControls();
 }
 
@@ -565,7 +566,10 @@ void PCDview_RenderPaneImage(PcdViewPane* p) {
   if (pcd_app) {
     overlays.rois = &pcd_app->session.rois;
     for (const auto& study : pcd_app->session.studies.items)
-      if (study && study->visible == 1) overlays.fibers.push_back(PCDview_GetStudyFibers(study->id));
+      if (study && study->visible == 1) {
+        overlays.fibers.push_back(PCDview_GetStudyFibers(study->id));
+        overlays.glyphs.push_back(PCDview_GetStudyGlyphs(study->id));
+      }
   }
   overlays.showBox = true;
   overlays.boxOrigin = pcd_views->boxOrigin;
