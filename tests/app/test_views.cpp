@@ -22,6 +22,7 @@
 #include "support/test_support.h"
 #include "tools/phantom/phantom.h"
 #include "view/fiber_overlay.h"
+#include "view/glyph_overlay.h"
 #include "view/palette_frame.h"
 #include "view/views_window.h"
 
@@ -242,6 +243,8 @@ TEST(SliceViews, FourPanesWithTheirMenusShowTheMapsWhereTheBundlesAre) {
   EXPECT_EQ(Pane(3)->pane.kind, PCD_PANE_SPHERICAL);
   EXPECT_FALSE(gtk_widget_get_visible(Pane(3)->slice));
   EXPECT_FALSE(gtk_widget_get_sensitive(Pane(3)->zoom));
+  Drain();
+  SaveShot(pcd_views->window, "views-spherical.png");
   gtk_menu_item_activate(GTK_MENU_ITEM(PCD_FindMenuItem(Pane(3)->menu, "/Oblique  /Oblique")));
   EXPECT_TRUE(gtk_widget_get_visible(Pane(3)->alongE1));
   gtk_toggle_button_set_active(GTK_TOGGLE_BUTTON(Pane(3)->alongE1), TRUE);
@@ -456,6 +459,46 @@ TEST(SliceViews, ATrackingStudySeededFromADrawnSphereShowsItsFibersOverTheBundle
     for (int x = 0; x < 16; ++x) stray += PixelAt(Pane(0)->image, x, y) == uniform;
   EXPECT_EQ(stray, 0);
   SaveShot(pcd_views->window, "views-fibers.png");
+  // a diffusion profile study's glyphs through its draw function: on the section through
+  // the bundle, coloured by direction, their colour is the bundle's axis
+  PcdStudyObject* profile = PCD_NewStudyObject(&pcd_app->session.studies, PCD_STUDY_DIFFUSION_PROFILE, &size);
+  ASSERT_NE(profile, nullptr);
+  profile->profile->coloring = kPcdColorDirection;
+  profile->profile->primitive = kPcdGlyphEllipsoid;
+  std::vector<PcdVector3D> points;
+  for (int y = 0; y < kY; ++y)
+    for (int x = 0; x < kX; ++x) points.push_back({x + 0.5f, y + 0.5f, strong.z + 0.5f});
+  PcdDifProfContext context;
+  context.pointCount = int32_t(points.size());
+  context.points = points.data();
+  std::vector<PcdGlyph> glyphs;
+  char text[256] = {};
+  testing::internal::CaptureStderr();
+  PCDdti_DiffusionProfileDisplay(pcd_app->session.dti, &context, PCDview_CollectGlyphs(&glyphs), text, sizeof text);
+  testing::internal::GetCapturedStderr();
+  ASSERT_FALSE(glyphs.empty());
+  PCDview_SetStudyGlyphs(profile, std::move(glyphs));
+  study->visible = 0;
+  PCDview_SetChannel(0);
+  Drain();
+  SaveShot(pcd_views->window, "views-glyphs.png");
+  {
+    // a bundle voxel of the section away from the seed ROI and the cursor
+    int bx = -1, by = -1;
+    for (int y = 0; y < kY && bx < 0; ++y)
+      for (int x = 0; x < kX && bx < 0; ++x)
+        if (s.truth.fa[s.At(x, y, strong.z)] > 0.6f && std::abs(x - strong.x) + std::abs(y - strong.y) > 6) bx = x, by = y;
+    ASSERT_GE(bx, 0);
+    const PcdVector3D d = s.truth.direction[s.At(bx, by, strong.z)];
+    VoxelPixel(PCD_PANE_AXIAL, Pane(0), bx, by, strong.z, &px, &py);
+    // two pixels from the centre along the glyph's long axis, clear of its antialiased rim
+    const uint32_t pixel = PixelAt(Pane(0)->image, px + 2 * d.x, py + 2 * d.y);
+    const double rgb[3] = {double(pixel >> 16 & 255), double(pixel >> 8 & 255), double(pixel & 255)};
+    EXPECT_NEAR(rgb[0], std::fabs(d.x) * 255, 40);
+    EXPECT_NEAR(rgb[1], std::fabs(d.y) * 255, 40);
+    EXPECT_NEAR(rgb[2], std::fabs(d.z) * 255, 40);
+  }
+  profile->visible = 0;
   // a hidden study shows nothing
   study->visible = 0;
   PCDview_Redraw();
