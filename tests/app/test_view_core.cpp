@@ -283,6 +283,15 @@ TEST(FiberOverlay, ColoursFollowTheStudysColoring) {
   EXPECT_EQ(direction->buckets[2][3][0].segments, 6u);
   EXPECT_TRUE(direction->buckets[2][1].empty());
   EXPECT_EQ(direction->buckets[2].size(), 4u);
+  // along y all lie at 5.5: slices 5 and 6; along x the nodes run from 8.4 to 12.6, so
+  // slices 7 (8.4 is within half a voxel of its voxels) to 13 hold some, 6 none
+  EXPECT_EQ(direction->buckets[1].size(), 7u);
+  EXPECT_EQ(direction->buckets[1][5][0].segments, 6u);
+  EXPECT_TRUE(direction->buckets[1][4].empty());
+  EXPECT_EQ(direction->buckets[0].size(), 14u);
+  EXPECT_TRUE(direction->buckets[0][6].empty());
+  EXPECT_FALSE(direction->buckets[0][7].empty());
+  EXPECT_FALSE(direction->buckets[0][13].empty());
   // the ramp and FA by hand
   EXPECT_EQ(PCDview_RampColour(0.5), 0xff00ff00u);
   EXPECT_EQ(PCDview_RampColour(1.0), 0xffff0000u);
@@ -476,6 +485,19 @@ TEST(Glyphs, ShapesFollowTheTensorAsWorkedOutByHand) {
   }
   EXPECT_NEAR(width, 64, 3);   // 2 x 32
   EXPECT_NEAR(height, 21, 3);  // a third of it
+  // the star: the three axes, e1 two half-widths long, the others a third of that
+  // (one-pixel lines on a pixel boundary: half red on the two rows or columns beside it)
+  layer.primitive = kPcdGlyphStar;
+  PCDview_RenderPane(image.s, pane, scene, overlays, &table);
+  const auto reddish = [](uint32_t p) { return (p >> 16 & 255) > 60 && (p >> 8 & 255) < 30; };
+  width = height = 0;
+  for (int i = 0; i < 256; ++i) {
+    width += reddish(image.At(i, 128));
+    height += reddish(image.At(128, i));
+  }
+  EXPECT_NEAR(width, 64, 3);
+  EXPECT_NEAR(height, 21, 3);
+  layer.primitive = kPcdGlyphEllipsoid;
   // a glyph a voxel away from the section is not drawn; emphasis scales by FA
   layer.glyphs[0].position.z = 4.5f;
   PCDview_RenderPane(image.s, pane, scene, overlays, &table);
