@@ -1,5 +1,6 @@
 // The main menu bar, one row per item-factory entry, separators included.
 #include "app/commands.h"
+#include "view/palette_frame.h"
 
 namespace {
 constexpr PcdMenuKind kItem = PcdMenuKind::Item;
@@ -80,18 +81,18 @@ const PcdMenuEntry kPcdMainMenu[kPcdMainMenuEntryCount] = {
     {"/Special/Voxelize visible tracklines as/Voxelgroup ROI", nullptr, kItem, kTodo, 0,
      nullptr},
     {"/Special/sep3", nullptr, kSep, nullptr, 0, nullptr},
-    {"/Special/ROI palette frame/Channel/First", "F", kItem, kTodo, 0, nullptr},
-    {"/Special/ROI palette frame/Channel/Last", "L", kItem, kTodo, 0, nullptr},
+    {"/Special/ROI palette frame/Channel/First", "F", kItem, cmd_palette_channel, PCD_CHANNEL_FIRST, nullptr},
+    {"/Special/ROI palette frame/Channel/Last", "L", kItem, cmd_palette_channel, PCD_CHANNEL_LAST, nullptr},
     {"/Special/ROI palette frame/Channel/sep1", nullptr, kSep, nullptr, 0, nullptr},
-    {"/Special/ROI palette frame/Channel/Next", "N", kItem, kTodo, 0, nullptr},
-    {"/Special/ROI palette frame/Channel/Previous", "B", kItem, kTodo, 0, nullptr},
+    {"/Special/ROI palette frame/Channel/Next", "N", kItem, cmd_palette_channel, PCD_CHANNEL_NEXT, nullptr},
+    {"/Special/ROI palette frame/Channel/Previous", "B", kItem, cmd_palette_channel, PCD_CHANNEL_PREVIOUS, nullptr},
     {"/Special/ROI palette frame/sep1", nullptr, kSep, nullptr, 0, nullptr},
-    {"/Special/ROI palette frame/Upload current channel", "<control>U", kItem, kTodo, 0,
+    {"/Special/ROI palette frame/Upload current channel", "<control>U", kItem, cmd_palette_upload, 0,
      nullptr},
     {"/Special/ROI palette frame/sep2", nullptr, kSep, nullptr, 0, nullptr},
-    {"/Special/ROI palette frame/Adjust greyscale", "G", kItem, kTodo, 0, nullptr},
+    {"/Special/ROI palette frame/Adjust greyscale", "G", kItem, cmd_palette_adjust_greyscale, 0, nullptr},
     {"/Special/ROI palette frame/sep3", nullptr, kSep, nullptr, 0, nullptr},
-    {"/Special/ROI palette frame/Export ROI to editor", nullptr, kItem, kTodo, 0, nullptr},
+    {"/Special/ROI palette frame/Export ROI to editor", nullptr, kItem, cmd_palette_export, 0, nullptr},
 
     {"/_Help", nullptr, kLast, nullptr, 0, nullptr},
     {"/_Help/About ...", nullptr, kItem, cmd_about, 0, nullptr},

@@ -8,6 +8,7 @@
 #include "app/loading.h"
 #include "app/main_window.h"
 #include "app/viewer_link.h"
+#include "view/views_window.h"
 
 namespace {
 
@@ -78,6 +79,7 @@ int PCD_InitializeApplication(int argc, char** argv) {
   app->initialized = 1;
   gtk_widget_realize(app->window);
   app->viewContext = PCD_NewViewContext(app->window, app->textFont);
+  PCDview_OpenViewsWindow();
   PCD_ConnectCoreNotices();
   PCD_RefreshMemo();
   PCD_UpdatePanels();
@@ -104,6 +106,7 @@ void PCD_CleanUpApplication() {
   app->session.volume = nullptr;
   PCD_CleanUpObjects();
   PCD_DisconnectCoreNotices();
+  PCDview_CloseViewsWindow();
   PCD_DeleteViewContext(app->viewContext);
   if (app->window) gtk_widget_destroy(app->window);
   pcd_viewer_detach();

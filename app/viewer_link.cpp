@@ -71,3 +71,19 @@ int pcd_viewer_read_broadcast() {
   }
   return 0;
 }
+
+int pcd_viewer_send_position(const PcdIntVector3D* position) {
+  if (!g_initialized || PCDipc_SendConnectionRequest() != 0) return -1;
+  const int sent = PCDipc_SendPosition(position);
+  PCDipc_SendDisconnectionRequest();
+  return sent;
+}
+
+int pcd_viewer_send_region(const PcdIntVector3D* origin, const PcdIntSize3D* size) {
+  if (!g_initialized || PCDipc_SendConnectionRequest() != 0) return -1;
+  const PcdVector3D o{float(origin->x), float(origin->y), float(origin->z)};
+  const PcdVector3D s{float(size->x), float(size->y), float(size->z)};
+  const int sent = PCDipc_SendRegion(&o, &s);
+  PCDipc_SendDisconnectionRequest();
+  return sent;
+}

@@ -34,3 +34,8 @@ int pcd_viewer_send_volume(const PcdRawVolumeData* volume);
 int pcd_viewer_send_voxel_size(float millimetres);
 // Reads the viewer's broadcast state into the link's record; 0 or -1 (printed).
 int pcd_viewer_read_broadcast();
+
+// Tells the viewer the slice views' cursor (request 464) or the box VOI (request 465);
+// 0, or -1 when the viewer could not be told.
+int pcd_viewer_send_position(const PcdIntVector3D* position);
+int pcd_viewer_send_region(const PcdIntVector3D* origin, const PcdIntSize3D* size);

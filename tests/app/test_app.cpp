@@ -25,6 +25,7 @@
 #include "io/raw_volume_file.h"
 #include "ipc/ipc.h"
 #include "support/test_support.h"
+#include "view/views_window.h"
 #include "tools/phantom/phantom.h"
 
 // Font and bus libraries keep their caches until the process ends; LeakSanitizer is told
@@ -232,17 +233,20 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   gtk_widget_grab_focus(pcd_app->memoView);
   ASSERT_EQ(gtk_window_get_focus(GTK_WINDOW(pcd_app->window)), pcd_app->memoView);
   g_seen.clear();
+  PCDview_SetChannel(3);
   for (guint key : {GDK_KEY_F, GDK_KEY_l, GDK_KEY_N, GDK_KEY_b, GDK_KEY_G}) PressKey(key);
   EXPECT_TRUE(g_seen.empty());
+  EXPECT_EQ(PCDview_GetChannel(), 3);
   EXPECT_NE(pcd_app->memo.find("FlNbG"), std::string::npos) << pcd_app->memo;
   PressKey(GDK_KEY_q, GDK_CONTROL_MASK);
   ASSERT_EQ(g_seen.size(), 1u);
   EXPECT_EQ(g_seen[0].text, "Do you REALLY quit the program?");
   gtk_widget_grab_focus(pcd_app->notebook);
   g_seen.clear();
-  PressKey(GDK_KEY_F);
-  ASSERT_EQ(g_seen.size(), 1u);
-  EXPECT_EQ(g_seen[0].text, "Not implemented yet.");
+  PCDview_SetChannel(3);
+  PressKey(GDK_KEY_F);  // the palette frame's "First" channel
+  EXPECT_TRUE(g_seen.empty());
+  EXPECT_EQ(PCDview_GetChannel(), 0);
   gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 0);
 
   // the computed channels are appended and sent to the viewer

@@ -1,0 +1,513 @@
+// The drawing core of the slice views, off-screen: section geometry, the grey mapping's
+// table against the plain mapping, the slice buckets of fiber results against the plain
+// test of every segment, ROI edits and their undo, glyph shapes. No display needed.
+#include <gtest/gtest.h>
+
+#include <cairo.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+
+#include "fiber/trakline.h"
+#include "study/roi_object.h"
+#include "study/study_settings.h"
+#include "view/fiber_overlay.h"
+#include "view/glyph_overlay.h"
+#include "view/palette_frame.h"
+#include "view/pane_render.h"
+#include "view/roi_drawing.h"
+
+namespace {
+
+struct Volume {
+  PcdRawVolumeData* v;
+  Volume(int x, int y, int z, int32_t type) {
+    const PcdIntSize3D size{x, y, z};
+    v = PCD_NewSingleChannelRawVolumeData(&size, type, 0);
+  }
+  ~Volume() { PCD_DeleteRawVolumeData(v); }
+};
+
+struct Image {
+  cairo_surface_t* s;
+  explicit Image(int w = 256, int h = 256) : s(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, w, h)) {}
+  ~Image() { cairo_surface_destroy(s); }
+  uint32_t At(int x, int y) const {
+    cairo_surface_flush(s);
+    return reinterpret_cast<const uint32_t*>(cairo_image_surface_get_data(s) + y * cairo_image_surface_get_stride(s))[x];
+  }
+  bool SameAs(const Image& o) const {
+    cairo_surface_flush(s);
+    cairo_surface_flush(o.s);
+    const size_t bytes = size_t(cairo_image_surface_get_stride(s)) * size_t(cairo_image_surface_get_height(s));
+    return std::memcmp(cairo_image_surface_get_data(s), cairo_image_surface_get_data(o.s), bytes) == 0;
+  }
+};
+
+TEST(SliceGeometry, PanesMapVoxelsToPixelsAsWorkedOutByHand) {
+  Volume vol(64, 32, 16, 0);
+  PcdSliceScene scene;
+  scene.volume = vol.v;
+  scene.cursor = {10, 20, 5};
+  scene.voxelsPerPixel = 0.25f;  // 4 pixels a voxel: the 64 voxels fill 256 pixels
+  PcdSlicePane pane;
+  // axial: x right, y down, centred on the volume's middle (32, 16)
+  PcdPaneGeometry g = PCDview_GetPaneGeometry(pane, scene, 256, 256);
+  PcdVector3D p = PCDview_PixelToVoxel(g, 0, 0);
+  EXPECT_FLOAT_EQ(p.x, 0.0f);
+  EXPECT_FLOAT_EQ(p.y, 16.0f - 32.0f);
+  EXPECT_FLOAT_EQ(p.z, 5.5f);
+  double px, py, depth;
+  ASSERT_TRUE(PCDview_VoxelToPixel(g, {10.5f, 20.5f, 7.5f}, &px, &py, &depth));
+  EXPECT_DOUBLE_EQ(px, 42.0);
+  EXPECT_DOUBLE_EQ(py, 128.0 + 4.5 * 4);
+  EXPECT_DOUBLE_EQ(depth, 2.0);
+  // sagittal: y right, z up
+  pane.kind = PCD_PANE_SAGITTAL;
+  g = PCDview_GetPaneGeometry(pane, scene, 256, 256);
+  ASSERT_TRUE(PCDview_VoxelToPixel(g, {3.0f, 0.0f, 16.0f}, &px, &py, &depth));
+  EXPECT_DOUBLE_EQ(px, 128.0 - 16 * 4);
+  EXPECT_DOUBLE_EQ(py, 128.0 - 8 * 4);
+  EXPECT_DOUBLE_EQ(depth, 3.0 - 10.5);
+  EXPECT_EQ(PCDview_PaneSlice(PCD_PANE_SAGITTAL, scene.cursor), 10);
+  EXPECT_EQ(PCDview_PaneSliceCount(PCD_PANE_CORONAL, *vol.v->matrixSize), 32);
+  // zoomed in beyond the whole section, the pane centres on the cursor
+  scene.voxelsPerPixel = 0.125f;
+  pane.kind = PCD_PANE_CORONAL;
+  g = PCDview_GetPaneGeometry(pane, scene, 256, 256);
+  ASSERT_TRUE(PCDview_VoxelToPixel(g, {10.5f, 0.0f, 5.5f}, &px, &py, &depth));
+  EXPECT_DOUBLE_EQ(px, 128.0);
+  EXPECT_DOUBLE_EQ(py, 128.0);
+  // an oblique pane without tilt is the axial section through the cursor
+  pane.kind = PCD_PANE_OBLIQUE;
+  pane.obliqueTilt = 0;
+  g = PCDview_GetPaneGeometry(pane, scene, 256, 256);
+  EXPECT_FLOAT_EQ(g.normal.z, 1.0f);
+  EXPECT_FLOAT_EQ(g.u.x, 0.125f);
+  EXPECT_FLOAT_EQ(g.v.y, 0.125f);
+  // tilted by 90 degrees about x it looks along y
+  pane.obliqueTilt = 90;
+  g = PCDview_GetPaneGeometry(pane, scene, 256, 256);
+  EXPECT_NEAR(std::fabs(g.normal.y), 1.0, 1e-6);
+  // the spherical pane: the top row is the sphere's north pole, the middle its equator
+  pane.kind = PCD_PANE_SPHERICAL;
+  pane.sphereRadius = 4;
+  g = PCDview_GetPaneGeometry(pane, scene, 256, 128);
+  p = PCDview_PixelToVoxel(g, 128, 0);
+  EXPECT_NEAR(p.z, 5.5 + 4, 1e-5);
+  p = PCDview_PixelToVoxel(g, 128, 64);
+  EXPECT_NEAR(p.x, 10.5 + 4, 1e-5);  // longitude 0 at the middle column
+  EXPECT_FALSE(PCDview_VoxelToPixel(g, p, &px, &py, &depth));
+}
+
+TEST(SliceGeometry, VoxelSizeKeepsTheAspectOnScreen) {
+  Volume vol(64, 64, 16, 0);
+  PcdSliceScene scene;
+  scene.volume = vol.v;
+  scene.voxelsPerPixel = 0.25f;
+  scene.voxelMm = {1.0f, 1.0f, 4.0f};  // thick slices
+  PcdSlicePane pane;
+  pane.kind = PCD_PANE_CORONAL;
+  const PcdPaneGeometry g = PCDview_GetPaneGeometry(pane, scene, 256, 256);
+  // a pixel is 0.25 mm both ways: a quarter voxel along x, a sixteenth along z
+  EXPECT_FLOAT_EQ(g.u.x, 0.25f);
+  EXPECT_FLOAT_EQ(g.v.z, -0.0625f);
+}
+
+// The table made once per mapping gives every 16-bit value the grey of the plain mapping.
+TEST(GreyMapping, TheTableGivesThePlainMappingsGreyForEveryValue) {
+  PcdGreyTable table;
+  PCDview_PrepareGreyTable(&table, 3, -100.0f, 1300.0f, 200.0f);
+  ASSERT_EQ(table.grey.size(), 65536u);
+  for (int32_t v = -32768; v <= 32767; ++v)
+    ASSERT_EQ(table.grey[size_t(v + 32768)], PCDview_MapGrey(v, -100.0f, 1300.0f, 200.0f)) << v;
+  // worked out: (600 + 100) * 200 / 1400 = 100; beyond the top the grey maximum; below black
+  EXPECT_EQ(PCDview_MapGrey(600, -100, 1300, 200), 100);
+  EXPECT_EQ(PCDview_MapGrey(5000, -100, 1300, 200), 200);
+  EXPECT_EQ(PCDview_MapGrey(-500, -100, 1300, 200), 0);
+  EXPECT_EQ(PCDview_MapGrey(5000, 0, 10, 1000), 255);  // a grey maximum above white is cut
+}
+
+// A signed 16-bit channel drawn through the table and a float channel of the same values
+// drawn through the plain mapping give the same pixels.
+TEST(GreyMapping, SectionsThroughTheTableEqualThePlainPath) {
+  Volume shorts(40, 30, 3, 3), floats(40, 30, 3, 6);
+  std::mt19937 random(7);
+  std::uniform_int_distribution<int> value(-3000, 3000);
+  for (int i = 0; i < 40 * 30 * 3; ++i) {
+    const int v = value(random);
+    static_cast<int16_t*>(shorts.v->data[0])[i] = int16_t(v);
+    static_cast<float*>(floats.v->data[0])[i] = float(v);
+  }
+  PcdSliceScene scene;
+  scene.cursor = {3, 4, 1};
+  scene.voxelsPerPixel = 0.3f;
+  scene.greyLow = -500;
+  scene.greyHigh = 2500;
+  for (int32_t kind : {PCD_PANE_AXIAL, PCD_PANE_SAGITTAL, PCD_PANE_OBLIQUE, PCD_PANE_SPHERICAL}) {
+    PcdSlicePane pane;
+    pane.kind = kind;
+    Image a, b;
+    PcdGreyTable ta, tb;
+    scene.volume = shorts.v;
+    PCDview_RenderSection(a.s, PCDview_GetPaneGeometry(pane, scene, 256, 256), scene, &ta);
+    scene.volume = floats.v;
+    PCDview_RenderSection(b.s, PCDview_GetPaneGeometry(pane, scene, 256, 256), scene, &tb);
+    EXPECT_TRUE(a.SameAs(b)) << "kind " << kind;
+  }
+}
+
+TEST(GreyMapping, ColourChannelsShowTheirPackedColoursAndTheFitTakesPercentiles) {
+  const PcdIntSize3D size{4, 4, 1};
+  PcdRawVolumeData* colour = PCD_NewSingleChannelRawVolumeData(&size, 4, 2);
+  static_cast<uint32_t*>(colour->data[0])[5] = 0x11223344u;  // red 0x11, green 0x22, blue 0x33
+  PcdSliceScene scene;
+  scene.volume = colour;
+  scene.voxelsPerPixel = 4.0f / 256;
+  PcdSlicePane pane;
+  Image image;
+  PcdGreyTable table;
+  PCDview_RenderSection(image.s, PCDview_GetPaneGeometry(pane, scene, 256, 256), scene, &table);
+  EXPECT_EQ(image.At(64 + 10, 64 + 10), 0xff112233u);  // voxel (1, 1)
+  EXPECT_EQ(image.At(10, 10), 0xff000000u);
+  float low, high;
+  EXPECT_FALSE(PCDview_FitGreyMapping(colour, 0, &low, &high));
+  PCD_DeleteRawVolumeData(colour);
+
+  // 1000 voxels holding 1 .. 1000 (and zeros, which do not count): the 0.5 % and 99.5 %
+  // points are the values at ranks round(0.005 * 999) = 5 and round(0.995 * 999) = 994
+  Volume ramp(50, 25, 1, 3);
+  for (int i = 0; i < 1000; ++i) static_cast<int16_t*>(ramp.v->data[0])[(i * 7) % 1250] = int16_t(i + 1);
+  ASSERT_TRUE(PCDview_FitGreyMapping(ramp.v, 0, &low, &high));
+  EXPECT_EQ(low, 6.0f);
+  EXPECT_EQ(high, 995.0f);
+}
+
+PcdFibeTrakBuffer* RandomFibers(int count, std::vector<PcdVector3D>* seeds, uint32_t seed) {
+  std::mt19937 random(seed);
+  std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+  seeds->resize(size_t(count));
+  PcdFibeTrakBuffer* buffer = new_fibetrak_buffer(count, seeds->data(), 60);
+  for (int f = 0; f < count; ++f) {
+    (*seeds)[size_t(f)] = {20 + 8 * unit(random), 20 + 8 * unit(random), 6 + 3 * unit(random)};
+    PcdTrakLinePair* pair = new_trakline_pair(&(*seeds)[size_t(f)]);
+    pair->selection = f % 5 != 0;  // every fifth one is not selected
+    for (int half = 0; half < 2; ++half) {
+      PcdTrakLineBuffer* line = new_trakline_buffer(60);
+      PcdVector3D p = (*seeds)[size_t(f)], d = {unit(random), unit(random), 0.4f * unit(random)};
+      const int n = 5 + f % 50;
+      for (int i = 0; i < n; ++i) {
+        line->x[i] = p.x, line->y[i] = p.y, line->z[i] = p.z;
+        line->L1[i] = 1.5e-3f, line->L2[i] = 0.5e-3f, line->L3[i] = 0.2e-3f + 1e-5f * float(i);
+        const float sign = half ? -0.7f : 0.7f;
+        p = {p.x + sign * d.x, p.y + sign * d.y, p.z + sign * d.z};
+        d = {d.x + 0.1f * unit(random), d.y + 0.1f * unit(random), d.z + 0.05f * unit(random)};
+      }
+      line->nodeCount = int16_t(n);
+      (half ? pair->backward : pair->forward) = line;
+    }
+    buffer->pairs[f] = pair;
+  }
+  pack_fibetrak_buffer(buffer);
+  return buffer;
+}
+
+// The slice buckets are a fast path: the pixels they give are those of testing every
+// segment of every fiber against the section (the oblique pane's path) in an oblique pane
+// that cuts the same section.
+TEST(FiberOverlay, SliceBucketsDrawWhatTestingEverySegmentDraws) {
+  std::vector<PcdVector3D> seeds;
+  PcdFibeTrakBuffer* buffer = RandomFibers(400, &seeds, 3);
+  for (int32_t coloring : {kPcdColorAnisotropy, kPcdColorDirection, kPcdColorDistance, kPcdColorUnique, kPcdColorUniform}) {
+    auto layer = PCDview_MakeFiberLayer(buffer, coloring, kPcdPrimitiveHairline);
+    ASSERT_EQ(layer->fiberStart.size(), 400u - 80u + 1u);  // the selected ones
+    Volume vol(40, 40, 12, 0);
+    PcdSliceScene scene;
+    scene.volume = vol.v;
+    scene.voxelsPerPixel = 0.125f;
+    PcdPaneOverlays overlays;
+    overlays.fibers = {layer.get()};
+    overlays.showCursor = false;
+    int drawn = 0;
+    for (int z = 0; z < 12; ++z) {
+      scene.cursor = {20, 20, z};  // the middle: both panes centre on the cursor
+      PcdSlicePane axial, oblique;
+      oblique.kind = PCD_PANE_OBLIQUE;
+      oblique.obliqueTilt = 0;
+      Image a, b;
+      PcdGreyTable ta, tb;
+      PCDview_RenderPane(a.s, axial, scene, overlays, &ta);
+      PCDview_RenderPane(b.s, oblique, scene, overlays, &tb);
+      ASSERT_TRUE(a.SameAs(b)) << "slice " << z << " coloring " << coloring;
+      for (int y = 0; y < 256; ++y)
+        for (int x = 0; x < 256; ++x) drawn += a.At(x, y) != 0xff000000u;
+    }
+    EXPECT_GT(drawn, 1000) << coloring;
+  }
+  PCDdti_DeleteFibeTrakBuffer(buffer);
+}
+
+TEST(FiberOverlay, ColoursFollowTheStudysColoring) {
+  // one fiber along x: seed at x 10, forward to 12.1, backward to 7.9
+  PcdVector3D seed{10.5f, 5.5f, 2.5f};
+  PcdFibeTrakBuffer* buffer = new_fibetrak_buffer(1, &seed, 4);
+  PcdTrakLinePair* pair = new_trakline_pair(&seed);
+  pair->selection = 1;
+  for (int half = 0; half < 2; ++half) {
+    PcdTrakLineBuffer* line = new_trakline_buffer(4);
+    for (int i = 0; i < 4; ++i) {
+      line->x[i] = seed.x + (half ? -0.7f : 0.7f) * float(i), line->y[i] = seed.y, line->z[i] = seed.z;
+      line->L1[i] = 1.0f, line->L2[i] = 1.0f, line->L3[i] = 1.0f;  // isotropic: FA 0
+    }
+    line->nodeCount = 4;
+    (half ? pair->backward : pair->forward) = line;
+  }
+  buffer->pairs[0] = pair;
+  pack_fibetrak_buffer(buffer);
+  auto direction = PCDview_MakeFiberLayer(buffer, kPcdColorDirection, kPcdPrimitiveHairline);
+  ASSERT_EQ(direction->nodes.size(), 7u);  // 3 backward, the seed, 3 forward
+  EXPECT_FLOAT_EQ(direction->nodes[0].x, seed.x - 2.1f);
+  EXPECT_FLOAT_EQ(direction->nodes[3].x, seed.x);
+  for (uint32_t c : direction->colours) EXPECT_EQ(c, 0xffff0000u);  // along x: red
+  auto anisotropy = PCDview_MakeFiberLayer(buffer, kPcdColorAnisotropy, kPcdPrimitiveHairline);
+  for (uint32_t c : anisotropy->colours) EXPECT_EQ(c, 0xff0000ffu);  // FA 0: the ramp's blue end
+  auto distance = PCDview_MakeFiberLayer(buffer, kPcdColorDistance, kPcdPrimitiveHairline);
+  EXPECT_EQ(distance->colours[3], 0xff0000ffu);  // the seed: distance 0
+  EXPECT_EQ(distance->colours[0], distance->colours[6]);  // both ends 2.1 voxels away
+  // the buckets: along z all segments lie at 2.5, so slices 2 and 3 hold them, 1 and 4 not
+  ASSERT_GE(direction->buckets[2].size(), 4u);
+  EXPECT_EQ(direction->buckets[2][2].size(), 1u);
+  EXPECT_EQ(direction->buckets[2][2][0].segments, 6u);
+  EXPECT_EQ(direction->buckets[2][3][0].segments, 6u);
+  EXPECT_TRUE(direction->buckets[2][1].empty());
+  EXPECT_EQ(direction->buckets[2].size(), 4u);
+  // along y all lie at 5.5: slices 5 and 6; along x the nodes run from 8.4 to 12.6, so
+  // slices 7 (8.4 is within half a voxel of its voxels) to 13 hold some, 6 none
+  EXPECT_EQ(direction->buckets[1].size(), 7u);
+  EXPECT_EQ(direction->buckets[1][5][0].segments, 6u);
+  EXPECT_TRUE(direction->buckets[1][4].empty());
+  EXPECT_EQ(direction->buckets[0].size(), 14u);
+  EXPECT_TRUE(direction->buckets[0][6].empty());
+  EXPECT_FALSE(direction->buckets[0][7].empty());
+  EXPECT_FALSE(direction->buckets[0][13].empty());
+  // the ramp and FA by hand
+  EXPECT_EQ(PCDview_RampColour(0.5), 0xff00ff00u);
+  EXPECT_EQ(PCDview_RampColour(1.0), 0xffff0000u);
+  EXPECT_NEAR(PCDview_FAofEigenvalues(1.0, 0.0, 0.0), 1.0, 1e-12);
+  EXPECT_NEAR(PCDview_FAofEigenvalues(3.0, 1.0, 1.0), std::sqrt(1.5 * (16.0 / 9 + 2 * 4.0 / 9) / 11.0), 1e-12);
+  PCDdti_DeleteFibeTrakBuffer(buffer);
+  // a result without lines makes an empty layer
+  auto empty = PCDview_MakeFiberLayer(nullptr, kPcdColorDirection, kPcdPrimitiveHairline);
+  EXPECT_TRUE(empty->nodes.empty());
+}
+
+PcdPaneGeometry AxialThrough(int z, const PcdRawVolumeData* volume) {
+  PcdSliceScene scene;
+  scene.volume = volume;
+  scene.cursor = {0, 0, z};
+  scene.voxelsPerPixel = 0.125f;
+  PcdSlicePane pane;
+  return PCDview_GetPaneGeometry(pane, scene, 256, 256);
+}
+
+TEST(RoiDrawing, EditsAreUndoneAndRedoneAndLockedRoisRefused) {
+  Volume vol(32, 32, 8, 0);
+  const PcdIntSize3D size{32, 32, 8};
+  PcdRoiList rois;
+  PcdRoiObject* group = PCD_NewRoiObject(&rois, PCD_ROI_VOXELGROUP, &size);
+  PcdRoiObject* sphere = PCD_NewRoiObject(&rois, PCD_ROI_SPHERICAL, &size);
+  const PcdPaneGeometry g = AxialThrough(3, vol.v);
+  PcdRoiEditHistory history;
+
+  ASSERT_TRUE(PCDview_BeginRoiEdit(&history, group));
+  // radius 2 on slice 3 around voxel (10, 10): the lattice points of a disc of radius 2
+  // are 1 + 4 + 4 + 4 = 13
+  EXPECT_EQ(PCDview_PaintRoiVoxels(group, size, g, {10.5f, 10.5f, 3.5f}, 2.0f, 1), 13);
+  EXPECT_EQ(PCDview_PaintRoiVoxels(group, size, g, {10.5f, 10.5f, 3.5f}, 2.0f, 1), 0);  // already there
+  PCDview_EndRoiEdit(&history, group);
+  ASSERT_TRUE(PCDview_BeginRoiEdit(&history, group));
+  EXPECT_EQ(PCDview_PaintRoiVoxels(group, size, g, {10.5f, 10.5f, 3.5f}, 0.5f, 0), 1);
+  PCDview_EndRoiEdit(&history, group);
+  ASSERT_TRUE(PCDview_BeginRoiEdit(&history, sphere));
+  PCDview_SetRoiSphere(sphere, {4.5f, 5.5f, 6.5f}, 0.2f);
+  PCDview_EndRoiEdit(&history, sphere);
+  EXPECT_FLOAT_EQ(sphere->shape->radius, 1.0f);  // the editor's lowest radius
+  // an edit that changes nothing is no step
+  ASSERT_TRUE(PCDview_BeginRoiEdit(&history, sphere));
+  PCDview_EndRoiEdit(&history, sphere);
+  EXPECT_EQ(history.undo.size(), 3u);
+
+  const auto count = [&](const PcdRoiObject* roi) {
+    const auto mask = PCD_RasterizeRoiObject(roi, &size);
+    return std::count(mask.begin(), mask.end(), 1);
+  };
+  EXPECT_EQ(count(group), 12);
+  ASSERT_TRUE(PCDview_UndoRoiEdit(&history, &rois));
+  EXPECT_FLOAT_EQ(sphere->shape->centre.x, 16.0f);  // fitted to the middle of the volume at creation
+  ASSERT_TRUE(PCDview_UndoRoiEdit(&history, &rois));
+  EXPECT_EQ(count(group), 13);
+  ASSERT_TRUE(PCDview_UndoRoiEdit(&history, &rois));
+  EXPECT_EQ(count(group), 0);
+  EXPECT_FALSE(PCDview_UndoRoiEdit(&history, &rois));
+  ASSERT_TRUE(PCDview_RedoRoiEdit(&history, &rois));
+  EXPECT_EQ(count(group), 13);
+  // a new edit drops what could be redone
+  ASSERT_TRUE(PCDview_BeginRoiEdit(&history, group));
+  PCDview_PaintRoiVoxels(group, size, g, {20.5f, 20.5f, 3.5f}, 0.5f, 1);
+  PCDview_EndRoiEdit(&history, group);
+  EXPECT_FALSE(PCDview_RedoRoiEdit(&history, &rois));
+  EXPECT_EQ(count(group), 14);
+  // a deleted ROI's steps do nothing
+  PCD_DeleteRoiObjectById(&rois, group->id);
+  EXPECT_FALSE(PCDview_UndoRoiEdit(&history, &rois));
+
+  sphere->status = 1;
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(PCDview_BeginRoiEdit(&history, sphere));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Uneditable ROI refered by study(ies)\n");
+}
+
+TEST(RoiDrawing, AFreehandContourTakesTheVoxelsInsideItInItsSection) {
+  Volume vol(32, 32, 8, 0);
+  const PcdIntSize3D size{32, 32, 8};
+  PcdRoiList rois;
+  PcdRoiObject* freehand = PCD_NewRoiObject(&rois, PCD_ROI_FREEHAND, &size);
+  // sagittal section x = 7: a triangle with corners at (y, z) = (2, 1), (10, 1), (2, 5)
+  PcdSliceScene scene;
+  scene.volume = vol.v;
+  scene.cursor = {7, 0, 0};
+  scene.voxelsPerPixel = 0.125f;
+  PcdSlicePane pane;
+  pane.kind = PCD_PANE_SAGITTAL;
+  const PcdPaneGeometry g = PCDview_GetPaneGeometry(pane, scene, 256, 256);
+  std::vector<PcdVector2D> contour;
+  for (const PcdVector3D& corner : {PcdVector3D{7, 2, 1}, PcdVector3D{7, 10, 1}, PcdVector3D{7, 2, 5}}) {
+    double px, py;
+    PCDview_VoxelToPixel(g, corner, &px, &py, nullptr);
+    contour.push_back({float(px), float(py)});
+  }
+  // voxel centres (y + 0.5, z + 0.5) inside z < 5 - (y - 2) / 2: by rows z = 1: y 2..8,
+  // z = 2: y 2..6, z = 3: y 2..4, z = 4: y 2 -> 7 + 5 + 3 + 1 = 16
+  ASSERT_EQ(PCDview_SetRoiFreehand(freehand, size, g, contour), 16);
+  for (const PcdRoiPoint& p : freehand->shape->points) {
+    EXPECT_EQ(p.x, 7);
+    EXPECT_LT(p.z + 0.5, 5 - (p.y + 0.5 - 2) / 2);
+  }
+  // a contour around more voxels than a freehand ROI holds is refused, the ROI kept
+  Volume big(256, 256, 2, 0);
+  const PcdIntSize3D bigSize{256, 256, 2};
+  PcdSliceScene whole;
+  whole.volume = big.v;
+  const PcdPaneGeometry axial = PCDview_GetPaneGeometry(PcdSlicePane{}, whole, 256, 256);
+  const std::vector<PcdVector2D> all = {{0, 0}, {256, 0}, {256, 256}, {0, 256}};
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PCDview_SetRoiFreehand(freehand, bigSize, axial, all), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("Warning: a freehand ROI holds at most 4119 voxels", 0), 0u);
+  EXPECT_EQ(freehand->shape->points.size(), 16u);
+  // the brush leaves other ROI types alone
+  EXPECT_EQ(PCDview_PaintRoiVoxels(freehand, size, g, {7.5f, 3.5f, 2.5f}, 2.0f, 1), -1);
+}
+
+TEST(RoiPalette, ChannelStepsAndExportedRois) {
+  EXPECT_EQ(PCDview_StepChannel(5, 11, PCD_CHANNEL_FIRST), 0);
+  EXPECT_EQ(PCDview_StepChannel(5, 11, PCD_CHANNEL_LAST), 10);
+  EXPECT_EQ(PCDview_StepChannel(5, 11, PCD_CHANNEL_NEXT), 6);
+  EXPECT_EQ(PCDview_StepChannel(10, 11, PCD_CHANNEL_NEXT), 10);
+  EXPECT_EQ(PCDview_StepChannel(0, 11, PCD_CHANNEL_PREVIOUS), 0);
+  EXPECT_EQ(PCDview_StepChannel(3, 0, PCD_CHANNEL_NEXT), 0);
+
+  PcdRoiPalette palette;
+  palette.size = {4, 3, 2};
+  for (auto& mask : palette.masks) mask.assign(24, 0);
+  palette.masks[PCD_PALETTE_AVOIDANCE][1 + 4 * (2 + 3 * 1)] = 1;  // voxel (1, 2, 1)
+  palette.masks[PCD_PALETTE_ROI][0] = 1;
+  PcdRoiList rois;
+  EXPECT_EQ(PCDview_ExportPaletteToRois(&palette, &rois, "FA"), 2);
+  ASSERT_EQ(rois.items.size(), 2u);
+  EXPECT_STREQ(rois.items[0]->label, "Imported avoidance of FA");
+  EXPECT_STREQ(rois.items[1]->label, "Imported ROI of FA");
+  EXPECT_EQ(rois.items[0]->type, PCD_ROI_VOXELGROUP);
+  const auto mask = PCD_RasterizeRoiObject(rois.items[0].get(), &palette.size);
+  EXPECT_EQ(std::count(mask.begin(), mask.end(), 1), 1);
+  EXPECT_EQ(mask[1 + 4 * (2 + 3 * 1)], 1);
+}
+
+PcdGlyph Glyph(float l1, float l2, float l3) {
+  PcdGlyph glyph{};
+  glyph.lambda[0] = l1, glyph.lambda[1] = l2, glyph.lambda[2] = l3;
+  glyph.axes[0] = {1, 0, 0}, glyph.axes[1] = {0, 1, 0}, glyph.axes[2] = {0, 0, 1};
+  glyph.fa = float(PCDview_FAofEigenvalues(l1, l2, l3));
+  return glyph;
+}
+
+TEST(Glyphs, ShapesFollowTheTensorAsWorkedOutByHand) {
+  const PcdGlyph g = Glyph(3e-3f, 1e-3f, 1e-3f);
+  const PcdVector3D x{1, 0, 0}, y{0, 1, 0};
+  const float r = float(std::sqrt(0.5));
+  const PcdVector3D diagonal{r, r, 0};
+  // along e1 every shape reaches its full size
+  for (int32_t primitive : {kPcdGlyphAdcProfile, kPcdGlyphEllipsoid, kPcdGlyphEnvelope})
+    EXPECT_NEAR(PCDview_GlyphRadius(g, primitive, x), 1.0, 1e-6) << primitive;
+  EXPECT_NEAR(PCDview_GlyphRadius(g, kPcdGlyphAdcProfile, y), 1.0 / 3, 1e-6);
+  EXPECT_NEAR(PCDview_GlyphRadius(g, kPcdGlyphEllipsoid, y), 1.0 / 3, 1e-6);
+  // at 45 degrees: ADC (3 + 1) / 2 / 3; ellipsoid (semi-axes 3, 1, 1)
+  // 1 / sqrt((1/9 + 1) / 2) / 3 = 1 / sqrt(5); envelope sqrt((9 + 1) / 2) / 3
+  EXPECT_NEAR(PCDview_GlyphRadius(g, kPcdGlyphAdcProfile, diagonal), 2.0 / 3, 1e-6);
+  EXPECT_NEAR(PCDview_GlyphRadius(g, kPcdGlyphEllipsoid, diagonal), 1.0 / std::sqrt(5.0), 1e-6);
+  EXPECT_NEAR(PCDview_GlyphRadius(g, kPcdGlyphEnvelope, diagonal), std::sqrt(5.0) / 3, 1e-6);
+  EXPECT_EQ(PCDview_GlyphRadius(Glyph(0, 0, 0), kPcdGlyphAdcProfile, x), 0.0);
+
+  // drawn in a pane: an ellipse three times wider than tall, coloured by direction
+  Volume vol(32, 32, 8, 0);
+  PcdGlyphLayer layer;
+  layer.primitive = kPcdGlyphEllipsoid;
+  layer.coloring = kPcdColorDirection;
+  PcdGlyph at = g;
+  at.position = {15.5f, 15.5f, 3.5f};
+  layer.glyphs = {at};
+  Image image;
+  PcdPaneOverlays overlays;
+  overlays.glyphs = {&layer};
+  overlays.showCursor = false;
+  PcdSliceScene scene;
+  scene.volume = vol.v;
+  scene.cursor = {15, 15, 3};
+  scene.voxelsPerPixel = 1.0f / 64;  // 64 pixels a voxel, the glyph 32 pixels across e1
+  PcdGreyTable table;
+  PcdSlicePane pane;
+  PCDview_RenderPane(image.s, pane, scene, overlays, &table);
+  int width = 0, height = 0;
+  for (int i = 0; i < 256; ++i) {
+    width += image.At(i, 128) == 0xffff0000u;
+    height += image.At(128, i) == 0xffff0000u;
+  }
+  EXPECT_NEAR(width, 64, 3);   // 2 x 32
+  EXPECT_NEAR(height, 21, 3);  // a third of it
+  // the star: the three axes, e1 two half-widths long, the others a third of that
+  // (one-pixel lines on a pixel boundary: half red on the two rows or columns beside it)
+  layer.primitive = kPcdGlyphStar;
+  PCDview_RenderPane(image.s, pane, scene, overlays, &table);
+  const auto reddish = [](uint32_t p) { return (p >> 16 & 255) > 60 && (p >> 8 & 255) < 30; };
+  width = height = 0;
+  for (int i = 0; i < 256; ++i) {
+    width += reddish(image.At(i, 128));
+    height += reddish(image.At(128, i));
+  }
+  EXPECT_NEAR(width, 64, 3);
+  EXPECT_NEAR(height, 21, 3);
+  layer.primitive = kPcdGlyphEllipsoid;
+  // a glyph a voxel away from the section is not drawn; emphasis scales by FA
+  layer.glyphs[0].position.z = 4.5f;
+  PCDview_RenderPane(image.s, pane, scene, overlays, &table);
+  EXPECT_NE(image.At(128, 128), 0xffff0000u);
+  layer.glyphs[0].position.z = 3.5f;
+  layer.emphasis = true;
+  PCDview_RenderPane(image.s, pane, scene, overlays, &table);
+  width = 0;
+  for (int i = 0; i < 256; ++i) width += image.At(i, 128) == 0xffff0000u;
+  EXPECT_NEAR(width, 64 * g.fa, 3);
+}
+
+}  // namespace

@@ -1,0 +1,572 @@
+// The views window under Xvfb, driven as a user drives it: mouse events on the panes,
+// keys on the window, pixels read back from what the panes show. Expected places and
+// values come from the phantom's own truth and from voxel geometry worked out by hand.
+#include <gtk/gtk.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "app/app_state.h"
+#include "app/commands.h"
+#include "app/dialogs.h"
+#include "app/startup.h"
+#include "io/raw_volume_file.h"
+#include "ipc/ipc.h"
+#include "study/study_runner.h"
+#include "support/test_support.h"
+#include "tools/phantom/phantom.h"
+#include "view/fiber_overlay.h"
+#include "view/glyph_overlay.h"
+#include "view/palette_frame.h"
+#include "view/views_window.h"
+
+namespace {
+
+using quorix_test::TempDir;
+
+const bool kQuietDesktop =
+    setenv("GSETTINGS_BACKEND", "memory", 1) == 0 && setenv("NO_AT_BRIDGE", "1", 1) == 0;
+
+constexpr int kX = 32, kY = 32, kZ = 12;  // the phantom; 8 pixels a voxel at the first scale
+constexpr double kPixels = 256.0 / kX;
+
+void Drain() {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(250);
+  while (std::chrono::steady_clock::now() < until) {
+    gdk_display_sync(gdk_display_get_default());
+    while (gtk_events_pending()) gtk_main_iteration();
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+// The program on a phantom with its computed maps, the views window open.
+struct ViewsSession {
+  TempDir dir;
+  PcdPhantomTruth truth;
+  std::unique_ptr<quorix_test::ServerProcess> server;
+  int32_t colourChannel = 0, faChannel = 0;
+
+  ViewsSession() {
+    PcdDtiData* dti = PCD_MakeDwiPhantom({.sizeX = kX, .sizeY = kY, .sizeZ = kZ, .directions = 12}, &truth);
+    const std::string path = dir.file("phantom.raw");
+    WriteRawVolumeFile(dti->volume, path.c_str());
+    PCD_DeleteRawVolumeData(dti->volume);
+    std::free(dti);
+    server = std::make_unique<quorix_test::ServerProcess>(
+        std::vector<std::string>{"--volume", path, "--save-dir", dir.path().string()});
+    PCD_SetDialogResponder([](const PcdDialogSeen&) { return PcdDialogAnswer{kPcdDialogCancel, ""}; });
+    std::string number = std::to_string(server->number);
+    char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
+    testing::internal::CaptureStderr();
+    ok = PCD_InitializeApplication(2, argv) == 1;
+    if (ok) cmd_add_computational_channels(nullptr, 0, nullptr);
+    testing::internal::GetCapturedStderr();
+    colourChannel = 13, faChannel = 14;  // So + 12 DWIs, then colour, FA, ADC, isotropic
+    Drain();
+  }
+  ~ViewsSession() {
+    testing::internal::CaptureStderr();
+    PCD_CleanUpApplication();
+    testing::internal::GetCapturedStderr();
+    PCD_SetDialogResponder(nullptr);
+  }
+  bool ok = false;
+  size_t At(int x, int y, int z) const { return size_t(x) + kX * (size_t(y) + kY * size_t(z)); }
+};
+
+PcdViewPane* Pane(int i) { return &pcd_views->panes[i]; }
+
+// Where a voxel's centre lies in a pane at the first display scale (the whole 32-voxel
+// section fits 256 pixels and is centred): worked out from the orientation conventions,
+// x right and y down in axial panes, y right and z up in sagittal, x right and z up in
+// coronal.
+void VoxelPixel(int kind, const PcdViewPane* p, int x, int y, int z, double* px, double* py) {
+  const double w = gtk_widget_get_allocated_width(p->area), h = gtk_widget_get_allocated_height(p->area);
+  const double cx = x + 0.5 - kX / 2.0, cy = y + 0.5 - kY / 2.0, cz = z + 0.5 - kZ / 2.0;
+  switch (kind) {
+    case PCD_PANE_AXIAL: *px = w / 2 + cx * kPixels, *py = h / 2 + cy * kPixels; return;
+    case PCD_PANE_SAGITTAL: *px = w / 2 + cy * kPixels, *py = h / 2 - cz * kPixels; return;
+    default: *px = w / 2 + cx * kPixels, *py = h / 2 - cz * kPixels; return;
+  }
+}
+
+uint32_t PixelAt(cairo_surface_t* image, double px, double py) {
+  cairo_surface_flush(image);
+  const uint8_t* data = cairo_image_surface_get_data(image);
+  const int stride = cairo_image_surface_get_stride(image);
+  return *reinterpret_cast<const uint32_t*>(data + int(py) * stride + int(px) * 4);
+}
+
+void SendButton(GtkWidget* area, GdkEventType type, double x, double y, guint state = 0, guint button = 1) {
+  GdkEvent* e = gdk_event_new(type);
+  e->button.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(area)));
+  e->button.send_event = FALSE;
+  e->button.time = GDK_CURRENT_TIME;
+  e->button.x = x, e->button.y = y;
+  e->button.state = state;
+  e->button.button = button;
+  GdkDisplay* display = gtk_widget_get_display(area);
+  gdk_event_set_device(e, gdk_seat_get_pointer(gdk_display_get_default_seat(display)));
+  gtk_main_do_event(e);
+  gdk_event_free(e);
+}
+
+void SendMotion(GtkWidget* area, double x, double y, guint state = GDK_BUTTON1_MASK) {
+  GdkEvent* e = gdk_event_new(GDK_MOTION_NOTIFY);
+  e->motion.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(area)));
+  e->motion.time = GDK_CURRENT_TIME;
+  e->motion.x = x, e->motion.y = y;
+  e->motion.state = state;
+  gdk_event_set_device(e, gdk_seat_get_pointer(gdk_display_get_default_seat(gtk_widget_get_display(area))));
+  gtk_main_do_event(e);
+  gdk_event_free(e);
+}
+
+void Click(GtkWidget* area, double x, double y, guint state = 0) {
+  SendButton(area, GDK_BUTTON_PRESS, x, y, state);
+  SendButton(area, GDK_BUTTON_RELEASE, x, y, state);
+}
+
+void PressKeyOn(GtkWidget* window, guint keyval, guint modifiers = 0) {
+  GdkEvent* event = gdk_event_new(GDK_KEY_PRESS);
+  event->key.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(window)));
+  event->key.time = GDK_CURRENT_TIME;
+  event->key.state = modifiers;
+  event->key.keyval = keyval;
+  GdkKeymapKey* keys = nullptr;
+  gint count = 0;
+  GdkDisplay* display = gtk_widget_get_display(window);
+  if (gdk_keymap_get_entries_for_keyval(gdk_keymap_get_for_display(display), keyval, &keys, &count) && count > 0) {
+    event->key.hardware_keycode = static_cast<guint16>(keys[0].keycode);
+    event->key.group = static_cast<guint8>(keys[0].group);
+  }
+  g_free(keys);
+  gdk_event_set_device(event, gdk_seat_get_keyboard(gdk_display_get_default_seat(display)));
+  gtk_main_do_event(event);
+  gdk_event_free(event);
+}
+
+void SaveShot(GtkWidget* widget, const std::string& name) {
+  GdkWindow* w = gtk_widget_get_window(widget);
+  if (w == nullptr) return;
+  GdkPixbuf* shot = gdk_pixbuf_get_from_window(w, 0, 0, gdk_window_get_width(w), gdk_window_get_height(w));
+  if (shot == nullptr) return;
+  const std::string dir = std::string(QUORIX_BINARY_DIR) + "/screenshots";
+  std::filesystem::create_directories(dir);
+  gdk_pixbuf_save(shot, (dir + "/" + name).c_str(), "png", nullptr, nullptr);
+  g_object_unref(shot);
+}
+
+int CountVoxels(const PcdRoiObject* roi) {
+  const PcdIntSize3D size{kX, kY, kZ};
+  const std::vector<uint8_t> mask = PCD_RasterizeRoiObject(roi, &size);
+  return int(std::count(mask.begin(), mask.end(), 1));
+}
+
+// The voxel of highest true FA: the middle of a bundle.
+PcdIntVector3D StrongestVoxel(const PcdPhantomTruth& truth) {
+  const size_t best = size_t(std::max_element(truth.fa.begin(), truth.fa.end()) - truth.fa.begin());
+  return {int32_t(best % kX), int32_t(best / kX % kY), int32_t(best / (kX * kY))};
+}
+
+TEST(SliceViews, FourPanesWithTheirMenusShowTheMapsWhereTheBundlesAre) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  ViewsSession s;
+  ASSERT_TRUE(s.ok);
+  ASSERT_NE(pcd_views, nullptr);
+  // the pane menus: 8 entries each, the branch named by the kind shown first
+  const char* const branches[] = {"/ Axial  ", "/Sagittal ", "/Coronal ", "/Oblique  "};
+  for (int i = 0; i < kPcdViewPaneCount; ++i) {
+    ASSERT_EQ(Pane(i)->menu.paths.size(), 8u);
+    EXPECT_EQ(Pane(i)->menu.paths[0], branches[i]);
+    EXPECT_EQ(Pane(i)->menu.paths[4], std::string(branches[i]) + "/Sp1");
+    EXPECT_EQ(Pane(i)->menu.paths[6], std::string(branches[i]) + "/Sp1");
+    EXPECT_EQ(Pane(i)->menu.paths[7], std::string(branches[i]) + "/Spherical");
+  }
+  EXPECT_STREQ(kPcdPaneMenus[PCD_PANE_SPHERICAL][0].path, "/Spherical");
+
+  // FA x 1000 through a grey mapping of 0 .. 1000: the grey is FA x 255
+  const PcdIntVector3D strong = StrongestVoxel(s.truth);
+  ASSERT_GT(s.truth.fa[s.At(strong.x, strong.y, strong.z)], 0.6f);
+  pcd_app->levelSetting = 1000;
+  PCDview_SetChannel(s.faChannel);
+  PCDview_SetCursor(strong, false);
+  Drain();
+  for (int i = 0; i < 3; ++i) {
+    double px, py;
+    VoxelPixel(i, Pane(i), strong.x, strong.y, strong.z, &px, &py);
+    const uint32_t pixel = PixelAt(Pane(i)->image, px + 3, py + 3);  // off the cursor's cross
+    const double fa = s.truth.fa[s.At(strong.x, strong.y, strong.z)];
+    EXPECT_NEAR(int(pixel & 255), fa * 255, 0.1 * 255) << "pane " << i;
+    EXPECT_EQ(pixel >> 8 & 255, pixel & 255) << "grey";
+  }
+  // an isotropic voxel of the head in the same axial section is dark
+  for (int x = 0; x < kX; ++x) {
+    const size_t at = s.At(x, strong.y, strong.z);
+    if (s.truth.adc[at] > 0 && s.truth.fa[at] < 0.05f) {
+      double px, py;
+      VoxelPixel(PCD_PANE_AXIAL, Pane(0), x, strong.y, strong.z, &px, &py);
+      EXPECT_LT(int(PixelAt(Pane(0)->image, px + 3, py + 3) & 255), 40) << "x " << x;
+      break;
+    }
+  }
+  SaveShot(pcd_views->window, "views-fa.png");
+
+  // the directional colours: the strongest component is the bundle's main axis
+  PCDview_SetChannel(s.colourChannel);
+  Drain();
+  const PcdVector3D d = s.truth.direction[s.At(strong.x, strong.y, strong.z)];
+  const int axis = std::fabs(d.x) >= std::fabs(d.y) && std::fabs(d.x) >= std::fabs(d.z) ? 0 : std::fabs(d.y) >= std::fabs(d.z) ? 1 : 2;
+  for (int i = 0; i < 3; ++i) {
+    double px, py;
+    VoxelPixel(i, Pane(i), strong.x, strong.y, strong.z, &px, &py);
+    const uint32_t pixel = PixelAt(Pane(i)->image, px + 3, py + 3);
+    const int rgb[3] = {int(pixel >> 16 & 255), int(pixel >> 8 & 255), int(pixel & 255)};
+    EXPECT_GT(rgb[axis], 120) << "pane " << i;
+    for (int c = 0; c < 3; ++c)
+      if (c != axis) {
+        EXPECT_LT(rgb[c], rgb[axis]) << "pane " << i << " component " << c;
+      }
+  }
+  SaveShot(pcd_views->window, "views-colour.png");
+
+  // switching a pane's kind through its menu shows the oblique controls, hides the slice
+  GtkWidget* item = PCD_FindMenuItem(Pane(3)->menu, "/Oblique  /Spherical");
+  ASSERT_NE(item, nullptr);
+  gtk_menu_item_activate(GTK_MENU_ITEM(item));
+  EXPECT_EQ(Pane(3)->pane.kind, PCD_PANE_SPHERICAL);
+  EXPECT_FALSE(gtk_widget_get_visible(Pane(3)->slice));
+  EXPECT_FALSE(gtk_widget_get_sensitive(Pane(3)->zoom));
+  Drain();
+  SaveShot(pcd_views->window, "views-spherical.png");
+  gtk_menu_item_activate(GTK_MENU_ITEM(PCD_FindMenuItem(Pane(3)->menu, "/Oblique  /Oblique")));
+  EXPECT_TRUE(gtk_widget_get_visible(Pane(3)->alongE1));
+  gtk_toggle_button_set_active(GTK_TOGGLE_BUTTON(Pane(3)->alongE1), TRUE);
+  EXPECT_FALSE(gtk_widget_get_sensitive(Pane(3)->tilt));
+  // zoom: at 200 % a voxel takes 16 pixels, centred on the cursor
+  gtk_combo_box_set_active(GTK_COMBO_BOX(Pane(0)->zoom), 3);
+  Drain();
+  EXPECT_FLOAT_EQ(Pane(0)->geometry.pixelsPerVoxel, 16.0f);
+  SaveShot(pcd_views->window, "views-zoom-oblique.png");
+  gtk_combo_box_set_active(GTK_COMBO_BOX(Pane(0)->zoom), 1);
+}
+
+TEST(SliceViews, AClickMovesTheCursorEverywhereAndTellsTheViewer) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  ViewsSession s;
+  ASSERT_TRUE(s.ok);
+  PCDview_SetCursor({16, 16, 6}, false);
+  Drain();
+  double px, py;
+  VoxelPixel(PCD_PANE_AXIAL, Pane(0), 9, 21, 6, &px, &py);
+  Click(Pane(0)->area, px, py);
+  Drain();
+  EXPECT_EQ(pcd_views->cursor.x, 9);
+  EXPECT_EQ(pcd_views->cursor.y, 21);
+  EXPECT_EQ(pcd_views->cursor.z, 6);
+  EXPECT_EQ(gtk_spin_button_get_value_as_int(GTK_SPIN_BUTTON(Pane(1)->slice)), 9);   // sagittal: x
+  EXPECT_EQ(gtk_spin_button_get_value_as_int(GTK_SPIN_BUTTON(Pane(2)->slice)), 21);  // coronal: y
+  // a click in the coronal pane moves x and z, keeps y
+  VoxelPixel(PCD_PANE_CORONAL, Pane(2), 20, 21, 3, &px, &py);
+  Click(Pane(2)->area, px, py);
+  Drain();
+  EXPECT_EQ(pcd_views->cursor.x, 20);
+  EXPECT_EQ(pcd_views->cursor.y, 21);
+  EXPECT_EQ(pcd_views->cursor.z, 3);
+  EXPECT_EQ(gtk_spin_button_get_value_as_int(GTK_SPIN_BUTTON(Pane(0)->slice)), 3);
+  // the viewer holds the position (request 464)
+  PcdIpcBroadcast bb;
+  ASSERT_EQ(PCDipc_GetBroadcastedInfo(&bb), 0);
+  EXPECT_EQ(bb.position.x, 20);
+  EXPECT_EQ(bb.position.y, 21);
+  EXPECT_EQ(bb.position.z, 3);
+  const std::string status = gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel));
+  EXPECT_EQ(status.rfind(" (20, 21, 3) ch. 1: ", 0), 0u) << status;
+  EXPECT_NE(status.find("FA "), std::string::npos) << status;
+  EXPECT_NE(status.find("e1 ("), std::string::npos) << status;
+  // the slice control moves the cursor too; the wheel steps it
+  gtk_spin_button_set_value(GTK_SPIN_BUTTON(Pane(0)->slice), 7);
+  EXPECT_EQ(pcd_views->cursor.z, 7);
+
+  // a Ctrl-drag sets the box VOI in the pane's plane and sends it (request 465)
+  VoxelPixel(PCD_PANE_AXIAL, Pane(0), 4, 5, 7, &px, &py);
+  double qx, qy;
+  VoxelPixel(PCD_PANE_AXIAL, Pane(0), 10, 12, 7, &qx, &qy);
+  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, px, py, GDK_CONTROL_MASK);
+  SendMotion(Pane(0)->area, qx, qy, GDK_BUTTON1_MASK | GDK_CONTROL_MASK);
+  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, qx, qy, GDK_CONTROL_MASK);
+  ASSERT_EQ(PCDipc_GetBroadcastedInfo(&bb), 0);
+  EXPECT_EQ(bb.regionOrigin.x, 4);
+  EXPECT_EQ(bb.regionOrigin.y, 5);
+  EXPECT_EQ(bb.regionSize.x, 7);
+  EXPECT_EQ(bb.regionSize.y, 8);
+  EXPECT_EQ(bb.regionOrigin.z, 0);
+  EXPECT_EQ(bb.regionSize.z, kZ);  // across the pane the box keeps the whole volume
+}
+
+TEST(SliceViews, TheMouseDrawsRoisAndCtrlZTakesEditsBack) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  ViewsSession s;
+  ASSERT_TRUE(s.ok);
+  PcdRoiList& rois = pcd_app->session.rois;
+  const PcdIntSize3D size{kX, kY, kZ};
+  PCDview_SetCursor({16, 16, 6}, false);
+  // drawing needs the ROI editor as the current page; elsewhere a press moves the cursor
+  PcdRoiObject* sphere = PCD_NewRoiObject(&rois, PCD_ROI_SPHERICAL, &size);
+  ASSERT_NE(sphere, nullptr);
+  const PcdVector3D before = sphere->shape->centre;
+  PCD_SetRoiLabel(sphere, "drawn");
+  const std::string label = sphere->label;
+  double px, py;
+  VoxelPixel(PCD_PANE_AXIAL, Pane(0), 10, 12, 6, &px, &py);
+  Click(Pane(0)->area, px, py);
+  EXPECT_EQ(sphere->shape->centre.x, before.x);
+  EXPECT_EQ(pcd_views->cursor.x, 10);
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 1);
+  Drain();
+
+  // a sphere: press on its centre voxel, drag three voxels to the right
+  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, px, py);
+  SendMotion(Pane(0)->area, px + 2 * kPixels, py);
+  SendMotion(Pane(0)->area, px + 3 * kPixels, py);
+  SaveShot(pcd_views->window, "views-drawing-sphere.png");
+  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, px + 3 * kPixels, py);
+  EXPECT_FLOAT_EQ(sphere->shape->centre.x, 10.5f);
+  EXPECT_FLOAT_EQ(sphere->shape->centre.y, 12.5f);
+  EXPECT_FLOAT_EQ(sphere->shape->centre.z, 6.5f);
+  EXPECT_FLOAT_EQ(sphere->shape->radius, 3.0f);
+  // the lattice points within 3 of a lattice point: 1 + 6 + 12 + 8 + 6 + 24 + 24 + 24 + 12 + 6 = 123
+  EXPECT_EQ(CountVoxels(sphere), 123);
+
+  // a freehand contour around the voxels x 5..8, y 20..23 of slice 6
+  PcdRoiObject* freehand = PCD_NewRoiObject(&rois, PCD_ROI_FREEHAND, &size);
+  const double left = Pane(0)->geometry.width / 2.0 + (5.1 - kX / 2.0) * kPixels;
+  const double right = Pane(0)->geometry.width / 2.0 + (8.9 - kX / 2.0) * kPixels;
+  const double top = Pane(0)->geometry.height / 2.0 + (20.1 - kY / 2.0) * kPixels;
+  const double bottom = Pane(0)->geometry.height / 2.0 + (23.9 - kY / 2.0) * kPixels;
+  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, left, top);
+  SendMotion(Pane(0)->area, right, top);
+  SendMotion(Pane(0)->area, right, bottom);
+  SendMotion(Pane(0)->area, left, bottom);
+  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, left, bottom);
+  ASSERT_EQ(freehand->shape->points.size(), 16u);
+  for (const PcdRoiPoint& p : freehand->shape->points) {
+    EXPECT_TRUE(p.x >= 5 && p.x <= 8 && p.y >= 20 && p.y <= 23 && p.z == 6) << int(p.x) << " " << int(p.y);
+  }
+
+  // a voxel group: one dab of the 1.5-voxel brush paints the 3 x 3 voxels around it
+  PcdRoiObject* group = PCD_NewRoiObject(&rois, PCD_ROI_VOXELGROUP, &size);
+  gtk_spin_button_set_value(GTK_SPIN_BUTTON(pcd_views->brush), 1.5);
+  VoxelPixel(PCD_PANE_AXIAL, Pane(0), 20, 8, 6, &px, &py);
+  Click(Pane(0)->area, px, py);
+  EXPECT_EQ(CountVoxels(group), 9);
+  // a stroke to the right adds a row of three per voxel travelled
+  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, px, py);
+  SendMotion(Pane(0)->area, px + kPixels, py);
+  SendMotion(Pane(0)->area, px + 2 * kPixels, py);
+  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, px + 2 * kPixels, py);
+  EXPECT_EQ(CountVoxels(group), 15);
+  // Shift erases
+  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, px, py, GDK_SHIFT_MASK);
+  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, px, py, GDK_SHIFT_MASK);
+  EXPECT_EQ(CountVoxels(group), 6);
+  Drain();
+  SaveShot(pcd_views->window, "views-rois.png");
+
+  // undo, step by step, back to the empty group; redo forward again
+  PressKeyOn(pcd_views->window, GDK_KEY_z, GDK_CONTROL_MASK);
+  EXPECT_EQ(CountVoxels(group), 15);
+  PressKeyOn(pcd_views->window, GDK_KEY_z, GDK_CONTROL_MASK);
+  EXPECT_EQ(CountVoxels(group), 9);
+  PressKeyOn(pcd_views->window, GDK_KEY_z, GDK_CONTROL_MASK);
+  EXPECT_EQ(CountVoxels(group), 0);
+  PressKeyOn(pcd_views->window, GDK_KEY_y, GDK_CONTROL_MASK);
+  EXPECT_EQ(CountVoxels(group), 9);
+  // further back: the freehand ROI loses its points, the sphere its radius
+  PressKeyOn(pcd_views->window, GDK_KEY_z, GDK_CONTROL_MASK);
+  PressKeyOn(pcd_views->window, GDK_KEY_z, GDK_CONTROL_MASK);
+  EXPECT_TRUE(freehand->shape->points.empty());
+  PressKeyOn(pcd_views->window, GDK_KEY_z, GDK_CONTROL_MASK);
+  EXPECT_EQ(sphere->shape->centre.x, before.x);
+  EXPECT_EQ(std::string(sphere->label), label);  // the label is not part of an edit
+
+  // a locked ROI is not drawn on
+  rois.selectedId = sphere->id;
+  sphere->status = 1;
+  testing::internal::CaptureStderr();
+  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, px, py);
+  SendMotion(Pane(0)->area, px + 4 * kPixels, py);
+  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, px + 4 * kPixels, py);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Uneditable ROI refered by study(ies)\n");
+  EXPECT_EQ(sphere->shape->centre.x, before.x);
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 0);
+}
+
+TEST(SliceViews, ATrackingStudySeededFromADrawnSphereShowsItsFibersOverTheBundle) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  ViewsSession s;
+  ASSERT_TRUE(s.ok);
+  const PcdIntVector3D strong = StrongestVoxel(s.truth);
+  PcdRoiList& rois = pcd_app->session.rois;
+  const PcdIntSize3D size{kX, kY, kZ};
+  PCDview_SetCursor(strong, false);
+  Drain();
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 1);
+  PcdRoiObject* seed = PCD_NewRoiObject(&rois, PCD_ROI_SPHERICAL, &size);
+  double px, py;
+  VoxelPixel(PCD_PANE_AXIAL, Pane(0), strong.x, strong.y, strong.z, &px, &py);
+  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, px, py);
+  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, px + 1.5 * kPixels, py);
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 0);
+
+  PcdStudyObject* study = PCD_NewStudyObject(&pcd_app->session.studies, PCD_STUDY_FIBER_TRACKING, &size);
+  ASSERT_NE(study, nullptr);
+  study->tract->seedSource = kPcdSeedFromList;
+  study->tract->regions[0].idCount = 1;
+  study->tract->regions[0].ids[0] = seed->id;
+  study->tract->coloring = kPcdColorUniform;  // one known colour to look for
+  PcdStudyRunOptions options;
+  int drawn = -1;
+  options.drawFibers = [&](const PcdStudyObject* st, const PcdFibeTrakBuffer* buffer, int lines) {
+    drawn = lines;
+    PCDview_SetStudyFibers(st, buffer, lines);
+  };
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(PCD_RunStudy(&pcd_app->session, study, options), 0);
+  testing::internal::GetCapturedStderr();
+  ASSERT_GT(drawn, 0);
+  PCDview_SetChannel(s.faChannel);
+  PCDview_SetCursor(strong, false);
+  Drain();
+  // in every pane the fiber colour lies within a voxel of the seed voxel
+  const uint32_t uniform = 0xffffd900u;  // (255, 217, 0)
+  for (int i = 0; i < 3; ++i) {
+    VoxelPixel(i, Pane(i), strong.x, strong.y, strong.z, &px, &py);
+    int hits = 0;
+    for (int dy = -12; dy <= 12; ++dy)
+      for (int dx = -12; dx <= 12; ++dx) hits += PixelAt(Pane(i)->image, px + dx, py + dy) == uniform;
+    EXPECT_GT(hits, 0) << "pane " << i;
+  }
+  // and never far off the bundle: a corner of the pane holds none
+  int stray = 0;
+  for (int y = 0; y < 16; ++y)
+    for (int x = 0; x < 16; ++x) stray += PixelAt(Pane(0)->image, x, y) == uniform;
+  EXPECT_EQ(stray, 0);
+  SaveShot(pcd_views->window, "views-fibers.png");
+  // a diffusion profile study's glyphs through its draw function: on the section through
+  // the bundle, coloured by direction, their colour is the bundle's axis
+  PcdStudyObject* profile = PCD_NewStudyObject(&pcd_app->session.studies, PCD_STUDY_DIFFUSION_PROFILE, &size);
+  ASSERT_NE(profile, nullptr);
+  profile->profile->coloring = kPcdColorDirection;
+  profile->profile->primitive = kPcdGlyphEllipsoid;
+  std::vector<PcdVector3D> points;
+  for (int y = 0; y < kY; ++y)
+    for (int x = 0; x < kX; ++x) points.push_back({x + 0.5f, y + 0.5f, strong.z + 0.5f});
+  PcdDifProfContext context;
+  context.pointCount = int32_t(points.size());
+  context.points = points.data();
+  std::vector<PcdGlyph> glyphs;
+  char text[256] = {};
+  testing::internal::CaptureStderr();
+  PCDdti_DiffusionProfileDisplay(pcd_app->session.dti, &context, PCDview_CollectGlyphs(&glyphs), text, sizeof text);
+  testing::internal::GetCapturedStderr();
+  ASSERT_FALSE(glyphs.empty());
+  PCDview_SetStudyGlyphs(profile, std::move(glyphs));
+  study->visible = 0;
+  PCDview_SetChannel(0);
+  Drain();
+  SaveShot(pcd_views->window, "views-glyphs.png");
+  {
+    // a bundle voxel of the section away from the seed ROI and the cursor
+    int bx = -1, by = -1;
+    for (int y = 0; y < kY && bx < 0; ++y)
+      for (int x = 0; x < kX && bx < 0; ++x)
+        if (s.truth.fa[s.At(x, y, strong.z)] > 0.6f && std::abs(x - strong.x) + std::abs(y - strong.y) > 6) bx = x, by = y;
+    ASSERT_GE(bx, 0);
+    const PcdVector3D d = s.truth.direction[s.At(bx, by, strong.z)];
+    VoxelPixel(PCD_PANE_AXIAL, Pane(0), bx, by, strong.z, &px, &py);
+    // two pixels from the centre along the glyph's long axis, clear of its antialiased rim
+    const uint32_t pixel = PixelAt(Pane(0)->image, px + 2 * d.x, py + 2 * d.y);
+    const double rgb[3] = {double(pixel >> 16 & 255), double(pixel >> 8 & 255), double(pixel & 255)};
+    EXPECT_NEAR(rgb[0], std::fabs(d.x) * 255, 40);
+    EXPECT_NEAR(rgb[1], std::fabs(d.y) * 255, 40);
+    EXPECT_NEAR(rgb[2], std::fabs(d.z) * 255, 40);
+  }
+  profile->visible = 0;
+  // a hidden study shows nothing
+  study->visible = 0;
+  PCDview_Redraw();
+  Drain();
+  int hidden = 0;
+  for (int y = 0; y < Pane(0)->geometry.height; ++y)
+    for (int x = 0; x < Pane(0)->geometry.width; ++x) hidden += PixelAt(Pane(0)->image, x, y) == uniform;
+  EXPECT_EQ(hidden, 0);
+}
+
+TEST(SliceViews, PaletteFrameCommandsAndAcceleratorsLeaveTypingAlone) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  ViewsSession s;
+  ASSERT_TRUE(s.ok);
+  const int32_t channels = pcd_app->session.volume->matrixSize->channels;
+  ASSERT_EQ(channels, 17);
+  gtk_widget_grab_focus(Pane(0)->area);
+  PressKeyOn(pcd_views->window, GDK_KEY_L);
+  EXPECT_EQ(PCDview_GetChannel(), 16);
+  PressKeyOn(pcd_views->window, GDK_KEY_B);
+  EXPECT_EQ(PCDview_GetChannel(), 15);
+  PressKeyOn(pcd_views->window, GDK_KEY_N);
+  PressKeyOn(pcd_views->window, GDK_KEY_N);  // stays at the last
+  EXPECT_EQ(PCDview_GetChannel(), 16);
+  PressKeyOn(pcd_views->window, GDK_KEY_F);
+  EXPECT_EQ(PCDview_GetChannel(), 0);
+  // typed into the channel field, letters are the field's, not commands
+  gtk_widget_grab_focus(pcd_views->channel);
+  PressKeyOn(pcd_views->window, GDK_KEY_L);
+  PressKeyOn(pcd_views->window, GDK_KEY_N);
+  EXPECT_EQ(PCDview_GetChannel(), 0);
+
+  // Adjust greyscale fits the mapping to the FA channel: its brightest voxels go white
+  PCDview_SetChannel(s.faChannel);
+  gtk_widget_grab_focus(Pane(0)->area);
+  PressKeyOn(pcd_views->window, GDK_KEY_G);
+  EXPECT_GT(pcd_app->levelSetting, 600);
+  EXPECT_LT(pcd_app->levelSetting, 1000);
+  // Ctrl+U sends the shown channel to the viewer, which saves it
+  testing::internal::CaptureStderr();
+  PressKeyOn(pcd_views->window, GDK_KEY_u, GDK_CONTROL_MASK);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Sending a channel to PELLUCID...done.\n");
+
+  // the frame: paint a seed and a target, export them as ROIs
+  ASSERT_TRUE(PCDview_OpenPaletteFrame());
+  Drain();
+  GtkWidget* area = PCDview_GetPaletteArea();
+  const double w = gtk_widget_get_allocated_width(area), h = gtk_widget_get_allocated_height(area);
+  const double frame = 512.0 / kX;  // 16 pixels a voxel
+  gtk_spin_button_set_value(GTK_SPIN_BUTTON(pcd_views->brush), 0.5);
+  Click(area, w / 2 + (3.5 - kX / 2.0) * frame, h / 2 + (4.5 - kY / 2.0) * frame);
+  PcdRoiPalette* palette = PCDview_GetRoiPalette();
+  palette->current = PCD_PALETTE_TARGET;
+  Click(area, w / 2 + (7.5 - kX / 2.0) * frame, h / 2 + (9.5 - kY / 2.0) * frame);
+  Drain();
+  SaveShot(gtk_widget_get_toplevel(area), "palette-frame.png");
+  const size_t before = pcd_app->session.rois.items.size();
+  cmd_palette_export(nullptr, 0, nullptr);
+  ASSERT_EQ(pcd_app->session.rois.items.size(), before + 2);
+  const PcdRoiObject* seed = pcd_app->session.rois.items[before].get();
+  const PcdRoiObject* target = pcd_app->session.rois.items[before + 1].get();
+  EXPECT_STREQ(seed->label, "Imported seed of channel 15");
+  EXPECT_STREQ(target->label, "Imported target of channel 15");
+  const PcdIntSize3D size{kX, kY, kZ};
+  const auto mask = PCD_RasterizeRoiObject(seed, &size);
+  EXPECT_EQ(std::count(mask.begin(), mask.end(), 1), 1);
+  EXPECT_EQ(mask[s.At(3, 4, pcd_views->cursor.z)], 1);
+  EXPECT_EQ(CountVoxels(target), 1);
+}
+
+}  // namespace

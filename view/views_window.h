@@ -1,0 +1,94 @@
+// The views window beside the main window: four slice view panes (at first axial,
+// sagittal, coronal and oblique), each with its own 8-entry menu bar, slice and zoom
+// controls, sharing one 3D cursor, the shown channel and the grey mapping. A click moves
+// the cursor in every pane and tells the viewer; while the ROI editor is the current page
+// the mouse draws the selected ROI instead.
+#pragma once
+
+#include <gtk/gtk.h>
+
+#include <functional>
+#include <string>
+
+#include "app/menu.h"
+#include "view/pane_render.h"
+#include "view/roi_drawing.h"
+#include "view/slice_pane.h"
+
+constexpr int kPcdViewPaneCount = 4;
+constexpr int kPcdPaneMenuEntryCount = 8;
+constexpr int kPcdPaneSize = 256;
+
+// The five pane menus, chosen by the kind a pane shows first.
+extern const PcdMenuEntry kPcdPaneMenus[kPcdPaneKindCount][kPcdPaneMenuEntryCount];
+
+struct PcdViewPane {
+  int index = 0;
+  PcdSlicePane pane;
+  GtkWidget* box = nullptr;
+  GtkWidget* area = nullptr;
+  GtkWidget* slice = nullptr;      // slice spin button (axis-aligned panes)
+  GtkWidget* zoom = nullptr;       // display scale choice
+  GtkWidget* tilt = nullptr;       // oblique angles and the e1 switch
+  GtkWidget* turn = nullptr;
+  GtkWidget* alongE1 = nullptr;
+  GtkWidget* radius = nullptr;     // spherical pane
+  PcdMenuBar menu;
+  cairo_surface_t* image = nullptr;  // what the pane shows, drawn on every redraw
+  PcdGreyTable table;
+  PcdPaneGeometry geometry;
+  // a mouse gesture under way
+  enum class Gesture { None, Sphere, Freehand, Paint, Erase, Box } gesture = Gesture::None;
+  PcdVector3D pressVoxel{0, 0, 0};
+  std::vector<PcdVector2D> contour;
+};
+
+struct PcdViewsState {
+  GtkWidget* window = nullptr;
+  GtkWidget* channel = nullptr;  // shown channel (1-based in the spin button)
+  GtkWidget* brush = nullptr;    // brush radius for voxel groups, voxels
+  PcdViewPane panes[kPcdViewPaneCount];
+  PcdIntVector3D cursor{0, 0, 0};
+  int32_t channelIndex = 0;
+  float greyLow = 0.0f;
+  PcdIntVector3D boxOrigin{0, 0, 0};
+  PcdIntSize3D boxSize{0, 0, 0};
+  PcdRoiEditHistory history;
+  const void* volumeSeen = nullptr;  // the data set the cursor and box were fitted to
+  bool updatingControls = false;     // controls being set from the state, not by the user
+  int redraws = 0;                   // panes drawn so far (tests wait for it)
+};
+
+extern PcdViewsState* pcd_views;
+
+// Builds and shows the window (once); false without a display.
+bool PCDview_OpenViewsWindow();
+void PCDview_CloseViewsWindow();
+// Redraws every pane (after the data set, a ROI or a study result changed).
+void PCDview_Redraw();
+
+// Moves the cursor (clamped to the volume), redraws, writes the status line and, when
+// asked, sends the position to the viewer (request 464).
+void PCDview_SetCursor(const PcdIntVector3D& cursor, bool tellViewer);
+// The channel shown (clamped to the volume's channels).
+void PCDview_SetChannel(int32_t channel);
+int32_t PCDview_GetChannel();
+// The status line text for the cursor: voxel, value and, with a ready data set, FA, ADC
+// and e1 there.
+std::string PCDview_DescribeCursor();
+// Switches a pane to a kind, showing, hiding or desensitising its controls to suit.
+void PCDview_SetPaneKind(PcdViewPane* pane, int32_t kind);
+// The scene a pane draws (data set, cursor, mapping, its display scale).
+PcdSliceScene PCDview_GetScene(const PcdViewPane* pane);
+// Draws a pane into its image now (the draw handler does the same).
+void PCDview_RenderPaneImage(PcdViewPane* pane);
+// Undo and redo of ROI edits (Ctrl+Z, Ctrl+Y in the views window).
+bool PCDview_Undo();
+bool PCDview_Redo();
+// Writes what a pane shows as a PNG file; false when it cannot be written.
+bool PCDview_SavePanePng(const PcdViewPane* pane, const char* path);
+
+// Called after the mouse changed a ROI (the ROI editor refreshes its controls) and after
+// ROIs were added (its list); may be empty.
+extern std::function<void(PcdRoiObject*)> pcd_view_roi_edited;
+extern std::function<void()> pcd_view_rois_added;
