@@ -7,6 +7,9 @@
 #include "app/dialogs.h"
 #include "app/loading.h"
 #include "app/main_window.h"
+#include "app/object_commands.h"
+#include "study/gui/roi_editor.h"
+#include "study/gui/study_performer.h"
 #include "app/viewer_link.h"
 
 namespace {
@@ -29,7 +32,7 @@ int Fail() {
 }  // namespace
 
 int PCD_ServiceTimer(void*) {
-  if (pcd_app != nullptr && pcd_app->realtimeAnalysis == 1) pcd_viewer_read_broadcast();
+  if (pcd_app != nullptr && pcd_app->realtimeAnalysis == 1) PCD_ServiceRealtimeAnalysis();
   return G_SOURCE_CONTINUE;
 }
 
@@ -73,6 +76,8 @@ int PCD_InitializeApplication(int argc, char** argv) {
   app->session.dti = nullptr;
   PCD_CreateDtiData();
   app->studyPerformer = app->roiEditor = app->roiPalette = nullptr;
+  PCD_ConnectSessionToViewer();
+  PCD_CreateDefaultObjects();
 
   if (!PCD_BuildMainWindow()) return Fail();
   app->initialized = 1;
@@ -80,6 +85,8 @@ int PCD_InitializeApplication(int argc, char** argv) {
   app->viewContext = PCD_NewViewContext(app->window, app->textFont);
   PCD_ConnectCoreNotices();
   PCD_RefreshMemo();
+  PCD_RefreshStudyPerformer();
+  PCD_RefreshRoiEditor();
   PCD_UpdatePanels();
   if (PCD_MpgReady()) {
     PCD_SetStatus(" initialized.");
@@ -105,7 +112,10 @@ void PCD_CleanUpApplication() {
   PCD_CleanUpObjects();
   PCD_DisconnectCoreNotices();
   PCD_DeleteViewContext(app->viewContext);
+  PCD_QuietObjectPages();
   if (app->window) gtk_widget_destroy(app->window);
+  PCD_DeleteStudyPerformer();
+  PCD_DeleteRoiEditor();
   pcd_viewer_detach();
   PCD_DeleteAppState();
 }

@@ -34,3 +34,7 @@ int pcd_viewer_send_volume(const PcdRawVolumeData* volume);
 int pcd_viewer_send_voxel_size(float millimetres);
 // Reads the viewer's broadcast state into the link's record; 0 or -1 (printed).
 int pcd_viewer_read_broadcast();
+// Reads the broadcast state and gives the viewer's box VOI (its region) or its position.
+// 0, or -1 (printed).
+int pcd_viewer_get_box(PcdIntVector3D* origin, PcdIntSize3D* size);
+int pcd_viewer_get_position(PcdIntVector3D* position);
