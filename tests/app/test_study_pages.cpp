@@ -295,6 +295,30 @@ TEST(StudyPages, SphereSeedTracksTheBundleAndTheSessionComesBack) {
   EXPECT_NE(err.find("Sending object for (Fiber tracking 1) with ID (2) ...done\n"), std::string::npos) << err;
   EXPECT_NE(ServerObjects(dir).find("group 2: 38 objects"), std::string::npos) << ServerObjects(dir);
 
+  // the same analysis with its dump, written where the chooser says
+  g_seen.clear();
+  g_answers = {Chosen(dir.file("dump.txt"))};
+  Activate(p->menu, "/Study/Special/Analyze and dump result");
+  console.Take();
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].initialText, "fibetrak_dump.txt");
+  const std::string dump = quorix_test::ReadFileText(dir.file("dump.txt"));
+  EXPECT_NE(dump.find("<Dump result is from here>================================================\n19\n"),
+            std::string::npos);
+
+  // the tracked lines as grey and colour channels for the viewer
+  const auto savedChannels = [&] {
+    int n = 0;
+    for (const auto& f : std::filesystem::directory_iterator(dir.path() / "saved"))
+      n += f.path().filename().string().find("channel") != std::string::npos;
+    return n;
+  };
+  const int channelsBefore = savedChannels();
+  Activate(pcd_app->mainMenu, "/Special/Voxelize visible tracklines as/Grey volume");
+  Activate(pcd_app->mainMenu, "/Special/Voxelize visible tracklines as/Color volume");
+  EXPECT_EQ(savedChannels(), channelsBefore + 2);
+  EXPECT_NE(console.Take().find("Voxelizing 38 visible tracklines\n"), std::string::npos);
+
   // the locked sphere refuses deletion
   ClickRow(e->list, 0);
   Activate(e->menu, "/ROI/Delete");
@@ -306,6 +330,17 @@ TEST(StudyPages, SphereSeedTracksTheBundleAndTheSessionComesBack) {
   EXPECT_NE(ServerObjects(dir).find("group 1: 3 objects"), std::string::npos) << ServerObjects(dir);
   Activate(pcd_app->mainMenu, "/Setting/ROI 3D object/Hide");
   EXPECT_NE(ServerObjects(dir).find("group 1: 0 objects"), std::string::npos) << ServerObjects(dir);
+  // shown again: a ROI hidden in the editor leaves the viewer at once; auto update on and off
+  Activate(pcd_app->mainMenu, "/Setting/ROI 3D object/Show, Update");
+  Activate(pcd_app->mainMenu, "/Setting/ROI 3D object/Auto update/On");
+  EXPECT_EQ(pcd_app->roiAutoUpdate, 1);
+  ClickRow(e->list, 1);
+  gtk_button_clicked(GTK_BUTTON(e->visible));
+  EXPECT_NE(ServerObjects(dir).find("group 1: 2 objects"), std::string::npos) << ServerObjects(dir);
+  gtk_button_clicked(GTK_BUTTON(e->visible));
+  Activate(pcd_app->mainMenu, "/Setting/ROI 3D object/Auto update/Off");
+  Activate(pcd_app->mainMenu, "/Setting/ROI 3D object/Hide");
+  EXPECT_EQ(pcd_app->roiAutoUpdate, 0);
   console.Take();
 
   // the tracked lines become a voxelgroup ROI of the voxels they pass
