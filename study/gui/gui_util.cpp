@@ -93,16 +93,6 @@ void PCD_SelectListId(GtkWidget* view, int idColumn, uint16_t id) {
   gtk_tree_selection_unselect_all(selection);
 }
 
-GtkWidget* PCD_NewLabelledEntry(GtkWidget* box, const char* label, int widthChars) {
-  GtkWidget* row = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 2);
-  gtk_box_pack_start(GTK_BOX(row), gtk_label_new(label), FALSE, FALSE, 0);
-  GtkWidget* entry = gtk_entry_new();
-  gtk_entry_set_width_chars(GTK_ENTRY(entry), widthChars);
-  gtk_box_pack_end(GTK_BOX(row), entry, FALSE, FALSE, 0);
-  gtk_box_pack_start(GTK_BOX(box), row, FALSE, FALSE, 0);
-  return entry;
-}
-
 void PCD_SetEntryText(GtkWidget* entry, const char* format, double value) {
   char text[64];
   std::snprintf(text, sizeof text, format, value);

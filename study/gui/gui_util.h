@@ -33,8 +33,6 @@ uint16_t PCD_GetSelectedListId(GtkWidget* view, int idColumn);
 // Selects the row holding id (no row: selection cleared).
 void PCD_SelectListId(GtkWidget* view, int idColumn, uint16_t id);
 
-// An entry with a label in front of it, packed into box; the entry is returned.
-GtkWidget* PCD_NewLabelledEntry(GtkWidget* box, const char* label, int widthChars);
 void PCD_SetEntryText(GtkWidget* entry, const char* format, double value);
 void PCD_SetEntryInt(GtkWidget* entry, int value);
 // The entry's text read with "%f" / "%d"; false (value untouched) when it does not parse.

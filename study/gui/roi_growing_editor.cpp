@@ -48,13 +48,23 @@ GtkWidget* pcd_build_growing_editor(PcdRoiEditor* e) {
   gtk_container_set_border_width(GTK_CONTAINER(box), 4);
   e->growIf = PCD_NewRadioGroup("Grow if", kGrowModeTable, false);
   gtk_box_pack_start(GTK_BOX(box), e->growIf.widget, FALSE, FALSE, 0);
-  for (int i = 0; i < 5; ++i) e->growEntries[i] = PCD_NewLabelledEntry(box, kEntryLabels[i], 8);
-  GtkWidget* buttons = gtk_grid_new();
+  GtkWidget* entries = gtk_grid_new();  // labels right-aligned before their entries
+  gtk_grid_set_column_spacing(GTK_GRID(entries), 4);
+  for (int i = 0; i < 5; ++i) {
+    GtkWidget* label = gtk_label_new(kEntryLabels[i]);
+    gtk_label_set_xalign(GTK_LABEL(label), 1.0f);
+    e->growEntries[i] = gtk_entry_new();
+    gtk_entry_set_width_chars(GTK_ENTRY(e->growEntries[i]), 9);
+    gtk_grid_attach(GTK_GRID(entries), label, 0, i, 1, 1);
+    gtk_grid_attach(GTK_GRID(entries), e->growEntries[i], 1, i, 1, 1);
+  }
+  gtk_box_pack_start(GTK_BOX(box), entries, FALSE, FALSE, 0);
+  GtkWidget* buttons = gtk_grid_new();  // two by two, to fit the narrow window
   gtk_grid_set_column_homogeneous(GTK_GRID(buttons), TRUE);
   for (int i = 0; i < 4; ++i) {
     e->growButtons[i] = gtk_button_new_with_label(kButtonLabels[i]);
     g_signal_connect(e->growButtons[i], "clicked", G_CALLBACK(on_clicked), GINT_TO_POINTER(i));
-    gtk_grid_attach(GTK_GRID(buttons), e->growButtons[i], i, 0, 1, 1);
+    gtk_grid_attach(GTK_GRID(buttons), e->growButtons[i], i % 2, i / 2, 1, 1);
   }
   gtk_box_pack_start(GTK_BOX(box), buttons, FALSE, FALSE, 2);
   e->coloring = PCD_NewRadioGroup("Coloring", kColoringTable, true);

@@ -289,6 +289,7 @@ TEST(StudyPages, SphereSeedTracksTheBundleAndTheSessionComesBack) {
   EXPECT_EQ(summary.rfind("Seed Points:   19\nTracked Lines:   19\nDrawn Lines:   19\nBuffer Size:   ", 0), 0u)
       << summary << err;
   EXPECT_EQ(gtk_notebook_get_current_page(GTK_NOTEBOOK(tracking->notebook)), 4);  // "Summary"
+  Screenshot(pcd_app->window, "study-tracking-analyzed.png");
   EXPECT_EQ(Rows(p->store)[0], "0|Fiber tracking|o|done|Fiber tracking 1");
   EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel)), "Seed:19, Lines:38/38");
   // the result in the viewer: the study's group holds one polyline per half-line
