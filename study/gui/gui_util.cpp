@@ -4,13 +4,11 @@
 
 #include "study/roi_object.h"
 
-PcdRadioGroup PCD_NewRadioGroup(const char* title, const PcdChoiceTable& table, bool vertical,
-                                int maxChoices) {
+PcdRadioGroup PCD_NewRadioGroup(const char* title, const PcdChoiceTable& table, bool vertical) {
   PcdRadioGroup group;
   GtkWidget* box = gtk_box_new(vertical ? GTK_ORIENTATION_VERTICAL : GTK_ORIENTATION_HORIZONTAL, 0);
   GtkWidget* previous = nullptr;
-  const int count = maxChoices >= 0 && maxChoices < table.count ? maxChoices : table.count;
-  for (int i = 0; i < count; ++i) {
+  for (int i = 0; i < table.count; ++i) {
     GtkWidget* b = previous ? gtk_radio_button_new_with_label_from_widget(GTK_RADIO_BUTTON(previous),
                                                                          table.choices[i].label)
                             : gtk_radio_button_new_with_label(nullptr, table.choices[i].label);
@@ -63,6 +61,16 @@ GtkWidget* PCD_NewObjectList(const char* const* titles, int count, GtkWidget** v
   gtk_scrolled_window_set_shadow_type(GTK_SCROLLED_WINDOW(scroll), GTK_SHADOW_IN);
   gtk_container_add(GTK_CONTAINER(scroll), *view);
   return scroll;
+}
+
+void PCD_SetListRowText(GtkListStore* store, int idColumn, uint16_t id, int column, const char* text) {
+  GtkTreeModel* model = GTK_TREE_MODEL(store);
+  GtkTreeIter iter;
+  for (gboolean ok = gtk_tree_model_get_iter_first(model, &iter); ok; ok = gtk_tree_model_iter_next(model, &iter)) {
+    guint rowId = 0;
+    gtk_tree_model_get(model, &iter, idColumn, &rowId, -1);
+    if (rowId == id) gtk_list_store_set(store, &iter, column, text, -1);
+  }
 }
 
 uint16_t PCD_GetSelectedListId(GtkWidget* view, int idColumn) {

@@ -17,8 +17,7 @@ struct PcdRadioGroup {
   std::vector<GtkWidget*> buttons;
   std::vector<int32_t> codes;
 };
-PcdRadioGroup PCD_NewRadioGroup(const char* title, const PcdChoiceTable& table, bool vertical,
-                                int maxChoices = -1);
+PcdRadioGroup PCD_NewRadioGroup(const char* title, const PcdChoiceTable& table, bool vertical);
 // Activates the button of code (the first one for an unknown code).
 void PCD_SetRadioCode(const PcdRadioGroup& group, int32_t code);
 int32_t PCD_GetRadioCode(const PcdRadioGroup& group);
@@ -28,6 +27,8 @@ int32_t PCD_GetRadioCode(const PcdRadioGroup& group);
 // last centred. Returns the scrolled window; *view and *store get the parts.
 GtkWidget* PCD_NewObjectList(const char* const* titles, int count, GtkWidget** view,
                              GtkListStore** store);
+// Puts text into a column of the row holding id.
+void PCD_SetListRowText(GtkListStore* store, int idColumn, uint16_t id, int column, const char* text);
 // The id of the selected row, or 65535.
 uint16_t PCD_GetSelectedListId(GtkWidget* view, int idColumn);
 // Selects the row holding id (no row: selection cleared).

@@ -80,13 +80,7 @@ void on_label_changed(GtkEditable*, gpointer) {
   PcdRoiObject* roi = PCD_FindRoiObject(rois(), e->shownId);
   if (roi == nullptr) return;
   PCD_SetRoiLabel(roi, gtk_entry_get_text(GTK_ENTRY(e->label)));
-  GtkTreeModel* model = GTK_TREE_MODEL(e->store);
-  GtkTreeIter iter;
-  for (gboolean ok = gtk_tree_model_get_iter_first(model, &iter); ok; ok = gtk_tree_model_iter_next(model, &iter)) {
-    guint id = 0;
-    gtk_tree_model_get(model, &iter, kColId, &id, -1);
-    if (id == roi->id) gtk_list_store_set(e->store, &iter, kColLabel, roi->label, -1);
-  }
+  PCD_SetListRowText(e->store, kColId, roi->id, kColLabel, roi->label);
 }
 
 void on_visible_toggled(GtkToggleButton* button, gpointer) {

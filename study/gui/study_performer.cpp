@@ -73,13 +73,7 @@ void on_label_changed(GtkEditable*, gpointer) {
   PcdStudyObject* study = PCD_FindStudyObject(studies(), p->shownId);
   if (study == nullptr) return;
   PCD_SetStudyLabel(study, gtk_entry_get_text(GTK_ENTRY(p->label)));
-  GtkTreeModel* model = GTK_TREE_MODEL(p->store);
-  GtkTreeIter iter;
-  for (gboolean ok = gtk_tree_model_get_iter_first(model, &iter); ok; ok = gtk_tree_model_iter_next(model, &iter)) {
-    guint id = 0;
-    gtk_tree_model_get(model, &iter, kColId, &id, -1);
-    if (id == study->id) gtk_list_store_set(p->store, &iter, kColLabel, study->label, -1);
-  }
+  PCD_SetListRowText(p->store, kColId, study->id, kColLabel, study->label);
 }
 
 // On "released" the button's state becomes the study's visible flag.
