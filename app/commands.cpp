@@ -10,6 +10,7 @@
 #include "app/loading.h"
 #include "app/main_window.h"
 #include "app/viewer_link.h"
+#include "app/viewer_objects.h"
 #include "dti/channels.h"
 #include "dti/dti_check.h"
 #include "dti/gradient_vectors.h"
@@ -104,6 +105,7 @@ void cmd_manual_set(gpointer, guint kind, GtkWidget*) {
 void cmd_roi_auto_update(gpointer, guint on, GtkWidget* item) {
   if (item && GTK_IS_CHECK_MENU_ITEM(item) && !gtk_check_menu_item_get_active(GTK_CHECK_MENU_ITEM(item))) return;
   pcd_app->roiAutoUpdate = on ? 1 : 0;
+  if (on) PCD_UpdateRoi3DObjects();
 }
 
 void cmd_toggle_realtime(gpointer, guint, GtkWidget*) {

@@ -9,6 +9,10 @@
 #include "app/dialogs.h"
 #include "app/main_window.h"
 #include "app/viewer_link.h"
+#include "app/object_commands.h"
+#include "app/viewer_objects.h"
+#include "study/gui/roi_editor.h"
+#include "study/gui/study_performer.h"
 #include "io/dicom_directory.h"
 #include "io/dti_file.h"
 #include "io/raw_volume_file.h"
@@ -61,6 +65,8 @@ void PCD_UpdatePanels() {
 void PCD_CleanUpObjects() {
   PCD_CleanUpStudyObjects(&pcd_app->session.studies);  // studies before the ROIs they list
   PCD_CleanUpRoiObjects(&pcd_app->session.rois);
+  PCD_ForgetRemovedStudyResults();
+  PCD_ForgetShownObjects();  // ids restart at 0: the pages must not store into a new object
   std::fputs("Clean-up old objects OK\n", stderr);
 }
 
@@ -134,11 +140,18 @@ void PCD_LoadVolume(int importKind, const char* fileName) {
     app->memo = info;
     TakeVolume(read);
   }
+  if (app->roiObjectsShown == 1) PCD_SendObjectGroupToViewer("ROI", PcdObjectGroup{}, app->viewerObjectId);
   std::fputs("ROI cleaned in PELLUCID.\n", stderr);
   PCD_CleanUpObjects();
   PCD_RefreshMemo();
   pcd_viewer_send_volume(app->session.volume);
+  PCD_CreateDefaultObjects();
   PCD_UpdatePanels();
+  PcdWorkSession& s = app->session;
+  s.studies.selectedId = s.studies.items.empty() ? kPcdNoObject : s.studies.items.front()->id;
+  s.rois.selectedId = s.rois.items.empty() ? kPcdNoObject : s.rois.items.front()->id;
+  PCD_RefreshStudyPerformer();
+  PCD_RefreshRoiEditor();
   app->levelSetting = kPcdLevelSettingDefault;
   if (app->session.dti && pcd_viewer_send_voxel_size(app->session.dti->reserved) != 0)
     std::fputs("Warning: Voxel size is not specified in PELLUCID.\n", stderr);

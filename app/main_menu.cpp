@@ -1,6 +1,7 @@
 // The main menu bar, one row per item-factory entry, separators included.
 #include "app/commands.h"
 #include "view/palette_frame.h"
+#include "app/object_commands.h"
 
 namespace {
 constexpr PcdMenuKind kItem = PcdMenuKind::Item;
@@ -14,7 +15,7 @@ PcdMenuCallback const kTodo = cmd_not_implemented;
 
 const PcdMenuEntry kPcdMainMenu[kPcdMainMenuEntryCount] = {
     {"/File", nullptr, kBranch, nullptr, 0, nullptr},
-    {"/File/Open work data", "<control>O", kItem, kTodo, 0, nullptr},
+    {"/File/Open work data", "<control>O", kItem, cmd_open_work_data, 0, nullptr},
     {"/File/sep1", nullptr, kSep, nullptr, 0, nullptr},
     {"/File/Import", nullptr, kBranch, nullptr, 0, nullptr},
     {"/File/Import/DICOM (directory)", "<control>D", kItem, cmd_load_volume, PCD_IMPORT_DICOM,
@@ -28,10 +29,10 @@ const PcdMenuEntry kPcdMainMenu[kPcdMainMenuEntryCount] = {
     {"/File/Import/sep3", nullptr, kSep, nullptr, 0, nullptr},
     {"/File/Import/MPG text file", "<control>M", kItem, cmd_import_mpg, 0, nullptr},
     {"/File/Import/sep4", nullptr, kSep, nullptr, 0, nullptr},
-    {"/File/Import/Study object", nullptr, kItem, kTodo, 0, nullptr},
-    {"/File/Import/ROI object", nullptr, kItem, kTodo, 0, nullptr},
+    {"/File/Import/Study object", nullptr, kItem, cmd_import_study_object, 0, nullptr},
+    {"/File/Import/ROI object", nullptr, kItem, cmd_import_roi_object, 0, nullptr},
     {"/File/sep2", nullptr, kSep, nullptr, 0, nullptr},
-    {"/File/Save work data", "<control>S", kItem, kTodo, 0, nullptr},
+    {"/File/Save work data", "<control>S", kItem, cmd_save_work_data, 0, nullptr},
     {"/File/sep3", nullptr, kSep, nullptr, 0, nullptr},
     {"/File/Export", nullptr, kBranch, nullptr, 0, nullptr},
     {"/File/Export/DTI file (incl. MPG setting)", nullptr, kItem, cmd_export_dti, 0, nullptr},
@@ -40,8 +41,8 @@ const PcdMenuEntry kPcdMainMenu[kPcdMainMenuEntryCount] = {
     {"/File/Export/sep2", nullptr, kSep, nullptr, 0, nullptr},
     {"/File/Export/MPG text file", nullptr, kItem, cmd_export_mpg, 0, nullptr},
     {"/File/Export/sep3", nullptr, kSep, nullptr, 0, nullptr},
-    {"/File/Export/Study object", nullptr, kItem, kTodo, 0, nullptr},
-    {"/File/Export/ROI object", nullptr, kItem, kTodo, 0, nullptr},
+    {"/File/Export/Study object", nullptr, kItem, cmd_export_study_object, 0, nullptr},
+    {"/File/Export/ROI object", nullptr, kItem, cmd_export_roi_object, 0, nullptr},
     {"/File/sep4", nullptr, kSep, nullptr, 0, nullptr},
     {"/File/Quit", "<control>Q", kItem, cmd_quit, 0, nullptr},
 
@@ -61,8 +62,8 @@ const PcdMenuEntry kPcdMainMenu[kPcdMainMenuEntryCount] = {
     {"/Setting/MPG/Manual set/uniform b value", nullptr, kItem, cmd_manual_set,
      PCD_MANUAL_UNIFORM_B, nullptr},
     {"/Setting/sep1", nullptr, kSep, nullptr, 0, nullptr},
-    {"/Setting/ROI 3D object/Hide", "F11", kItem, kTodo, 0, nullptr},
-    {"/Setting/ROI 3D object/Show, Update", "F12", kItem, kTodo, 0, nullptr},
+    {"/Setting/ROI 3D object/Hide", "F11", kItem, cmd_roi_3d_hide, 0, nullptr},
+    {"/Setting/ROI 3D object/Show, Update", "F12", kItem, cmd_roi_3d_show, 0, nullptr},
     {"/Setting/ROI 3D object/sep1", nullptr, kSep, nullptr, 0, nullptr},
     {"/Setting/ROI 3D object/Auto update/Off", nullptr, kRadioHead, cmd_roi_auto_update, 0,
      nullptr},
@@ -75,10 +76,10 @@ const PcdMenuEntry kPcdMainMenu[kPcdMainMenuEntryCount] = {
     {"/Special/Add computational channels", nullptr, kItem, cmd_add_computational_channels, 0,
      nullptr},
     {"/Special/sep2", nullptr, kSep, nullptr, 0, nullptr},
-    {"/Special/Voxelize visible tracklines as/Grey volume", nullptr, kItem, kTodo, 0, nullptr},
-    {"/Special/Voxelize visible tracklines as/Color volume", nullptr, kItem, kTodo, 0, nullptr},
+    {"/Special/Voxelize visible tracklines as/Grey volume", nullptr, kItem, cmd_voxelize, PCD_VOXELIZE_GREY, nullptr},
+    {"/Special/Voxelize visible tracklines as/Color volume", nullptr, kItem, cmd_voxelize, PCD_VOXELIZE_COLOR, nullptr},
     {"/Special/Voxelize visible tracklines as/sep1", nullptr, kSep, nullptr, 0, nullptr},
-    {"/Special/Voxelize visible tracklines as/Voxelgroup ROI", nullptr, kItem, kTodo, 0,
+    {"/Special/Voxelize visible tracklines as/Voxelgroup ROI", nullptr, kItem, cmd_voxelize, PCD_VOXELIZE_VOXELGROUP,
      nullptr},
     {"/Special/sep3", nullptr, kSep, nullptr, 0, nullptr},
     {"/Special/ROI palette frame/Channel/First", "F", kItem, cmd_palette_channel, PCD_CHANNEL_FIRST, nullptr},

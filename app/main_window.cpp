@@ -3,6 +3,8 @@
 #include "app/app_state.h"
 #include "app/commands.h"
 #include "app/dialogs.h"
+#include "study/gui/roi_editor.h"
+#include "study/gui/study_performer.h"
 
 namespace {
 
@@ -26,58 +28,10 @@ void on_memo_changed(GtkTextBuffer* buffer, gpointer) {
   g_free(text);
 }
 
-void on_analyze_clicked(GtkButton*, gpointer) { cmd_not_implemented(nullptr, 0, nullptr); }
+// The two object pages are built by their own files (study/gui/).
+GtkWidget* build_study_page() { return PCD_BuildStudyPerformerPage(); }
 
-GtkWidget* new_list(const char* const* titles, int count) {
-  GtkListStore* store = gtk_list_store_new(1, G_TYPE_STRING);
-  GtkWidget* view = gtk_tree_view_new_with_model(GTK_TREE_MODEL(store));
-  g_object_unref(store);
-  for (int i = 0; i < count; ++i) {
-    GtkCellRenderer* cell = gtk_cell_renderer_text_new();
-    gtk_tree_view_append_column(GTK_TREE_VIEW(view), gtk_tree_view_column_new_with_attributes(
-                                                         titles[i], cell, nullptr));
-  }
-  GtkWidget* scroll = gtk_scrolled_window_new(nullptr, nullptr);
-  gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scroll), GTK_POLICY_AUTOMATIC,
-                                 GTK_POLICY_AUTOMATIC);
-  gtk_container_add(GTK_CONTAINER(scroll), view);
-  return scroll;
-}
-
-// Study list on top, the settings panels in the middle, the analyse button at the foot.
-GtkWidget* build_study_page() {
-  GtkWidget* frame = gtk_frame_new(nullptr);
-  gtk_frame_set_shadow_type(GTK_FRAME(frame), GTK_SHADOW_NONE);
-  GtkWidget* grid = gtk_grid_new();
-  gtk_container_add(GTK_CONTAINER(frame), grid);
-
-  static const char* const kTitles[] = {"  #  ", " type ", " vis.", "status", " label     "};
-  GtkWidget* list = new_list(kTitles, 5);
-  gtk_widget_set_hexpand(list, TRUE);
-  gtk_widget_set_vexpand(list, TRUE);
-  gtk_grid_attach(GTK_GRID(grid), list, 0, 0, 4, 12);
-
-  GtkWidget* panels = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
-  gtk_widget_set_vexpand(panels, TRUE);
-  gtk_grid_attach(GTK_GRID(grid), panels, 0, 12, 4, 26);
-
-  GtkWidget* button = gtk_button_new_with_label(kPcdAnalyzeButtonLabel);
-  gtk_widget_set_size_request(button, 200, 36);
-  gtk_widget_set_halign(button, GTK_ALIGN_CENTER);
-  g_signal_connect(button, "clicked", G_CALLBACK(on_analyze_clicked), nullptr);
-  gtk_grid_attach(GTK_GRID(grid), button, 0, 38, 4, 2);
-  pcd_app->analyzeButton = button;
-  return frame;
-}
-
-GtkWidget* build_roi_page() {
-  GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 2);
-  static const char* const kTitles[] = {" # ", " type ", " vis.", " status ", " label     "};
-  GtkWidget* list = new_list(kTitles, 5);
-  gtk_widget_set_vexpand(list, TRUE);
-  gtk_box_pack_start(GTK_BOX(box), list, TRUE, TRUE, 0);
-  return box;
-}
+GtkWidget* build_roi_page() { return PCD_BuildRoiEditorPage(); }
 
 GtkWidget* build_utility_page() {
   GtkWidget* frame = gtk_frame_new(kPcdMemoFrameLabel);

@@ -7,6 +7,9 @@
 #include "app/dialogs.h"
 #include "app/loading.h"
 #include "app/main_window.h"
+#include "app/object_commands.h"
+#include "study/gui/roi_editor.h"
+#include "study/gui/study_performer.h"
 #include "app/viewer_link.h"
 #include "view/views_window.h"
 
@@ -30,7 +33,7 @@ int Fail() {
 }  // namespace
 
 int PCD_ServiceTimer(void*) {
-  if (pcd_app != nullptr && pcd_app->realtimeAnalysis == 1) pcd_viewer_read_broadcast();
+  if (pcd_app != nullptr && pcd_app->realtimeAnalysis == 1) PCD_ServiceRealtimeAnalysis();
   return G_SOURCE_CONTINUE;
 }
 
@@ -74,14 +77,21 @@ int PCD_InitializeApplication(int argc, char** argv) {
   app->session.dti = nullptr;
   PCD_CreateDtiData();
   app->studyPerformer = app->roiEditor = app->roiPalette = nullptr;
+  PCD_ConnectSessionToViewer();
+  PCD_CreateDefaultObjects();
 
   if (!PCD_BuildMainWindow()) return Fail();
   app->initialized = 1;
   gtk_widget_realize(app->window);
   app->viewContext = PCD_NewViewContext(app->window, app->textFont);
   PCDview_OpenViewsWindow();
+  // what the mouse draws in the views shows at once in the ROI editor's list and controls
+  pcd_view_roi_edited = [](PcdRoiObject*) { PCD_RefreshRoiEditor(); };
+  pcd_view_rois_added = [] { PCD_RefreshRoiEditor(); };
   PCD_ConnectCoreNotices();
   PCD_RefreshMemo();
+  PCD_RefreshStudyPerformer();
+  PCD_RefreshRoiEditor();
   PCD_UpdatePanels();
   if (PCD_MpgReady()) {
     PCD_SetStatus(" initialized.");
@@ -108,7 +118,10 @@ void PCD_CleanUpApplication() {
   PCD_DisconnectCoreNotices();
   PCDview_CloseViewsWindow();
   PCD_DeleteViewContext(app->viewContext);
+  PCD_QuietObjectPages();
   if (app->window) gtk_widget_destroy(app->window);
+  PCD_DeleteStudyPerformer();
+  PCD_DeleteRoiEditor();
   pcd_viewer_detach();
   PCD_DeleteAppState();
 }

@@ -87,3 +87,16 @@ int pcd_viewer_send_region(const PcdIntVector3D* origin, const PcdIntSize3D* siz
   PCDipc_SendDisconnectionRequest();
   return sent;
 }
+
+int pcd_viewer_get_box(PcdIntVector3D* origin, PcdIntSize3D* size) {
+  if (pcd_viewer_read_broadcast() != 0) return -1;
+  *origin = g_broadcast.regionOrigin;
+  *size = {g_broadcast.regionSize.x, g_broadcast.regionSize.y, g_broadcast.regionSize.z};
+  return 0;
+}
+
+int pcd_viewer_get_position(PcdIntVector3D* position) {
+  if (pcd_viewer_read_broadcast() != 0) return -1;
+  *position = g_broadcast.position;
+  return 0;
+}

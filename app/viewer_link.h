@@ -39,3 +39,7 @@ int pcd_viewer_read_broadcast();
 // 0, or -1 when the viewer could not be told.
 int pcd_viewer_send_position(const PcdIntVector3D* position);
 int pcd_viewer_send_region(const PcdIntVector3D* origin, const PcdIntSize3D* size);
+// Reads the broadcast state and gives the viewer's box VOI (its region) or its position.
+// 0, or -1 (printed).
+int pcd_viewer_get_box(PcdIntVector3D* origin, PcdIntSize3D* size);
+int pcd_viewer_get_position(PcdIntVector3D* position);

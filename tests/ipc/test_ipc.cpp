@@ -148,7 +148,8 @@ TEST(ViewerLink, VolumesChannelsAndSettingsTravelBothWays) {
   std::vector<std::string> files;
   for (const auto& e : std::filesystem::directory_iterator(dir.path() / "saved")) files.push_back(e.path().filename());
   std::sort(files.begin(), files.end());
-  ASSERT_EQ(files.size(), 4u);
+  ASSERT_EQ(files.size(), 5u);  // and the list of the object groups it holds
+  EXPECT_EQ(files[4], "objects.txt");
   EXPECT_EQ(files[0], "001_channel.raw");
   EXPECT_EQ(files[1], "002_group.bin");
   EXPECT_EQ(files[3], "004_volume.raw");

@@ -31,10 +31,11 @@ void WriteFileBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 std::string ReadFileText(const std::string& path);
 
 // Whether text holds line as the start of one of its lines (at the start, or after a line
-// break or a carriage return): a message with something put in front of it does not pass.
+// break or a carriage return; a progress line that starts with its own carriage return may
+// follow anything): a message with something put in front of it does not pass.
 inline bool HasLine(const std::string& text, const std::string& line) {
   for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
-    if (at == 0 || text[at - 1] == '\n' || text[at - 1] == '\r') return true;
+    if (at == 0 || line[0] == '\r' || text[at - 1] == '\n' || text[at - 1] == '\r') return true;
   return false;
 }
 void WriteFileText(const std::string& path, const std::string& text);

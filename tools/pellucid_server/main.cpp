@@ -1,6 +1,8 @@
 // pellucid-server: the viewer side of the shared memory link, headless. It creates the
 // broadcast, message and request boards for its number, serves one client at a time,
-// holds a volume, keeps what it receives and, with --save-dir, writes it to files.
+// holds a volume, keeps what it receives and, with --save-dir, writes it to files; the
+// object groups it holds are listed in DIR/objects.txt, one line a group
+// ("group 2: 5 objects, 412 bytes"), rewritten whenever a group changes or goes.
 //
 //   pellucid-server [--number N] [--volume FILE] [--voxel-size MM] [--save-dir DIR]
 //                   [--accept-pause MS] [--idle-pause MS]
@@ -21,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -116,6 +119,7 @@ struct Server {
   bool dbOwned = false;
   PcdRawVolumeData* volume = nullptr;
   int32_t nextGroupId = 1;
+  std::map<int32_t, std::vector<uint8_t>> groups;  // what each object group holds now
   int saved = 0;
   // the request last acted on, so that the client's rewrites while it waits are not
   // taken for new requests
@@ -207,6 +211,18 @@ struct Server {
     }
   }
 
+  void ListGroups() {
+    if (options.saveDir.empty()) return;
+    FILE* f = std::fopen((options.saveDir + "/objects.txt").c_str(), "w");
+    if (f == nullptr) return;
+    for (const auto& [id, bytes] : groups) {
+      int32_t count = 0;
+      if (bytes.size() >= 4) std::memcpy(&count, bytes.data(), 4);
+      std::fprintf(f, "group %d: %d objects, %d bytes\n", id, count, static_cast<int>(bytes.size()));
+    }
+    std::fclose(f);
+  }
+
   void Serve(int32_t type, const std::vector<int32_t>& p) {
     switch (type) {
       case PCDipc_REQUEST_TYPE_UPLOAD_VOLUMEDATA:
@@ -266,11 +282,15 @@ struct Server {
         }
         Log("object group %d: %d bytes", p[0], static_cast<int32_t>(bytes.size()));
         Save("group", nullptr, &bytes);
+        groups[p[0]] = bytes;
+        ListGroups();
         Message(PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED);
         return;
       }
       case PCDipc_REQUEST_TYPE_REMOVE_OBJECT:
         Log("object %d removed", p[0]);
+        groups.erase(p[0]);
+        ListGroups();
         Accept(type);
         return;
       case PCDipc_REQUEST_TYPE_SET_VOXEL_SIZE: {
