@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <thread>
 
 #include "io/raw_volume_file.h"
 #include "tools/batch/batch_input.h"
@@ -90,4 +91,25 @@ int WriteBatchRegion(const PcdRawVolumeData* region, const PcdWorldGeometry* geo
   }
   const int32_t channel = 0;
   return WriteNiftiChannels(region, &channel, 1, geometry, path.c_str());
+}
+
+bool BatchParseSeedBox(const std::string& text, const PcdIntSize4D& size, std::vector<PcdIntVector3D>* out) {
+  int b[6];
+  char tail = 0;
+  if (std::sscanf(text.c_str(), "%d,%d,%d,%d,%d,%d%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5], &tail) != 6 ||
+      b[0] < 0 || b[1] < 0 || b[2] < 0 || b[3] >= size.x || b[4] >= size.y || b[5] >= size.z ||
+      b[0] > b[3] || b[1] > b[4] || b[2] > b[5]) {
+    std::fprintf(stderr, "Err: --seed-box takes X0,Y0,Z0,X1,Y1,Z1 inside the %d x %d x %d matrix\n",
+                 size.x, size.y, size.z);
+    return false;
+  }
+  for (int z = b[2]; z <= b[5]; ++z)
+    for (int y = b[1]; y <= b[4]; ++y)
+      for (int x = b[0]; x <= b[3]; ++x) out->push_back({x, y, z});
+  return true;
+}
+
+int32_t BatchDefaultThreads() {
+  const unsigned cores = std::thread::hardware_concurrency();
+  return cores == 0 ? 1 : static_cast<int32_t>(cores);
 }

@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "io/nifti_file.h"
 #include "vol/raw_volume.h"
@@ -21,6 +22,12 @@ PcdRawVolumeData* LoadBatchRegionMask(const std::string& path, const PcdIntSize4
 int WriteBatchRegion(const PcdRawVolumeData* region, const PcdWorldGeometry* geometry,
                      const std::string& path);
 bool IsBatchRegionName(const std::string& path);
+
+// The voxels of a --seed-box X0,Y0,Z0,X1,Y1,Z1 inside the matrix, z, y, x order; false with
+// an "Err: " line for anything else.
+bool BatchParseSeedBox(const std::string& text, const PcdIntSize4D& size, std::vector<PcdIntVector3D>* out);
+// The --threads default: one per core.
+int32_t BatchDefaultThreads();
 
 struct PcdRawVolumeDataDeleter {
   void operator()(PcdRawVolumeData* v) const { PCD_DeleteRawVolumeData(v); }

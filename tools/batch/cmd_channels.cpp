@@ -8,13 +8,9 @@
 #include "io/nifti_file.h"
 #include "io/raw_volume_file.h"
 #include "tools/batch/batch_input.h"
+#include "tools/batch/batch_region.h"
 
 namespace {
-
-int32_t DefaultThreads() {
-  const unsigned cores = std::thread::hardware_concurrency();
-  return cores == 0 ? 1 : static_cast<int32_t>(cores);
-}
 
 // Writes colour, FA and ADC as three NIfTI maps beside each other: <stem>_color,
 // <stem>_fa (shown as FA through its scale factor) and <stem>_adc (mm^2/s).
@@ -46,7 +42,7 @@ int run_channels(BatchArgs& args) {
   if (!PCDdti_CheckDataSetForAnalysis(set->dti, PCD_DTI_AT_VOXELS)) return kBatchFailed;
   const int32_t first = set->volume->matrixSize->channels;
   if (PCDdti_AddComputationalChannels(set->dti, static_cast<int16_t>(threshold.value_or(0)),
-                                      static_cast<int32_t>(threads.value_or(DefaultThreads()))) != 4) {
+                                      static_cast<int32_t>(threads.value_or(BatchDefaultThreads()))) != 4) {
     std::fputs("Err: not enough memory for the computed channels\n", stderr);
     return kBatchFailed;
   }

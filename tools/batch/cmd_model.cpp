@@ -15,6 +15,7 @@
 #include "io/tract_file.h"
 #include "study/fiber_dump.h"
 #include "tools/batch/batch_input.h"
+#include "tools/batch/batch_region.h"
 
 namespace {
 
@@ -52,27 +53,6 @@ VolumePtr ReadMask(const std::string& path, const char* what, const PcdIntSize4D
   const size_t voxels = static_cast<size_t>(m.x) * static_cast<size_t>(m.y) * static_cast<size_t>(m.z);
   for (size_t at = 0; at < voxels; ++at) to[at] = std::memcmp(from + at * element, zero, element) != 0 ? 1 : 0;
   return binary;
-}
-
-bool ParseBox(const std::string& text, const PcdIntSize4D& size, std::vector<PcdIntVector3D>* out) {
-  int b[6];
-  char tail = 0;
-  if (std::sscanf(text.c_str(), "%d,%d,%d,%d,%d,%d%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5], &tail) != 6 ||
-      b[0] < 0 || b[1] < 0 || b[2] < 0 || b[3] >= size.x || b[4] >= size.y || b[5] >= size.z ||
-      b[0] > b[3] || b[1] > b[4] || b[2] > b[5]) {
-    std::fprintf(stderr, "Err: --seed-box takes X0,Y0,Z0,X1,Y1,Z1 inside the %d x %d x %d matrix\n",
-                 size.x, size.y, size.z);
-    return false;
-  }
-  for (int z = b[2]; z <= b[5]; ++z)
-    for (int y = b[1]; y <= b[4]; ++y)
-      for (int x = b[0]; x <= b[3]; ++x) out->push_back({x, y, z});
-  return true;
-}
-
-int32_t DefaultThreads() {
-  const unsigned cores = std::thread::hardware_concurrency();
-  return cores == 0 ? 1 : static_cast<int32_t>(cores);
 }
 
 int run_model(BatchArgs& args) {
@@ -113,7 +93,7 @@ int run_model(BatchArgs& args) {
       for (int y = 0; y < size.y; ++y)
         for (int x = 0; x < size.x; ++x, ++at)
           if (bytes[at] != 0) voxels.push_back({x, y, z});
-  } else if (!ParseBox(*box, size, &voxels)) {
+  } else if (!BatchParseSeedBox(*box, size, &voxels)) {
     return kBatchFailed;
   }
   const int64_t k = perVoxel.value_or(1);
@@ -140,7 +120,7 @@ int run_model(BatchArgs& args) {
 
   if (fieldDump) std::remove(fieldDump->c_str());  // so that a file left from before cannot pass
   PcdFibeTrakBuffer* result =
-      PCDdti_FiberModeling(set->dti, &context, controls.get(), static_cast<int>(threads.value_or(DefaultThreads())),
+      PCDdti_FiberModeling(set->dti, &context, controls.get(), static_cast<int>(threads.value_or(BatchDefaultThreads())),
                            fieldDump ? fieldDump->c_str() : nullptr);
   if (result == nullptr) return kBatchFailed;
   int64_t nodesWritten = 0;

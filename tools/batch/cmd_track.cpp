@@ -13,6 +13,7 @@
 #include "study/fiber_dump.h"
 #include "study/study_runner.h"
 #include "tools/batch/batch_input.h"
+#include "tools/batch/batch_region.h"
 
 namespace {
 
@@ -50,27 +51,6 @@ bool MaskVoxels(const std::string& path, const PcdIntSize4D& size, std::vector<P
   return same;
 }
 
-bool ParseBox(const std::string& text, const PcdIntSize4D& size, std::vector<PcdIntVector3D>* out) {
-  int b[6];
-  char tail = 0;
-  if (std::sscanf(text.c_str(), "%d,%d,%d,%d,%d,%d%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5], &tail) != 6 ||
-      b[0] < 0 || b[1] < 0 || b[2] < 0 || b[3] >= size.x || b[4] >= size.y || b[5] >= size.z ||
-      b[0] > b[3] || b[1] > b[4] || b[2] > b[5]) {
-    std::fprintf(stderr, "Err: --seed-box takes X0,Y0,Z0,X1,Y1,Z1 inside the %d x %d x %d matrix\n",
-                 size.x, size.y, size.z);
-    return false;
-  }
-  for (int z = b[2]; z <= b[5]; ++z)
-    for (int y = b[1]; y <= b[4]; ++y)
-      for (int x = b[0]; x <= b[3]; ++x) out->push_back({x, y, z});
-  return true;
-}
-
-int32_t DefaultThreads() {
-  const unsigned cores = std::thread::hardware_concurrency();
-  return cores == 0 ? 1 : static_cast<int32_t>(cores);
-}
-
 int run_track(BatchArgs& args) {
   BatchInputOptions options = TakeBatchInputOptions(args);
   const auto mask = args.TakeValue({"--seed-mask"});
@@ -103,7 +83,7 @@ int run_track(BatchArgs& args) {
 
   const PcdIntSize4D& size = *set->volume->matrixSize;
   std::vector<PcdIntVector3D> voxels;
-  if (!(mask ? MaskVoxels(*mask, size, &voxels) : ParseBox(*box, size, &voxels))) return kBatchFailed;
+  if (!(mask ? MaskVoxels(*mask, size, &voxels) : BatchParseSeedBox(*box, size, &voxels))) return kBatchFailed;
   // the target and avoidance masks, each as one byte a voxel
   std::vector<std::vector<uint8_t>> targets, avoidances;
   for (auto [files, masks] : {std::pair{&targetFiles, &targets}, std::pair{&avoidFiles, &avoidances}})
@@ -137,12 +117,12 @@ int run_track(BatchArgs& args) {
   context.seedPoints = seeds.data();
 
   PcdFibeTrakBuffer* result = PCDdti_FiberTracking(
-      set->dti, &context, static_cast<int>(threads.value_or(DefaultThreads())));
+      set->dti, &context, static_cast<int>(threads.value_or(BatchDefaultThreads())));
   if (result == nullptr) return kBatchFailed;
   // a fiber is kept when it meets every target and no avoidance mask (at its nodes)
   const PcdIntSize3D size3{size.x, size.y, size.z};
   const int drawn = PCD_SelectFibersByMasks(result, targets, avoidances, &size3,
-                                            static_cast<int>(threads.value_or(DefaultThreads())));
+                                            static_cast<int>(threads.value_or(BatchDefaultThreads())));
   if (drawn < 0) {
     PCDdti_DeleteFibeTrakBuffer(result);
     return kBatchFailed;
