@@ -5,6 +5,7 @@
 #include <map>
 
 #include "study/study_settings.h"
+#include "vol/raw_volume.h"
 
 namespace {
 
@@ -38,7 +39,7 @@ void AppendHalf(const PcdTrakLineBuffer* line, bool reversed, int from, PcdFiber
   const int n = line->nodeCount;
   for (int k = 0; k < n - from; ++k) {
     const int i = reversed ? n - 1 - k : from + k;
-    layer->nodes.push_back({line->x[i], line->y[i], line->z[i]});
+    layer->nodes.push_back({line->x[i], line->y[i], line->z[i], 0});
     eig->push_back({line->L1[i], line->L2[i], line->L3[i]});
   }
 }
@@ -47,19 +48,19 @@ void ColourFiber(PcdFiberLayer* layer, size_t f, size_t seedNode, const std::vec
   const size_t a = layer->fiberStart[f], b = layer->nodes.size();
   std::vector<double> distance(b - a, 0.0);
   for (size_t i = seedNode + 1; i < b; ++i) {
-    const PcdVector3D &p = layer->nodes[i], &q = layer->nodes[i - 1];
+    const PcdFiberNode &p = layer->nodes[i], &q = layer->nodes[i - 1];
     distance[i - a] = distance[i - 1 - a] + std::sqrt(double(p.x - q.x) * (p.x - q.x) + double(p.y - q.y) * (p.y - q.y) + double(p.z - q.z) * (p.z - q.z));
   }
   for (size_t i = seedNode; i-- > a;) {
-    const PcdVector3D &p = layer->nodes[i], &q = layer->nodes[i + 1];
+    const PcdFiberNode &p = layer->nodes[i], &q = layer->nodes[i + 1];
     distance[i - a] = distance[i + 1 - a] + std::sqrt(double(p.x - q.x) * (p.x - q.x) + double(p.y - q.y) * (p.y - q.y) + double(p.z - q.z) * (p.z - q.z));
   }
   for (size_t i = a; i < b; ++i) {
     uint32_t c;
     switch (layer->coloring) {
       case kPcdColorDirection: {
-        const PcdVector3D& p = layer->nodes[i];
-        const PcdVector3D& q = layer->nodes[i > a ? i - 1 : std::min(i + 1, b - 1)];
+        const PcdFiberNode& p = layer->nodes[i];
+        const PcdFiberNode& q = layer->nodes[i > a ? i - 1 : std::min(i + 1, b - 1)];
         const double dx = p.x - q.x, dy = p.y - q.y, dz = p.z - q.z;
         const double n = std::sqrt(dx * dx + dy * dy + dz * dz);
         c = n > 0 ? Rgb(std::fabs(dx) / n, std::fabs(dy) / n, std::fabs(dz) / n) : Rgb(0.5, 0.5, 0.5);
@@ -70,7 +71,7 @@ void ColourFiber(PcdFiberLayer* layer, size_t f, size_t seedNode, const std::vec
       case kPcdColorUniform: c = Rgb(1.0, 0.85, 0.0); break;
       default: c = PCDview_RampColour(PCDview_FAofEigenvalues(eig[i - a].x, eig[i - a].y, eig[i - a].z));
     }
-    layer->colours.push_back(c);
+    layer->nodes[i].colour = c;
   }
 }
 
@@ -89,7 +90,7 @@ void AddToBucket(std::vector<PcdFiberRun>* bucket, uint32_t segment) {
 // [s, s + 1) across the section.
 void BucketSegments(PcdFiberLayer* layer) {
   for (int axis = 0; axis < 3; ++axis) {
-    const auto coord = [axis](const PcdVector3D& p) { return axis == 0 ? p.x : axis == 1 ? p.y : p.z; };
+    const auto coord = [axis](const PcdFiberNode& p) { return axis == 0 ? p.x : axis == 1 ? p.y : p.z; };
     auto& buckets = layer->buckets[axis];
     for (size_t f = 0; f + 1 < layer->fiberStart.size(); ++f) {
       for (uint32_t i = layer->fiberStart[f]; i + 1 < layer->fiberStart[f + 1]; ++i) {
@@ -105,6 +106,24 @@ void BucketSegments(PcdFiberLayer* layer) {
   }
 }
 
+void ChunkSegments(PcdFiberLayer* layer) {
+  for (size_t f = 0; f + 1 < layer->fiberStart.size(); ++f) {
+    const uint32_t end = layer->fiberStart[f + 1] - 1;  // the last node starts no segment
+    for (uint32_t first = layer->fiberStart[f]; first < end; first += kPcdFiberChunkSegments) {
+      const uint32_t segments = std::min(kPcdFiberChunkSegments, end - first);
+      const PcdFiberNode& n = layer->nodes[first];
+      PcdVector3D lo = {n.x, n.y, n.z}, hi = lo;
+      for (uint32_t i = first + 1; i <= first + segments; ++i) {
+        const PcdFiberNode& p = layer->nodes[i];
+        lo = {std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
+        hi = {std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
+      }
+      layer->chunks.push_back({first, segments, {(lo.x + hi.x) / 2, (lo.y + hi.y) / 2, (lo.z + hi.z) / 2},
+                               {(hi.x - lo.x) / 2, (hi.y - lo.y) / 2, (hi.z - lo.z) / 2}});
+    }
+  }
+}
+
 struct Projector {
   PcdVector3D origin, ku, kv;
   explicit Projector(const PcdPaneGeometry& g) : origin(g.origin) {
@@ -113,7 +132,8 @@ struct Projector {
     ku = {float(g.u.x / uu), float(g.u.y / uu), float(g.u.z / uu)};
     kv = {float(g.v.x / vv), float(g.v.y / vv), float(g.v.z / vv)};
   }
-  void At(const PcdVector3D& p, float* x, float* y) const {
+  template <class P>
+  void At(const P& p, float* x, float* y) const {
     const float dx = p.x - origin.x, dy = p.y - origin.y, dz = p.z - origin.z;
     *x = dx * ku.x + dy * ku.y + dz * ku.z;
     *y = dx * kv.x + dy * kv.y + dz * kv.z;
@@ -136,6 +156,48 @@ void PlotLine(uint32_t* base, int stride, int w, int h, float x0, float y0, floa
     if (x >= 0 && y >= 0 && x < w && y < h) base[int(y) * stride + int(x)] = colour;
   }
 }
+
+void Tube(cairo_t* cr, float x0, float y0, float x1, float y1, uint32_t c) {
+  cairo_set_source_rgb(cr, ((c >> 16) & 255) / 255.0, ((c >> 8) & 255) / 255.0, (c & 255) / 255.0);
+  cairo_move_to(cr, x0, y0);
+  cairo_line_to(cr, x1, y1);
+  cairo_stroke(cr);
+}
+
+// Where a layer's segments go: hairlines straight into the image's pixels, tubes through
+// cairo. Everything the segment loop needs sits here by value, so that the pixel stores
+// cannot make the compiler reload it.
+struct SegmentPainter {
+  const PcdFiberNode* node;
+  Projector project;
+  uint32_t* base;
+  int stride, w, h;
+  cairo_t* tubes;  // null: hairlines
+
+  void Segment(float x0, float y0, float x1, float y1, uint32_t c) const {
+    if (tubes) {
+      Tube(tubes, x0, y0, x1, y1, c);
+    } else if (std::fabs(x1 - x0) < 1.0f && std::fabs(y1 - y0) < 1.0f) {  // most segments: one pixel
+      if (x1 >= 0 && y1 >= 0 && x1 < float(w) && y1 < float(h)) base[int(y1) * stride + int(x1)] = c;
+    } else {
+      PlotLine(base, stride, w, h, x0, y0, x1, y1, c);
+    }
+  }
+
+  // Segments first .. first + segments - 1 (segment i from node i to node i + 1, in the
+  // colour of node i + 1) for which keep(i) holds; every node is projected once.
+  template <class Keep>
+  void Segments(uint32_t first, uint32_t segments, Keep keep) const {
+    float x0, y0;
+    project.At(node[first], &x0, &y0);
+    for (uint32_t i = first; i < first + segments; ++i) {
+      float x1, y1;
+      project.At(node[i + 1], &x1, &y1);
+      if (keep(i)) Segment(x0, y0, x1, y1, node[i + 1].colour);
+      x0 = x1, y0 = y1;
+    }
+  }
+};
 
 }  // namespace
 
@@ -163,6 +225,17 @@ std::unique_ptr<PcdFiberLayer> PCDview_MakeFiberLayer(const PcdFibeTrakBuffer* b
   layer->primitive = primitive;
   if (buffer == nullptr || buffer->pairs == nullptr) return layer;
   const int32_t lines = std::clamp(buffer->lineCount, 0, buffer->seedCount);
+  // reserved whole and in huge pages where the system gives them: a redraw jumps from
+  // run to run, and every jump to a fresh small page costs a page walk
+  size_t total = 0;
+  for (int32_t i = 0; i < lines; ++i) {
+    const PcdTrakLinePair* pair = buffer->pairs[i];
+    if (pair == nullptr || pair->selection == 0) continue;
+    if (pair->backward) total += size_t(std::max(0, pair->backward->nodeCount - 1));
+    if (pair->forward) total += size_t(std::max(0, int(pair->forward->nodeCount)));
+  }
+  layer->nodes.reserve(total);
+  PCD_AdviseHugePages(layer->nodes.data(), total * sizeof(PcdFiberNode));
   std::vector<PcdVector3D> eig;
   for (int32_t i = 0; i < lines; ++i) {
     const PcdTrakLinePair* pair = buffer->pairs[i];
@@ -181,16 +254,7 @@ std::unique_ptr<PcdFiberLayer> PCDview_MakeFiberLayer(const PcdFibeTrakBuffer* b
     ColourFiber(layer.get(), layer->fiberStart.size() - 1, std::min(seedNode, layer->nodes.size() - 1), eig);
   }
   layer->fiberStart.push_back(uint32_t(layer->nodes.size()));
-  for (size_t f = 0; f + 1 < layer->fiberStart.size(); ++f) {
-    PcdVector3D lo = layer->nodes[layer->fiberStart[f]], hi = lo;
-    for (uint32_t i = layer->fiberStart[f]; i < layer->fiberStart[f + 1]; ++i) {
-      const PcdVector3D& p = layer->nodes[i];
-      lo = {std::min(lo.x, p.x), std::min(lo.y, p.y), std::min(lo.z, p.z)};
-      hi = {std::max(hi.x, p.x), std::max(hi.y, p.y), std::max(hi.z, p.z)};
-    }
-    layer->boxes.push_back(lo);
-    layer->boxes.push_back(hi);
-  }
+  ChunkSegments(layer.get());
   BucketSegments(layer.get());
   return layer;
 }
@@ -210,57 +274,36 @@ void PCDview_DrawFiberLayer(cairo_surface_t* image, cairo_t* cr, const PcdPaneGe
     cairo_set_line_width(cr, std::max(2.0, 0.6 * g.pixelsPerVoxel));
     cairo_set_line_cap(cr, CAIRO_LINE_CAP_ROUND);
   }
-  const auto draw = [&](float x0, float y0, float x1, float y1, uint32_t c) {
-    if (!tubes) {
-      PlotLine(base, stride, w, h, x0, y0, x1, y1, c);
-      return;
-    }
-    cairo_set_source_rgb(cr, ((c >> 16) & 255) / 255.0, ((c >> 8) & 255) / 255.0, (c & 255) / 255.0);
-    cairo_move_to(cr, x0, y0);
-    cairo_line_to(cr, x1, y1);
-    cairo_stroke(cr);
-  };
-  // A run's nodes are projected once each, the end of one segment being the start of
-  // the next.
-  const auto run = [&](uint32_t first, uint32_t segments) {
-    float x0, y0, x1, y1;
-    project.At(layer.nodes[first], &x0, &y0);
-    for (uint32_t i = first; i < first + segments; ++i, x0 = x1, y0 = y1) {
-      project.At(layer.nodes[i + 1], &x1, &y1);
-      draw(x0, y0, x1, y1, layer.colours[i + 1]);
-    }
-  };
+  const SegmentPainter paint{layer.nodes.data(), project, base, stride, w, h,
+                             tubes ? cr : nullptr};
   const int axis = PCDview_PaneNormalAxis(g.kind);
   if (axis >= 0) {
     const float c = axis == 0 ? g.centre.x : axis == 1 ? g.centre.y : g.centre.z;
     const int s = int(std::floor(c));
-    if (s >= 0 && size_t(s) < layer.buckets[axis].size())
-      for (const PcdFiberRun& r : layer.buckets[axis][size_t(s)]) run(r.first, r.segments);
+    if (s >= 0 && size_t(s) < layer.buckets[axis].size()) {
+      const std::vector<PcdFiberRun>& runs = layer.buckets[axis][size_t(s)];
+      for (size_t r = 0; r < runs.size(); ++r) {
+        // the next run lies elsewhere: ask for its start while this one is drawn
+        if (r + 1 < runs.size()) __builtin_prefetch(&layer.nodes[runs[r + 1].first]);
+        paint.Segments(runs[r].first, runs[r].segments, [](uint32_t) { return true; });
+      }
+    }
   } else {
-    // oblique: the segments that come within a voxel of the section, fibers whose box
+    // oblique: the segments that come within a voxel of the section, chunks whose box
     // lies farther away skipped whole
-    const auto depth = [&](const PcdVector3D& p) {
+    const auto depth = [&g](const auto& p) {
       return (p.x - g.centre.x) * g.normal.x + (p.y - g.centre.y) * g.normal.y + (p.z - g.centre.z) * g.normal.z;
     };
-    for (size_t f = 0; f + 1 < layer.fiberStart.size(); ++f) {
-      const PcdVector3D& lo = layer.boxes[2 * f];
-      const PcdVector3D& hi = layer.boxes[2 * f + 1];
-      const PcdVector3D mid = {(lo.x + hi.x) / 2, (lo.y + hi.y) / 2, (lo.z + hi.z) / 2};
-      const float reach = (std::fabs(g.normal.x) * (hi.x - lo.x) + std::fabs(g.normal.y) * (hi.y - lo.y) +
-                           std::fabs(g.normal.z) * (hi.z - lo.z)) / 2 + 1.0f;
-      if (std::fabs(depth(mid)) > reach) continue;
-      uint32_t start = 0, count = 0;
-      for (uint32_t i = layer.fiberStart[f]; i + 1 < layer.fiberStart[f + 1]; ++i) {
-        const float a = depth(layer.nodes[i]), b = depth(layer.nodes[i + 1]);
-        if (std::min(a, b) < 1.0f && std::max(a, b) > -1.0f) {
-          if (count == 0) start = i;
-          ++count;
-          continue;
-        }
-        if (count) run(start, count);
-        count = 0;
-      }
-      if (count) run(start, count);
+    const PcdVector3D n = {std::fabs(g.normal.x), std::fabs(g.normal.y), std::fabs(g.normal.z)};
+    float d[kPcdFiberChunkSegments + 1];
+    for (const PcdFiberChunk& chunk : layer.chunks) {
+      const float reach = n.x * chunk.half.x + n.y * chunk.half.y + n.z * chunk.half.z + 1.0f;
+      if (std::fabs(depth(chunk.centre)) > reach) continue;
+      for (uint32_t k = 0; k <= chunk.segments; ++k) d[k] = depth(layer.nodes[chunk.first + k]);
+      paint.Segments(chunk.first, chunk.segments, [&d, &chunk](uint32_t i) {
+        const float a = d[i - chunk.first], b = d[i - chunk.first + 1];
+        return std::min(a, b) < 1.0f && std::max(a, b) > -1.0f;
+      });
     }
   }
   if (tubes) cairo_restore(cr);

@@ -20,13 +20,28 @@ struct PcdFiberRun {
   uint32_t segments;
 };
 
+// Up to kPcdFiberChunkSegments consecutive segments of one fiber, with the centre and
+// half extent of their box: the oblique pane skips whole chunks far from its section.
+struct PcdFiberChunk {
+  uint32_t first;
+  uint32_t segments;
+  PcdVector3D centre, half;
+};
+constexpr uint32_t kPcdFiberChunkSegments = 16;
+
+// A node of a drawn fiber with the colour of the segment that ends there: one record,
+// so that a redraw reads one stream.
+struct PcdFiberNode {
+  float x, y, z;
+  uint32_t colour;  // 0xffRRGGBB
+};
+
 struct PcdFiberLayer {
   int32_t primitive = 0;  // hairline 287, tubular 782
   int32_t coloring = 0;
-  std::vector<PcdVector3D> nodes;    // every fiber backward end to forward end
-  std::vector<uint32_t> colours;     // per node, 0xffRRGGBB: the segment ending there
+  std::vector<PcdFiberNode> nodes;   // every fiber backward end to forward end
   std::vector<uint32_t> fiberStart;  // fiber f has nodes fiberStart[f] .. fiberStart[f + 1] - 1
-  std::vector<PcdVector3D> boxes;    // per fiber its lowest and highest corner
+  std::vector<PcdFiberChunk> chunks;  // every fiber's segments in order
   // buckets[axis][s]: the runs of segments within half a voxel of slice s's voxels
   std::vector<std::vector<PcdFiberRun>> buckets[3];
 };

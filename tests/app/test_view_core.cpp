@@ -249,6 +249,55 @@ TEST(FiberOverlay, SliceBucketsDrawWhatTestingEverySegmentDraws) {
   PCDdti_DeleteFibeTrakBuffer(buffer);
 }
 
+// The oblique pane skips chunks of segments by their boxes: at any angle it draws what
+// it draws when no chunk can be skipped (every box widened past the volume).
+TEST(FiberOverlay, ObliqueChunkSkippingDrawsWhatTestingEverySegmentDraws) {
+  std::vector<PcdVector3D> seeds;
+  PcdFibeTrakBuffer* buffer = RandomFibers(400, &seeds, 5);
+  auto layer = PCDview_MakeFiberLayer(buffer, kPcdColorUnique, kPcdPrimitiveHairline);
+  PCDdti_DeleteFibeTrakBuffer(buffer);
+  auto plain = std::make_unique<PcdFiberLayer>(*layer);
+  for (PcdFiberChunk& chunk : plain->chunks) chunk.half = {1e6f, 1e6f, 1e6f};
+  Volume vol(40, 40, 12, 0);
+  PcdSliceScene scene;
+  scene.volume = vol.v;
+  scene.voxelsPerPixel = 0.125f;
+  PcdPaneOverlays fast, slow;
+  fast.fibers = {layer.get()};
+  slow.fibers = {plain.get()};
+  fast.showCursor = slow.showCursor = false;
+  int drawn = 0;
+  for (float tilt : {0.0f, 25.0f, 60.0f, 90.0f})
+    for (float turn : {0.0f, 40.0f, 135.0f}) {
+      scene.cursor = {18 + int(turn) % 5, 21, 5};
+      PcdSlicePane pane;
+      pane.kind = PCD_PANE_OBLIQUE;
+      pane.obliqueTilt = tilt, pane.obliqueTurn = turn;
+      Image a, b;
+      PcdGreyTable ta, tb;
+      PCDview_RenderPane(a.s, pane, scene, fast, &ta);
+      PCDview_RenderPane(b.s, pane, scene, slow, &tb);
+      ASSERT_TRUE(a.SameAs(b)) << "tilt " << tilt << " turn " << turn;
+      for (int y = 0; y < 256; ++y)
+        for (int x = 0; x < 256; ++x) drawn += a.At(x, y) != 0xff000000u;
+    }
+  EXPECT_GT(drawn, 1000);
+  // the chunks cover every segment of every fiber once, in order, none across two fibers
+  uint32_t next = 0;
+  size_t fiber = 0;
+  for (const PcdFiberChunk& chunk : layer->chunks) {
+    if (chunk.first != next) {  // a new fiber: its first node
+      ++fiber;
+      ASSERT_LT(fiber, layer->fiberStart.size());
+      EXPECT_EQ(chunk.first, layer->fiberStart[fiber]);
+    }
+    EXPECT_LE(chunk.segments, kPcdFiberChunkSegments);
+    next = chunk.first + chunk.segments;
+    EXPECT_LT(next, layer->fiberStart[fiber + 1]);
+  }
+  EXPECT_EQ(next + 1, layer->nodes.size());
+}
+
 TEST(FiberOverlay, ColoursFollowTheStudysColoring) {
   // one fiber along x: seed at x 10, forward to 12.1, backward to 7.9
   PcdVector3D seed{10.5f, 5.5f, 2.5f};
@@ -270,12 +319,12 @@ TEST(FiberOverlay, ColoursFollowTheStudysColoring) {
   ASSERT_EQ(direction->nodes.size(), 7u);  // 3 backward, the seed, 3 forward
   EXPECT_FLOAT_EQ(direction->nodes[0].x, seed.x - 2.1f);
   EXPECT_FLOAT_EQ(direction->nodes[3].x, seed.x);
-  for (uint32_t c : direction->colours) EXPECT_EQ(c, 0xffff0000u);  // along x: red
+  for (const PcdFiberNode& n : direction->nodes) EXPECT_EQ(n.colour, 0xffff0000u);  // along x: red
   auto anisotropy = PCDview_MakeFiberLayer(buffer, kPcdColorAnisotropy, kPcdPrimitiveHairline);
-  for (uint32_t c : anisotropy->colours) EXPECT_EQ(c, 0xff0000ffu);  // FA 0: the ramp's blue end
+  for (const PcdFiberNode& n : anisotropy->nodes) EXPECT_EQ(n.colour, 0xff0000ffu);  // FA 0: the ramp's blue end
   auto distance = PCDview_MakeFiberLayer(buffer, kPcdColorDistance, kPcdPrimitiveHairline);
-  EXPECT_EQ(distance->colours[3], 0xff0000ffu);  // the seed: distance 0
-  EXPECT_EQ(distance->colours[0], distance->colours[6]);  // both ends 2.1 voxels away
+  EXPECT_EQ(distance->nodes[3].colour, 0xff0000ffu);  // the seed: distance 0
+  EXPECT_EQ(distance->nodes[0].colour, distance->nodes[6].colour);  // both ends 2.1 voxels away
   // the buckets: along z all segments lie at 2.5, so slices 2 and 3 hold them, 1 and 4 not
   ASSERT_GE(direction->buckets[2].size(), 4u);
   EXPECT_EQ(direction->buckets[2][2].size(), 1u);
