@@ -467,7 +467,7 @@ PcdFibeTrakBuffer* PCDdti_FiberTracking(const PcdDtiData* dti, PcdFibeTrakContex
 PcdVector3D PCDdti_SeedInVoxel(int x, int y, int z, int k) {
   constexpr double kAlpha[3] = {0.8191725133961645, 0.6710436067037893, 0.5497004779019703};
   auto frac = [](double v) { return v - std::floor(v); };
-  return {static_cast<float>(x + frac(0.5 + k * kAlpha[0])),
-          static_cast<float>(y + frac(0.5 + k * kAlpha[1])),
-          static_cast<float>(z + frac(0.5 + k * kAlpha[2]))};
+  return {static_cast<float>(x + (frac(0.5 + k * kAlpha[0]) - 0.5)),
+          static_cast<float>(y + (frac(0.5 + k * kAlpha[1]) - 0.5)),
+          static_cast<float>(z + (frac(0.5 + k * kAlpha[2]) - 0.5))};
 }

@@ -88,6 +88,9 @@ PcdTrakLineBuffer* do_fiber_tracking(const PcdDtiData* dti, const PcdFibeTrakCon
                                      PcdDiffusionTensorData* tensor, PcdTrakLineBuffer* work,
                                      float dx, float dy, float dz);
 
-// Seed k of voxel (x, y, z) for seeding K per voxel: per axis frac(0.5 + k * alpha) of a
-// low-discrepancy sequence, so k = 0 is the voxel's centre and any K spreads evenly.
+// Seed k of voxel (x, y, z) for seeding K per voxel. The interpolated reads take voxel
+// (x, y, z)'s sample at the point (x, y, z) itself, so that point is the voxel's centre and
+// the voxel spans x - 0.5 .. x + 0.5 along each axis: per axis the seed lies at
+// x + frac(0.5 + k * alpha) - 0.5 of a low-discrepancy sequence, so k = 0 is the centre
+// and any K spreads evenly.
 PcdVector3D PCDdti_SeedInVoxel(int x, int y, int z, int k);

@@ -32,14 +32,16 @@ uint32_t UniqueColour(size_t fiber) {
 
 constexpr double kDistanceSpan = 60.0;  // voxels from the seed to the red end of the ramp
 
-// Appends one half-line's nodes (from index `from`, reversed when asked).
+// Appends one half-line's nodes (from index `from`, reversed when asked). A node at
+// (x, y, z) reads the sample of voxel (x, y, z) whole, and the panes draw that voxel as
+// the box x .. x + 1: the layer holds the nodes half a voxel on, where they are drawn.
 void AppendHalf(const PcdTrakLineBuffer* line, bool reversed, int from, PcdFiberLayer* layer,
                 std::vector<PcdVector3D>* eig) {
   if (line == nullptr) return;
   const int n = line->nodeCount;
   for (int k = 0; k < n - from; ++k) {
     const int i = reversed ? n - 1 - k : from + k;
-    layer->nodes.push_back({line->x[i], line->y[i], line->z[i], 0});
+    layer->nodes.push_back({line->x[i] + 0.5f, line->y[i] + 0.5f, line->z[i] + 0.5f, 0});
     eig->push_back({line->L1[i], line->L2[i], line->L3[i]});
   }
 }

@@ -39,7 +39,8 @@ struct PcdFiberNode {
 struct PcdFiberLayer {
   int32_t primitive = 0;  // hairline 287, tubular 782
   int32_t coloring = 0;
-  std::vector<PcdFiberNode> nodes;   // every fiber backward end to forward end
+  std::vector<PcdFiberNode> nodes;   // every fiber backward end to forward end, in pane
+                                     // coordinates (a node's coordinates + 0.5)
   std::vector<uint32_t> fiberStart;  // fiber f has nodes fiberStart[f] .. fiberStart[f + 1] - 1
   std::vector<PcdFiberChunk> chunks;  // every fiber's segments in order
   // buckets[axis][s]: the runs of segments within half a voxel of slice s's voxels

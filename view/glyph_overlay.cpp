@@ -37,7 +37,8 @@ PcdDifProfDrawFunction PCDview_CollectGlyphs(std::vector<PcdGlyph>* glyphs) {
   return [glyphs](const PcdVector3D* point, const PcdDiffusionTensorData* t) {
     if (point == nullptr || t == nullptr || t->tensor == nullptr) return;
     PcdGlyph glyph;
-    glyph.position = *point;
+    // the point's sample lies at the centre of the voxel box the panes draw
+    glyph.position = {point->x + 0.5f, point->y + 0.5f, point->z + 0.5f};
     for (int k = 0; k < 3; ++k) {
       const int column = 3 - k;  // eigenvalues ascending: column 3 is the largest
       glyph.lambda[k] = t->eigenvalues[column];

@@ -399,6 +399,8 @@ GtkWidget* BuildPane(PcdViewPane* p, int32_t firstKind) {
 
   p->area = gtk_drawing_area_new();
   gtk_widget_set_size_request(p->area, kPcdPaneSize, kPcdPaneSize);
+  gtk_widget_set_hexpand(p->area, TRUE);  // a larger window gives larger panes
+  gtk_widget_set_vexpand(p->area, TRUE);
   gtk_widget_set_can_focus(p->area, TRUE);
   gtk_widget_add_events(p->area, GDK_BUTTON_PRESS_MASK | GDK_BUTTON_RELEASE_MASK |
                                      GDK_POINTER_MOTION_MASK | GDK_SCROLL_MASK);
@@ -496,6 +498,9 @@ bool PCDview_OpenViewsWindow() {
   gtk_box_pack_start(GTK_BOX(vbox), grid, TRUE, TRUE, 0);
   gtk_widget_show_all(v->window);
   for (PcdViewPane& p : v->panes) PCDview_SetPaneKind(&p, p.pane.kind);
+  // shown whole, every pane first asked for the width of all its controls: the hidden
+  // ones no longer count
+  gtk_window_resize(GTK_WINDOW(v->window), 1, 1);
   if (pcd_app && pcd_app->window) {
     gint x = 0, y = 0;
     gtk_window_get_position(GTK_WINDOW(pcd_app->window), &x, &y);

@@ -299,8 +299,9 @@ TEST(FiberOverlay, ObliqueChunkSkippingDrawsWhatTestingEverySegmentDraws) {
 }
 
 TEST(FiberOverlay, ColoursFollowTheStudysColoring) {
-  // one fiber along x: seed at x 10, forward to 12.1, backward to 7.9
-  PcdVector3D seed{10.5f, 5.5f, 2.5f};
+  // one fiber along x: seed at x 10, forward to 12.1, backward to 7.9; the panes draw it
+  // half a voxel on, through the centres of the voxel boxes (10.5, 5.5, 2.5)
+  PcdVector3D seed{10.0f, 5.0f, 2.0f};
   PcdFibeTrakBuffer* buffer = new_fibetrak_buffer(1, &seed, 4);
   PcdTrakLinePair* pair = new_trakline_pair(&seed);
   pair->selection = 1;
@@ -317,8 +318,8 @@ TEST(FiberOverlay, ColoursFollowTheStudysColoring) {
   pack_fibetrak_buffer(buffer);
   auto direction = PCDview_MakeFiberLayer(buffer, kPcdColorDirection, kPcdPrimitiveHairline);
   ASSERT_EQ(direction->nodes.size(), 7u);  // 3 backward, the seed, 3 forward
-  EXPECT_FLOAT_EQ(direction->nodes[0].x, seed.x - 2.1f);
-  EXPECT_FLOAT_EQ(direction->nodes[3].x, seed.x);
+  EXPECT_FLOAT_EQ(direction->nodes[0].x, seed.x - 2.1f + 0.5f);  // drawn at the centre of its voxel box
+  EXPECT_FLOAT_EQ(direction->nodes[3].x, seed.x + 0.5f);
   for (const PcdFiberNode& n : direction->nodes) EXPECT_EQ(n.colour, 0xffff0000u);  // along x: red
   auto anisotropy = PCDview_MakeFiberLayer(buffer, kPcdColorAnisotropy, kPcdPrimitiveHairline);
   for (const PcdFiberNode& n : anisotropy->nodes) EXPECT_EQ(n.colour, 0xff0000ffu);  // FA 0: the ramp's blue end

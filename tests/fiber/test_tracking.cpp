@@ -421,13 +421,13 @@ TEST(FiberTracking, NotReadyDataSetIsRefused) {
 
 TEST(FiberTracking, SeedsOfAVoxelStartAtItsCentreAndStayInsideIt) {
   const PcdVector3D centre = PCDdti_SeedInVoxel(3, 4, 5, 0);
-  EXPECT_EQ(centre.x, 3.5f);
-  EXPECT_EQ(centre.y, 4.5f);
-  EXPECT_EQ(centre.z, 5.5f);
+  EXPECT_EQ(centre.x, 3.0f);  // the sample of voxel 3 lies at 3: the interpolated read gives it whole
+  EXPECT_EQ(centre.y, 4.0f);
+  EXPECT_EQ(centre.z, 5.0f);
   std::vector<PcdVector3D> seen;
   for (int k = 0; k < 50; ++k) {
     const PcdVector3D s = PCDdti_SeedInVoxel(3, 4, 5, k);
-    EXPECT_TRUE(s.x >= 3 && s.x < 4 && s.y >= 4 && s.y < 5 && s.z >= 5 && s.z < 6) << k;
+    EXPECT_TRUE(s.x >= 2.5f && s.x < 3.5f && s.y >= 3.5f && s.y < 4.5f && s.z >= 4.5f && s.z < 5.5f) << k;
     for (const PcdVector3D& t : seen) EXPECT_FALSE(t.x == s.x && t.y == s.y && t.z == s.z) << k;
     seen.push_back(s);
   }

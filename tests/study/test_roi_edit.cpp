@@ -233,18 +233,19 @@ TEST(TrackLineObjects, SelectedHalfLinesBecomePolylineObjects) {
 TEST(TrackLineObjects, VoxelizingCountsEachLineOncePerVoxel) {
   const PcdIntSize3D size{4, 2, 2};
   const std::vector<PcdPolyline> lines = {
-      {{0.5f, 0.5f, 0.5f}, {3.5f, 0.5f, 0.5f}},                      // along x through row y0 z0
-      {{0.5f, 0.5f, 0.5f}, {2.2f, 0.5f, 0.5f}, {0.6f, 0.5f, 0.5f}},  // there and back: once
-      {{1.5f, 1.5f, 1.5f}},                                          // a single node
-      {{-3.0f, 0.5f, 0.5f}},                                         // outside
+      // a point belongs to the voxel whose sample (at its integer coordinates) is nearest
+      {{0.0f, 0.0f, 0.0f}, {3.0f, 0.0f, 0.0f}},                      // along x through row y0 z0
+      {{0.0f, 0.0f, 0.0f}, {1.7f, 0.0f, 0.0f}, {0.1f, 0.0f, 0.0f}},  // there and back: once
+      {{1.0f, 1.0f, 1.4f}},                                          // a single node
+      {{-0.6f, 0.0f, 0.0f}},                                         // outside
   };
   const std::vector<uint32_t> counts = PCD_CountLinesPerVoxel(lines, &size);
   const std::vector<uint32_t> expected = {2, 2, 2, 1, 0, 0, 0, 0,  // z0: y0, y1
                                           0, 0, 0, 0, 0, 1, 0, 0};
   EXPECT_EQ(counts, expected);
 
-  const std::vector<PcdPolyline> colored = {{{0.5f, 0.5f, 0.5f}, {1.5f, 0.5f, 0.5f}},
-                                            {{0.5f, 1.5f, 1.5f}, {1.5f, 2.5f, 1.5f}}};
+  const std::vector<PcdPolyline> colored = {{{0.0f, 0.0f, 0.0f}, {1.0f, 0.0f, 0.0f}},
+                                            {{0.0f, 1.0f, 1.0f}, {1.0f, 2.0f, 1.0f}}};
   const PcdIntSize3D box{2, 3, 2};
   const std::vector<uint32_t> rgba = PCD_DirectionColorsPerVoxel(colored, &box);
   EXPECT_EQ(rgba[0], 0xFF0000FFu);                    // along x: red

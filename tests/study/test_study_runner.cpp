@@ -38,8 +38,9 @@ PcdRoiObject* Sphere(PcdWorkSession* s, float x, float y, float z, float r) {
 bool Touches(const PcdTrakLinePair* p, const std::vector<uint8_t>& mask, const PcdIntSize3D& n) {
   for (const PcdTrakLineBuffer* line : {p->forward, p->backward})
     for (int i = 0; line && i < line->nodeCount; ++i) {
-      const int x = static_cast<int>(std::floor(line->x[i])), y = static_cast<int>(std::floor(line->y[i])),
-                z = static_cast<int>(std::floor(line->z[i]));
+      // the voxel whose sample is nearest: samples lie at integer coordinates
+      const int x = static_cast<int>(std::lround(line->x[i])), y = static_cast<int>(std::lround(line->y[i])),
+                z = static_cast<int>(std::lround(line->z[i]));
       if (x >= 0 && y >= 0 && z >= 0 && x < n.x && y < n.y && z < n.z && mask[x + n.x * (y + n.y * z)])
         return true;
     }
@@ -57,11 +58,13 @@ TEST(StudySeeds, DensityAndSourceDecideTheSeedsInVoxelOrder) {
   shape.radius = 0.75f;
   std::vector<PcdVector3D> seeds = PCD_GenerateStudySeeds(study, &rois, &size);
   ASSERT_EQ(seeds.size(), 4u);
-  EXPECT_EQ(seeds[0].x, 3.5f);  // voxel (3, 3, 4) first, its centre
-  EXPECT_EQ(seeds[0].y, 3.5f);
-  EXPECT_EQ(seeds[3].x, 4.5f);  // voxel (4, 4, 4) last
-  EXPECT_EQ(seeds[3].y, 4.5f);
-  EXPECT_EQ(seeds[3].z, 4.5f);
+  // the ROI's geometry counts voxel v as the box v .. v + 1; a seed at a voxel's centre lies
+  // at the voxel's integer coordinates, where the interpolated reads take its sample
+  EXPECT_EQ(seeds[0].x, 3.0f);  // voxel (3, 3, 4) first, its centre
+  EXPECT_EQ(seeds[0].y, 3.0f);
+  EXPECT_EQ(seeds[3].x, 4.0f);  // voxel (4, 4, 4) last
+  EXPECT_EQ(seeds[3].y, 4.0f);
+  EXPECT_EQ(seeds[3].z, 4.0f);
 
   study->tract->seedDensity = kPcdSeedDensityHigh;
   seeds = PCD_GenerateStudySeeds(study, &rois, &size);
@@ -69,8 +72,8 @@ TEST(StudySeeds, DensityAndSourceDecideTheSeedsInVoxelOrder) {
   for (int k = 0; k < 8; ++k) {
     const PcdVector3D expected = PCDdti_SeedInVoxel(3, 3, 4, k);
     EXPECT_EQ(seeds[k].x, expected.x);
-    EXPECT_GE(seeds[k].x, 3.0f);
-    EXPECT_LT(seeds[k].x, 4.0f);
+    EXPECT_GE(seeds[k].x, 2.5f);
+    EXPECT_LT(seeds[k].x, 3.5f);
   }
 
   study->tract->seedSource = kPcdSeedFromFreehand;
@@ -78,8 +81,8 @@ TEST(StudySeeds, DensityAndSourceDecideTheSeedsInVoxelOrder) {
   shape.points = {{7, 7, 7}, {1, 0, 0}, {9, 9, 9}};  // stored order does not matter
   seeds = PCD_GenerateStudySeeds(study, &rois, &size);
   ASSERT_EQ(seeds.size(), 2u);
-  EXPECT_EQ(seeds[0].x, 1.5f);
-  EXPECT_EQ(seeds[1].z, 7.5f);
+  EXPECT_EQ(seeds[0].x, 1.0f);
+  EXPECT_EQ(seeds[1].z, 7.0f);
 
   // listed ROIs one after the other, in list order, missing ids skipped
   PcdRoiObject* a = PCD_NewRoiObject(&rois, PCD_ROI_FREEHAND, nullptr);
@@ -91,8 +94,8 @@ TEST(StudySeeds, DensityAndSourceDecideTheSeedsInVoxelOrder) {
   study->tract->seedSource = kPcdSeedFromList;
   seeds = PCD_GenerateStudySeeds(study, &rois, &size);
   ASSERT_EQ(seeds.size(), 2u);
-  EXPECT_EQ(seeds[0].x, 6.5f);
-  EXPECT_EQ(seeds[1].x, 0.5f);
+  EXPECT_EQ(seeds[0].x, 6.0f);
+  EXPECT_EQ(seeds[1].x, 0.0f);
 
   // at most 1,000,000 seeds
   const PcdIntSize3D big{100, 100, 101};
@@ -350,8 +353,8 @@ TEST(ProfileStudy, RangesApplyInPairsAndTheSummaryCountsTheDrawnSymbols) {
   EXPECT_EQ(PCD_GetStudySummary(study),
             "Symbols: 8/8 (100% displayed)\n    mean FA: 0.7990\n    mean ADC(x1k): 0.7659");
   ASSERT_EQ(drawn.size(), 8u);
-  EXPECT_EQ(drawn[0].x, 0.5f);  // voxel centres in x, y, z order
-  EXPECT_EQ(drawn[7].z, 1.5f);
+  EXPECT_EQ(drawn[0].x, 0.0f);  // voxel centres (their samples' coordinates) in x, y, z order
+  EXPECT_EQ(drawn[7].z, 1.0f);
   // "high" symbol density: eight points a voxel; an FA range above the data's hides all
   drawn.clear();
   study->profile->symbolDensity = kPcdSymbolDensityHigh;
@@ -364,9 +367,9 @@ TEST(ProfileStudy, RangesApplyInPairsAndTheSummaryCountsTheDrawnSymbols) {
   EXPECT_PRED2(Begins, PCD_GetStudySummary(study), "Symbols: 64/64 (100% displayed)");
   ASSERT_EQ(drawn.size(), 64u);
   for (int k = 0; k < 8; ++k) {  // the eight points of voxel (0, 0, 0) first
-    EXPECT_GE(drawn[k].x, 0.0f);
-    EXPECT_LT(drawn[k].x, 1.0f);
-    EXPECT_LT(drawn[k].z, 1.0f);
+    EXPECT_GE(drawn[k].x, -0.5f);
+    EXPECT_LT(drawn[k].x, 0.5f);
+    EXPECT_LT(drawn[k].z, 0.5f);
   }
 }
 

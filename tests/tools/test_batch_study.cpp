@@ -86,7 +86,8 @@ int Count(const std::string& text, const std::string& what) {
   return at == std::string::npos ? -1 : std::atoi(text.c_str() + at + what.size());
 }
 
-// The fibers of a tracking dump, node positions turned back into voxels.
+// The fibers of a tracking dump, node positions turned back into voxels: the voxel whose
+// sample (at its integer coordinates) is nearest.
 std::vector<std::vector<std::array<int, 3>>> DumpedFibers(const std::string& text) {
   std::vector<std::vector<std::array<int, 3>>> fibers;
   const size_t start = text.find('\n', text.find("<Dump result is from here>"));
@@ -100,9 +101,9 @@ std::vector<std::vector<std::array<int, 3>>> DumpedFibers(const std::string& tex
     for (int k = 0; k < m; ++k) {
       float p[6];
       for (float& v : p) in >> v;
-      fibers.back().push_back({static_cast<int>(std::floor(p[0] / kVoxelSize)),
-                               static_cast<int>(std::floor(p[1] / kVoxelSize)),
-                               static_cast<int>(std::floor(p[2] / kVoxelSize))});
+      fibers.back().push_back({static_cast<int>(std::lround(p[0] / kVoxelSize)),
+                               static_cast<int>(std::lround(p[1] / kVoxelSize)),
+                               static_cast<int>(std::lround(p[2] / kVoxelSize))});
     }
   }
   return fibers;
