@@ -191,7 +191,7 @@ PcdFibeTrakBuffer* TwoPairs(PcdVector3D* seeds) {
   };
   for (int i = 0; i < 2; ++i) buffer->pairs[i] = new_trakline_pair(&seeds[i]);
   buffer->pairs[0]->forward = line({{0.5f, 0.5f, 0.5f}, {1.5f, 0.5f, 0.5f}, {2.5f, 0.5f, 0.5f}});
-  buffer->pairs[0]->backward = line({{0.5f, 0.5f, 0.5f}, {0.5f, 1.5f, 0.5f}});
+  buffer->pairs[0]->backward = line({{0.5f, 0.5f, 0.5f}, {0.5f, 2.5f, 0.5f}});
   buffer->pairs[0]->selection = 1;
   buffer->pairs[1]->forward = line({{3.5f, 3.5f, 3.5f}});
   buffer->pairs[1]->backward = line({{3.5f, 3.5f, 3.5f}});
@@ -206,7 +206,7 @@ TEST(TrackLineObjects, SelectedHalfLinesBecomePolylineObjects) {
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0].size(), 3u);
   EXPECT_EQ(lines[1].size(), 2u);
-  EXPECT_EQ(lines[1][1].y, 1.5f);
+  EXPECT_EQ(lines[1][1].y, 2.5f);
 
   const PcdObjectGroup hair = PCD_BuildPolylineObjectGroup(lines, false);
   ASSERT_EQ(hair.objects.size(), 2u);
@@ -225,7 +225,7 @@ TEST(TrackLineObjects, SelectedHalfLinesBecomePolylineObjects) {
   const PcdDisplayObject& t = tubes.objects[1];
   EXPECT_EQ(t.type, 31);
   ASSERT_EQ(t.payload.size(), 24u * 2 + 4);
-  EXPECT_EQ(FloatAt(t.payload, 4 + 16), 1.0f);   // first point's direction: +y
+  EXPECT_EQ(FloatAt(t.payload, 4 + 16), 1.0f);   // first point's direction: +y, made unit from 2
   EXPECT_EQ(FloatAt(t.payload, 4 + 24 + 16), 0.0f);  // the last point has none
   PCDdti_DeleteFibeTrakBuffer(buffer);
 }

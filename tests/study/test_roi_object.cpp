@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <string>
 #include <vector>
@@ -333,6 +334,15 @@ TEST(RoiRaster, SphereFreehandAndVoxelgroupVoxels) {
   EXPECT_EQ(n, 7);  // the centre voxel and its six face neighbours at distance 1
   EXPECT_EQ(mask[2 + 5 * (2 + 5 * 1)], 1);
   EXPECT_EQ(mask[3 + 5 * (3 + 5 * 2)], 0);  // sqrt(2) away
+  // a negative radius takes nothing (its square would take the same seven), nor does a
+  // centre that is not a number
+  sphere->shape->radius = -1.0f;
+  mask = PCD_RasterizeRoiObject(sphere, &volume);
+  EXPECT_EQ(std::count(mask.begin(), mask.end(), 1), 0);
+  sphere->shape->radius = 1.0f;
+  sphere->shape->centre.y = std::nanf("");
+  mask = PCD_RasterizeRoiObject(sphere, &volume);
+  EXPECT_EQ(std::count(mask.begin(), mask.end(), 1), 0);
 
   PcdRoiObject* free = new_roi_object(PCD_ROI_FREEHAND);
   free->shape->points = {{4, 0, 1}, {9, 0, 0}};  // the second lies outside
