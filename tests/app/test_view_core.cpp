@@ -102,6 +102,61 @@ TEST(SliceGeometry, PanesMapVoxelsToPixelsAsWorkedOutByHand) {
   EXPECT_FALSE(PCDview_VoxelToPixel(g, p, &px, &py, &depth));
 }
 
+// The box VOI's outline where the section passes through the box, worked out by hand:
+// 4 pixels a voxel, axial pixel (4 x, 4 y + 64), sagittal pixel (4 y + 64, 4 (16 - z) + 96).
+TEST(SliceGeometry, TheBoxVoiIsOutlinedInTheSectionsThatPassThroughIt) {
+  Volume vol(64, 32, 16, 0);
+  PcdSliceScene scene;
+  scene.volume = vol.v;
+  scene.voxelsPerPixel = 0.25f;
+  PcdPaneOverlays overlays;
+  overlays.showCursor = false;
+  overlays.showBox = true;
+  overlays.boxOrigin = {10, 4, 3};
+  overlays.boxSize = {20, 8, 4};
+  constexpr uint32_t kCyan = 0xff33ffffu, kBlack = 0xff000000u;
+  const auto render = [&](int32_t kind, PcdIntVector3D cursor, Image* image) {
+    scene.cursor = cursor;
+    PcdSlicePane pane;
+    pane.kind = kind;
+    PcdGreyTable table;
+    PCDview_RenderPane(image->s, pane, scene, overlays, &table);
+  };
+  {
+    Image a;  // slice z 5 lies in z 3 .. 6: corners (40, 80) and (120, 112)
+    render(PCD_PANE_AXIAL, {12, 6, 5}, &a);
+    EXPECT_EQ(a.At(41, 80), kCyan);   // the top edge's first dash
+    EXPECT_EQ(a.At(42, 80), kCyan);
+    EXPECT_EQ(a.At(46, 80), kBlack);  // its first gap
+    EXPECT_EQ(a.At(41, 79), kBlack);  // outside
+    EXPECT_EQ(a.At(42, 81), kBlack);  // inside
+    int right = 0, bottom = 0;
+    for (int y = 81; y < 111; ++y) right += a.At(119, y) == kCyan;
+    for (int x = 41; x < 119; ++x) bottom += a.At(x, 111) == kCyan;
+    EXPECT_GT(right, 10);  // dashed: about four in seven
+    EXPECT_GT(bottom, 30);
+    for (int x = 0; x < 256; ++x) EXPECT_NE(a.At(x, 112), kCyan) << x;  // nothing past the box
+  }
+  {
+    Image a;  // slice z 7 is past the box
+    render(PCD_PANE_AXIAL, {12, 6, 7}, &a);
+    for (int y = 0; y < 256; ++y)
+      for (int x = 0; x < 256; ++x) ASSERT_NE(a.At(x, y), kCyan) << x << " " << y;
+  }
+  {
+    Image s;  // sagittal at x 10, the box's first slice: corners (80, 148) and (112, 132)
+    render(PCD_PANE_SAGITTAL, {10, 6, 5}, &s);
+    EXPECT_EQ(s.At(81, 132), kCyan);  // the top edge (z 7) from the left
+    EXPECT_EQ(s.At(81, 131), kBlack);
+    int left = 0;
+    for (int y = 133; y < 147; ++y) left += s.At(80, y) == kCyan;
+    EXPECT_GT(left, 3);
+    Image t;  // at x 9 it is not
+    render(PCD_PANE_SAGITTAL, {9, 6, 5}, &t);
+    EXPECT_NE(t.At(81, 132), kCyan);
+  }
+}
+
 TEST(SliceGeometry, VoxelSizeKeepsTheAspectOnScreen) {
   Volume vol(64, 64, 16, 0);
   PcdSliceScene scene;
