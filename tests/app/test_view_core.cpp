@@ -44,7 +44,25 @@ struct Image {
     const size_t bytes = size_t(cairo_image_surface_get_stride(s)) * size_t(cairo_image_surface_get_height(s));
     return std::memcmp(cairo_image_surface_get_data(s), cairo_image_surface_get_data(o.s), bytes) == 0;
   }
+  int Drawn() const {  // pixels that are not the black of an empty section
+    int n = 0;
+    for (int y = 0; y < cairo_image_surface_get_height(s); ++y)
+      for (int x = 0; x < cairo_image_surface_get_width(s); ++x) n += At(x, y) != 0xff000000u;
+    return n;
+  }
 };
+
+// Renders one scene twice, as two panes with their overlays: true when the images are the
+// same; adds the first one's drawn pixels to *drawn.
+bool SameRenders(const PcdSliceScene& scene, const PcdSlicePane& paneA, const PcdPaneOverlays& a,
+                 const PcdSlicePane& paneB, const PcdPaneOverlays& b, int* drawn) {
+  Image imageA, imageB;
+  PcdGreyTable tableA, tableB;
+  PCDview_RenderPane(imageA.s, paneA, scene, a, &tableA);
+  PCDview_RenderPane(imageB.s, paneB, scene, b, &tableB);
+  *drawn += imageA.Drawn();
+  return imageA.SameAs(imageB);
+}
 
 TEST(SliceGeometry, PanesMapVoxelsToPixelsAsWorkedOutByHand) {
   Volume vol(64, 32, 16, 0);
@@ -291,13 +309,7 @@ TEST(FiberOverlay, SliceBucketsDrawWhatTestingEverySegmentDraws) {
       PcdSlicePane axial, oblique;
       oblique.kind = PCD_PANE_OBLIQUE;
       oblique.obliqueTilt = 0;
-      Image a, b;
-      PcdGreyTable ta, tb;
-      PCDview_RenderPane(a.s, axial, scene, overlays, &ta);
-      PCDview_RenderPane(b.s, oblique, scene, overlays, &tb);
-      ASSERT_TRUE(a.SameAs(b)) << "slice " << z << " coloring " << coloring;
-      for (int y = 0; y < 256; ++y)
-        for (int x = 0; x < 256; ++x) drawn += a.At(x, y) != 0xff000000u;
+      ASSERT_TRUE(SameRenders(scene, axial, overlays, oblique, overlays, &drawn)) << "slice " << z << " coloring " << coloring;
     }
     EXPECT_GT(drawn, 1000) << coloring;
   }
@@ -328,13 +340,7 @@ TEST(FiberOverlay, ObliqueChunkSkippingDrawsWhatTestingEverySegmentDraws) {
       PcdSlicePane pane;
       pane.kind = PCD_PANE_OBLIQUE;
       pane.obliqueTilt = tilt, pane.obliqueTurn = turn;
-      Image a, b;
-      PcdGreyTable ta, tb;
-      PCDview_RenderPane(a.s, pane, scene, fast, &ta);
-      PCDview_RenderPane(b.s, pane, scene, slow, &tb);
-      ASSERT_TRUE(a.SameAs(b)) << "tilt " << tilt << " turn " << turn;
-      for (int y = 0; y < 256; ++y)
-        for (int x = 0; x < 256; ++x) drawn += a.At(x, y) != 0xff000000u;
+      ASSERT_TRUE(SameRenders(scene, pane, fast, pane, slow, &drawn)) << "tilt " << tilt << " turn " << turn;
     }
   EXPECT_GT(drawn, 1000);
   // the chunks cover every segment of every fiber once, in order, none across two fibers
