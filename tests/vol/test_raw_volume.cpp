@@ -145,6 +145,13 @@ TEST(PointReaders, BilinearReadsBlendEachColourComponentSeparately) {
   EXPECT_DOUBLE_EQ(PCD_GetInterpolatedValueOf2DArray(im->array2D[1], FLOAT32, 2, 2, 0.5f, 0.5f),
                    1.5);
   EXPECT_EQ(PCD_GetValueOf2DArrayFLOAT32(im->array2D[1], 2, 2, 1.9f, 1.9f), 3.0f);
+  // a 32-bit word read as a plain value: all bits set is 4294967295, which a float would
+  // round to 4294967296
+  w[0][0] = w[0][1] = w[1][0] = w[1][1] = 0xFFFFFFFFu;
+  EXPECT_EQ(PCD_GetInterpolatedValueOf2DArray(im->array2D[0], UINT32, 2, 2, 0.25f, 0.5f), 4294967295.0);
+  w[0][0] = 16777217u;  // 2^24 + 1, the first integer a float cannot hold
+  w[0][1] = w[1][0] = w[1][1] = 16777217u;
+  EXPECT_EQ(PCD_GetInterpolatedValueOf2DArray(im->array2D[0], UINT32, 2, 2, 0.0f, 0.0f), 16777217.0);
   PCD_DeleteRawImageData(im);
 }
 

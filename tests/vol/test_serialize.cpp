@@ -83,6 +83,7 @@ TEST(SerializedVolume, ChannelCountLimitAndDamagedBuffersAreRefused) {
   testing::internal::CaptureStderr();
   for (size_t cut : {0, 3, 15, 16, 23, 24, 47, 79})
     EXPECT_EQ(PCD_GetRawVolumeDataFromSerializedDataChecked(hand.data(), cut), nullptr) << cut;
+  EXPECT_EQ(PCD_GetRawVolumeDataFromSerializedDataChecked(nullptr, hand.size()), nullptr);
   std::vector<uint8_t> lying = hand;
   PCD_PutInt32LE(lying.data(), 0x7FFFFFFF);  // x that the buffer cannot hold
   EXPECT_EQ(PCD_GetRawVolumeDataFromSerializedDataChecked(lying.data(), lying.size()), nullptr);
