@@ -233,6 +233,8 @@ TEST(ChannelUtilities, ThresholdingAndConversionRoundTripBinaryValues) {
   EXPECT_EQ(Block<uint8_t>(w, 0)[3], 255);
   EXPECT_EQ(PCD_ConvertChannelDataType(w.get(), 0, SINT16, PCD_CONVERT_LINEAR, 0, 1), -1);
   EXPECT_EQ(PCD_ConvertChannelDataType(w.get(), 0, SINT16, PCD_CONVERT_WINDOW, 3, 3), -1);
+  for (int32_t mode : {PCD_CONVERT_CLAMP - 1, PCD_CONVERT_WINDOW + 1})  // no such mode
+    EXPECT_EQ(PCD_ConvertChannelDataType(w.get(), 0, SINT16, mode, 1, 2), -1) << mode;
   EXPECT_EQ(w->dataType[0], UINT8);
 }
 
