@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds and runs every test: a normal build (GUI tests under
-# Xvfb at depth 24), the core tests again under AddressSanitizer + UndefinedBehaviorSanitizer,
+# Xvfb at depth 24), every test again under AddressSanitizer + UndefinedBehaviorSanitizer,
 # the threaded subsystems under ThreadSanitizer, and every libFuzzer harness for a short while.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -13,9 +13,10 @@ xvfb-run -a -s "-screen 0 1280x1024x24" \
   ctest --test-dir build --output-on-failure -j"$jobs" --no-tests=error
 
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQUORIX_SANITIZE=ON \
-  -DQUORIX_GUI=OFF -DQUORIX_BENCH=OFF >/dev/null
+  -DQUORIX_GUI=ON -DQUORIX_BENCH=OFF >/dev/null
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  xvfb-run -a -s "-screen 0 1280x1024x24" \
   ctest --test-dir build-asan --output-on-failure -j"$jobs" --no-tests=error
 
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORIX_TSAN=ON \
