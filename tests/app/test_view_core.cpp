@@ -506,6 +506,34 @@ TEST(RoiDrawing, AFreehandContourTakesTheVoxelsInsideItInItsSection) {
     EXPECT_EQ(p.x, 7);
     EXPECT_LT(p.z + 0.5, 5 - (p.y + 0.5 - 2) / 2);
   }
+  // at the volume's edges: voxels at index 0 are taken, those past it or past 255 (a
+  // point's x and y are bytes) are not
+  {
+    Volume wide(300, 8, 4, 0);
+    const PcdIntSize3D wideSize{300, 8, 4};
+    PcdSliceScene edge;
+    edge.volume = wide.v;
+    edge.cursor = {0, 0, 3};
+    edge.voxelsPerPixel = 1.0f;
+    const PcdPaneGeometry axial = PCDview_GetPaneGeometry(PcdSlicePane{}, edge, 256, 256);
+    const auto square = [&](float x0, float y0, float x1, float y1) {
+      std::vector<PcdVector2D> c;
+      for (const PcdVector3D& corner : {PcdVector3D{x0, y0, 3}, PcdVector3D{x1, y0, 3}, PcdVector3D{x1, y1, 3},
+                                        PcdVector3D{x0, y1, 3}}) {
+        double px, py;
+        PCDview_VoxelToPixel(axial, corner, &px, &py, nullptr);
+        c.push_back({float(px), float(py)});
+      }
+      return c;
+    };
+    PcdRoiObject* corner = PCD_NewRoiObject(&rois, PCD_ROI_FREEHAND, &wideSize);
+    ASSERT_EQ(PCDview_SetRoiFreehand(corner, wideSize, axial, square(-1.0f, -1.0f, 2.0f, 2.0f)), 4);
+    EXPECT_EQ(corner->shape->points[0].x, 0);  // (0, 0, 3) first
+    EXPECT_EQ(corner->shape->points[0].y, 0);
+    EXPECT_EQ(corner->shape->points[0].z, 3);
+    ASSERT_EQ(PCDview_SetRoiFreehand(corner, wideSize, axial, square(254.0f, 0.0f, 259.0f, 1.0f)), 2);
+    EXPECT_EQ(corner->shape->points[1].x, 255);
+  }
   // a contour around more voxels than a freehand ROI holds is refused, the ROI kept
   Volume big(256, 256, 2, 0);
   const PcdIntSize3D bigSize{256, 256, 2};
