@@ -175,6 +175,33 @@ TEST(SliceGeometry, TheBoxVoiIsOutlinedInTheSectionsThatPassThroughIt) {
   }
 }
 
+// The status line's voxel value: every data type read as itself, nothing outside.
+TEST(SliceGeometry, VoxelValuesOfEveryTypeAndNoneOutside) {
+  const double values[8] = {200, -100, 60000, -30000, 4000000000.0, -2000000000, 0.25, 1e-300};
+  for (int32_t type = 0; type < 8; ++type) {
+    Volume vol(2, 3, 2, type);
+    const size_t at = 1 + 2 * (2 + 3 * 1);  // voxel (1, 2, 1)
+    void* d = vol.v->data[0];
+    switch (type) {
+      case 0: static_cast<uint8_t*>(d)[at] = 200; break;
+      case 1: static_cast<int8_t*>(d)[at] = -100; break;
+      case 2: static_cast<uint16_t*>(d)[at] = 60000; break;
+      case 3: static_cast<int16_t*>(d)[at] = -30000; break;
+      case 4: static_cast<uint32_t*>(d)[at] = 4000000000u; break;
+      case 5: static_cast<int32_t*>(d)[at] = -2000000000; break;
+      case 6: static_cast<float*>(d)[at] = 0.25f; break;
+      default: static_cast<double*>(d)[at] = 1e-300; break;
+    }
+    double v = 0;
+    ASSERT_TRUE(PCDview_GetVoxelValue(vol.v, 0, 1, 2, 1, &v)) << type;
+    EXPECT_EQ(v, values[type]) << type;
+    EXPECT_FALSE(PCDview_GetVoxelValue(vol.v, 0, 2, 2, 1, &v)) << type;
+    EXPECT_FALSE(PCDview_GetVoxelValue(vol.v, 0, 1, 3, 1, &v)) << type;
+    EXPECT_FALSE(PCDview_GetVoxelValue(vol.v, 0, 1, 2, -1, &v)) << type;
+    EXPECT_FALSE(PCDview_GetVoxelValue(vol.v, 1, 1, 2, 1, &v)) << type;
+  }
+}
+
 TEST(SliceGeometry, VoxelSizeKeepsTheAspectOnScreen) {
   Volume vol(64, 64, 16, 0);
   PcdSliceScene scene;
@@ -409,6 +436,19 @@ TEST(FiberOverlay, ColoursFollowTheStudysColoring) {
   EXPECT_NEAR(PCDview_FAofEigenvalues(1.0, 0.0, 0.0), 1.0, 1e-12);
   EXPECT_NEAR(PCDview_FAofEigenvalues(3.0, 1.0, 1.0), std::sqrt(1.5 * (16.0 / 9 + 2 * 4.0 / 9) / 11.0), 1e-12);
   PCDdti_DeleteFibeTrakBuffer(buffer);
+  // a fiber of its seed alone has no direction: mid grey
+  PcdFibeTrakBuffer* single = new_fibetrak_buffer(1, &seed, 2);
+  single->pairs[0] = new_trakline_pair(&seed);
+  single->pairs[0]->selection = 1;
+  single->pairs[0]->forward = new_trakline_buffer(2);
+  single->pairs[0]->forward->x[0] = seed.x, single->pairs[0]->forward->y[0] = seed.y;
+  single->pairs[0]->forward->z[0] = seed.z;
+  single->pairs[0]->forward->nodeCount = 1;
+  pack_fibetrak_buffer(single);
+  auto dot = PCDview_MakeFiberLayer(single, kPcdColorDirection, kPcdPrimitiveHairline);
+  ASSERT_EQ(dot->nodes.size(), 1u);
+  EXPECT_EQ(dot->nodes[0].colour, 0xff808080u);  // 0.5 of 255, rounded
+  PCDdti_DeleteFibeTrakBuffer(single);
   // a result without lines makes an empty layer
   auto empty = PCDview_MakeFiberLayer(nullptr, kPcdColorDirection, kPcdPrimitiveHairline);
   EXPECT_TRUE(empty->nodes.empty());
