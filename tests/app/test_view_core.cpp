@@ -386,6 +386,64 @@ TEST(FiberOverlay, ObliqueChunkSkippingDrawsWhatTestingEverySegmentDraws) {
   EXPECT_EQ(next + 1, layer->nodes.size());
 }
 
+// A fiber lying in an oblique section (turned and tilted, or across an e1 near x, whose
+// pixel rows are not square to x) is drawn on the pixels that the pane's own
+// voxel-to-pixel mapping gives for its nodes.
+void ExpectFiberInSectionOnItsPixels(const PcdSlicePane& pane, const PcdVector3D& e1) {
+  Volume vol(40, 40, 12, 0);
+  PcdSliceScene scene;
+  scene.volume = vol.v;
+  scene.cursor = {20, 20, 6};
+  scene.voxelsPerPixel = 0.125f;
+  scene.e1 = e1;
+  const PcdPaneGeometry g = PCDview_GetPaneGeometry(pane, scene, 256, 256);
+  // nodes every 0.3 voxels across the section, as the pane puts them (their layer
+  // coordinates are the fiber's + 0.5)
+  PcdVector3D seed = {g.centre.x - 0.5f, g.centre.y - 0.5f, g.centre.z - 0.5f};
+  PcdFibeTrakBuffer* buffer = new_fibetrak_buffer(1, &seed, 40);
+  PcdTrakLinePair* pair = new_trakline_pair(&seed);
+  pair->selection = 1;
+  const double uu = std::sqrt(double(g.u.x) * g.u.x + double(g.u.y) * g.u.y + double(g.u.z) * g.u.z);
+  const double vv = std::sqrt(double(g.v.x) * g.v.x + double(g.v.y) * g.v.y + double(g.v.z) * g.v.z);
+  const PcdVector3D dir = {float((g.u.x / uu + g.v.x / vv) * 0.3 / std::sqrt(2.0)),
+                           float((g.u.y / uu + g.v.y / vv) * 0.3 / std::sqrt(2.0)),
+                           float((g.u.z / uu + g.v.z / vv) * 0.3 / std::sqrt(2.0))};
+  pair->forward = new_trakline_buffer(40);
+  for (int i = 0; i < 40; ++i) {
+    pair->forward->x[i] = seed.x + dir.x * float(i), pair->forward->y[i] = seed.y + dir.y * float(i);
+    pair->forward->z[i] = seed.z + dir.z * float(i);
+    pair->forward->L1[i] = 1, pair->forward->L2[i] = pair->forward->L3[i] = 0.1f;
+  }
+  pair->forward->nodeCount = 40;
+  buffer->pairs[0] = pair;
+  pack_fibetrak_buffer(buffer);
+  auto layer = PCDview_MakeFiberLayer(buffer, kPcdColorUniform, kPcdPrimitiveHairline);
+  PCDdti_DeleteFibeTrakBuffer(buffer);
+  PcdPaneOverlays overlays;
+  overlays.fibers = {layer.get()};
+  overlays.showCursor = false;
+  Image image;
+  PcdGreyTable table;
+  PCDview_RenderPane(image.s, pane, scene, overlays, &table);
+  for (size_t i = 1; i < layer->nodes.size(); ++i) {
+    const PcdFiberNode& n = layer->nodes[i];
+    double px, py, depth;
+    ASSERT_TRUE(PCDview_VoxelToPixel(g, {n.x, n.y, n.z}, &px, &py, &depth));
+    EXPECT_NEAR(depth, 0.0, 1e-3);
+    ASSERT_TRUE(px >= 0 && py >= 0 && px < 256 && py < 256) << i;
+    EXPECT_EQ(image.At(int(px), int(py)), n.colour) << i;
+  }
+}
+
+TEST(FiberOverlay, ObliquePanesDrawNodesWhereTheirGeometryPutsThem) {
+  PcdSlicePane pane;
+  pane.kind = PCD_PANE_OBLIQUE;
+  pane.obliqueTilt = 35, pane.obliqueTurn = 50;
+  ExpectFiberInSectionOnItsPixels(pane, {0, 0, 1});
+  pane.obliqueAlongE1 = true;
+  ExpectFiberInSectionOnItsPixels(pane, {0.95f, 0.25f, 0.2f});
+}
+
 TEST(FiberOverlay, ColoursFollowTheStudysColoring) {
   // one fiber along x: seed at x 10, forward to 12.1, backward to 7.9; the panes draw it
   // half a voxel on, through the centres of the voxel boxes (10.5, 5.5, 2.5)
@@ -489,6 +547,20 @@ TEST(RoiDrawing, EditsAreUndoneAndRedoneAndLockedRoisRefused) {
   ASSERT_TRUE(PCDview_BeginRoiEdit(&history, sphere));
   PCDview_EndRoiEdit(&history, sphere);
   EXPECT_EQ(history.undo.size(), 3u);
+  // a group in a box of its own grows to the volume with its voxels where they were
+  PcdRoiObject* boxed = PCD_NewRoiObject(&rois, PCD_ROI_VOXELGROUP, &size);
+  const PcdIntVector3D corner{2, 1, 3};
+  const PcdIntSize3D box{3, 2, 1};
+  const uint32_t second[3] = {0, 0, 0};
+  boxed->voxelGroup = PCD_NewVoxelGroup(&corner, &box, second, kPcdVoxelGroupOneByte);
+  PCD_SetVoxelOfVoxelGroup(boxed->voxelGroup.get(), 0, 0, 0, 1);  // (2, 1, 3) in the volume
+  PCD_SetVoxelOfVoxelGroup(boxed->voxelGroup.get(), 2, 1, 0, 1);  // (4, 2, 3)
+  EXPECT_EQ(PCDview_PaintRoiVoxels(boxed, size, g, {20.5f, 20.5f, 3.5f}, 0.5f, 1), 1);
+  const auto boxedMask = PCD_RasterizeRoiObject(boxed, &size);
+  EXPECT_EQ(std::count(boxedMask.begin(), boxedMask.end(), 1), 3);
+  EXPECT_EQ(boxedMask[2 + 32 * (1 + 32 * 3)], 1);
+  EXPECT_EQ(boxedMask[4 + 32 * (2 + 32 * 3)], 1);
+  EXPECT_EQ(boxedMask[20 + 32 * (20 + 32 * 3)], 1);
 
   const auto count = [&](const PcdRoiObject* roi) {
     const auto mask = PCD_RasterizeRoiObject(roi, &size);
@@ -587,6 +659,14 @@ TEST(RoiDrawing, AFreehandContourTakesTheVoxelsInsideItInItsSection) {
   EXPECT_EQ(freehand->shape->points.size(), 16u);
   // the brush leaves other ROI types alone
   EXPECT_EQ(PCDview_PaintRoiVoxels(freehand, size, g, {7.5f, 3.5f, 2.5f}, 2.0f, 1), -1);
+  // an oblique section has no voxel rows to fill: refused with a warning, the ROI kept
+  PcdSlicePane oblique;
+  oblique.kind = PCD_PANE_OBLIQUE;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PCDview_SetRoiFreehand(freehand, size, PCDview_GetPaneGeometry(oblique, scene, 256, 256), contour), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Warning: a freehand ROI is drawn in an axial, sagittal or coronal pane\n");
+  EXPECT_EQ(freehand->shape->points.size(), 16u);
 }
 
 TEST(RoiPalette, ChannelStepsAndExportedRois) {
