@@ -463,12 +463,16 @@ TEST(StudyPages, MenusPanelsAndEditorsAsTheUserSeesThem) {
   ClickRow(e->list, 1);
   Activate(e->menu, "/ROI/Status/Force locked");
   EXPECT_EQ(Column(e->store, 3), "freelockedfreefree");
+  ClickRow(e->list, 1);
+  EXPECT_FALSE(gtk_widget_get_sensitive(e->editors[PCD_ROI_FREEHAND]));  // locked: not editable
   Activate(e->menu, "/ROI/Duplicate");
   EXPECT_EQ(Rows(e->store).back(), "4|Freehand|o|free|copy of Freehand 1");
   EXPECT_NE(pcd_app->session.rois.items.back()->red, pcd_app->session.rois.items[1]->red);
   ClickRow(e->list, 1);
   Activate(e->menu, "/ROI/Status/Force unlocked");
   EXPECT_EQ(Column(e->store, 3), "freefreefreefreefree");
+  ClickRow(e->list, 1);
+  EXPECT_TRUE(gtk_widget_get_sensitive(e->editors[PCD_ROI_FREEHAND]));
   // masking is for voxelgroup ROIs only; deleting a free ROI removes its row
   Activate(e->menu, "/ROI/Masking voxelgroup/Erase inside box VOI");
   EXPECT_EQ(console.Take(), "Thi function is only for voxelgroup ROIs\n");
