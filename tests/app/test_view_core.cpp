@@ -18,6 +18,7 @@
 #include "view/palette_frame.h"
 #include "view/pane_render.h"
 #include "view/roi_drawing.h"
+#include "view/view_context.h"
 
 namespace {
 
@@ -200,6 +201,20 @@ TEST(SliceGeometry, VoxelValuesOfEveryTypeAndNoneOutside) {
     EXPECT_FALSE(PCDview_GetVoxelValue(vol.v, 0, 1, 2, -1, &v)) << type;
     EXPECT_FALSE(PCDview_GetVoxelValue(vol.v, 1, 1, 2, 1, &v)) << type;
   }
+}
+
+// The display scales of a 128-voxel-wide volume: s = 0.5, and 1.5 s, s, s, 0.5 s, 2 s,
+// 3 s, 4 s; a context that was never made takes every call.
+TEST(SliceGeometry, DisplayScalesFollowTheVolumesWidth) {
+  PcdViewContext* context = new PcdViewContext();
+  context->font = pango_font_description_from_string("Sans 9");
+  PCD_SetViewScales(context, 128);
+  const float expected[kPcdViewScaleCount] = {0.75f, 0.5f, 0.5f, 0.25f, 1.0f, 1.5f, 2.0f};
+  for (int i = 0; i < kPcdViewScaleCount; ++i) EXPECT_EQ(context->scales[i], expected[i]) << i;
+  PCD_DeleteViewContext(context);
+  EXPECT_EQ(PCD_NewViewContext(nullptr, nullptr), nullptr);
+  PCD_SetViewScales(nullptr, 128);
+  PCD_DeleteViewContext(nullptr);
 }
 
 TEST(SliceGeometry, VoxelSizeKeepsTheAspectOnScreen) {
