@@ -471,3 +471,11 @@ PcdVector3D PCDdti_SeedInVoxel(int x, int y, int z, int k) {
           static_cast<float>(y + (frac(0.5 + k * kAlpha[1]) - 0.5)),
           static_cast<float>(z + (frac(0.5 + k * kAlpha[2]) - 0.5))};
 }
+
+bool PCDdti_VoxelIndexOfPoint(float x, float y, float z, const PcdIntSize3D& size, size_t* at) {
+  const float fx = std::floor(x + 0.5f), fy = std::floor(y + 0.5f), fz = std::floor(z + 0.5f);
+  if (!(fx >= 0 && fy >= 0 && fz >= 0 && fx < size.x && fy < size.y && fz < size.z)) return false;
+  *at = static_cast<size_t>(fx) +
+        static_cast<size_t>(size.x) * (static_cast<size_t>(fy) + static_cast<size_t>(size.y) * static_cast<size_t>(fz));
+  return true;
+}

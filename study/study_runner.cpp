@@ -37,18 +37,10 @@ std::mutex g_marking_lock;
 const uint8_t* g_marking_mask = nullptr;
 PcdIntSize3D g_marking_size{0, 0, 0};
 
-// A node belongs to the voxel whose sample (at the voxel's integer coordinates) is nearest.
 int node_in_mask(PcdVector3D* current, PcdVector3D* /*previous*/) {
-  const float x = std::floor(current->x + 0.5f), y = std::floor(current->y + 0.5f),
-              z = std::floor(current->z + 0.5f);
-  if (!(x >= 0 && y >= 0 && z >= 0 && x < g_marking_size.x && y < g_marking_size.y &&
-        z < g_marking_size.z))
-    return 0;
-  const size_t at = static_cast<size_t>(x) +
-                    static_cast<size_t>(g_marking_size.x) *
-                        (static_cast<size_t>(y) + static_cast<size_t>(g_marking_size.y) *
-                                                      static_cast<size_t>(z));
-  return g_marking_mask[at] != 0;
+  size_t at = 0;
+  return PCDdti_VoxelIndexOfPoint(current->x, current->y, current->z, g_marking_size, &at) &&
+         g_marking_mask[at] != 0;
 }
 
 void mark_slot(PcdFibeTrakBuffer* buffer, int slot, const std::vector<std::vector<uint8_t>>& masks,

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "fiber/tracking.h"
+
 namespace {
 
 void append_half(const PcdTrakLineBuffer* half, std::vector<PcdPolyline>* lines) {
@@ -20,17 +22,13 @@ void put_floats(std::vector<uint8_t>* payload, size_t at, std::initializer_list<
   }
 }
 
-// Visits the voxels a polyline passes through, at most once per line and voxel; a point
-// belongs to the voxel whose sample (at the voxel's integer coordinates) is nearest.
+// Visits the voxels a polyline passes through, at most once per line and voxel.
 template <typename Visit>
 void walk_line(const PcdPolyline& line, const PcdIntSize3D* size, std::vector<uint32_t>* seenBy,
                uint32_t lineTag, Visit visit) {
   auto touch = [&](float x, float y, float z, const PcdVector3D& direction) {
-    const float fx = std::floor(x + 0.5f), fy = std::floor(y + 0.5f), fz = std::floor(z + 0.5f);
-    if (!(fx >= 0 && fy >= 0 && fz >= 0 && fx < size->x && fy < size->y && fz < size->z)) return;
-    const size_t at = static_cast<size_t>(fx) +
-                      static_cast<size_t>(size->x) * (static_cast<size_t>(fy) +
-                                                      static_cast<size_t>(size->y) * static_cast<size_t>(fz));
+    size_t at = 0;
+    if (!PCDdti_VoxelIndexOfPoint(x, y, z, *size, &at)) return;
     if ((*seenBy)[at] == lineTag) return;
     (*seenBy)[at] = lineTag;
     visit(at, direction);
