@@ -33,15 +33,17 @@ struct DialogRun {
   guint idle = 0;      // the pending answer after the first draw
 };
 
-gboolean answer_now(gpointer user) {
-  auto* run = static_cast<DialogRun*>(user);
-  run->idle = 0;
-  if (run->answered) return G_SOURCE_REMOVE;
+// Each source clears its own id when it fires; whichever answers first removes the other,
+// so no source outlives the run it points at, whatever order load gives them.
+void cancel_pending(DialogRun* run) {
+  if (run->fallback) g_source_remove(std::exchange(run->fallback, 0u));
+  if (run->idle) g_source_remove(std::exchange(run->idle, 0u));
+}
+
+void answer_now(DialogRun* run) {
+  if (run->answered) return;
   run->answered = true;
-  if (run->fallback) {
-    g_source_remove(run->fallback);
-    run->fallback = 0;
-  }
+  cancel_pending(run);
   run->answer = g_responder(run->seen);
   if (run->entry && run->answer.code == kPcdValueOk) {
     gtk_entry_set_text(run->entry, run->answer.text.c_str());
@@ -51,12 +53,20 @@ gboolean answer_now(gpointer user) {
   // loads a folder; a name given by the responder is taken as typed instead.
   if (GTK_IS_FILE_CHOOSER(run->dialog) && code == kPcdFileChosen) code = kResponderChoseFile;
   gtk_dialog_response(run->dialog, code);
+}
+
+gboolean answer_drawn(gpointer user) {
+  auto* run = static_cast<DialogRun*>(user);
+  run->idle = 0;
+  answer_now(run);
   return G_SOURCE_REMOVE;
 }
 
 gboolean on_first_draw(GtkWidget*, cairo_t*, gpointer user) {
   auto* run = static_cast<DialogRun*>(user);
-  if (!run->answered && run->idle == 0) run->idle = g_idle_add_full(G_PRIORITY_LOW, answer_now, run, nullptr);
+  if (!run->answered && run->idle == 0) {
+    run->idle = g_idle_add_full(G_PRIORITY_LOW, answer_drawn, run, nullptr);
+  }
   return FALSE;
 }
 
@@ -81,8 +91,7 @@ int run_dialog(DialogRun* run) {
   gtk_widget_show_all(window);
   int response = gtk_dialog_run(run->dialog);
   // nothing may reach this run once it has returned
-  if (run->fallback) g_source_remove(run->fallback);
-  if (run->idle) g_source_remove(run->idle);
+  cancel_pending(run);
   if (handler && GTK_IS_WIDGET(window)) g_signal_handler_disconnect(window, handler);
   // a run that ended some other way must not be answered later
   run->answered = true;

@@ -63,6 +63,7 @@ int PCD_InitializeApplication(int argc, char** argv) {
   // the program draws for a 24-bit display only
   if (app->visual == nullptr || gdk_visual_get_depth(gdk_screen_get_system_visual(screen)) != 24)
     return Fail();
+  pcd_viewer_wait_until_free();
   app->viewerObjectId = pcd_viewer_allocate_object_group();
   if (app->viewerObjectId == -1) std::fputs("<!!!> failed to allocate object in server.\n", stderr);
 

@@ -1,13 +1,42 @@
 #include "app/viewer_link.h"
 
+#include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
 
 #include "ipc/ipc.h"
 
 namespace {
 bool g_initialized = false;
+bool g_busy = false;  // another client kept the viewer through the whole start-up wait
 PcdIpcBroadcast g_broadcast;
+
+// The client that holds the viewer, or "" when it is free, ours or cannot be read.
+std::string other_holder() {
+  PcdIpcBroadcast b;
+  if (PCDipc_GetBroadcastedInfo(&b) != 0 || b.state != 1 || std::strcmp(b.clientId, kPcdClientId) == 0) return "";
+  return b.clientId[0] != '\0' ? b.clientId : "?";
+}
 }  // namespace
+
+int pcd_viewer_wait_until_free() {
+  g_busy = false;
+  if (!g_initialized) return 1;
+  std::string holder = other_holder();
+  if (holder.empty()) return 1;
+  std::fprintf(stderr, "Warning: the viewer is in use by client \"%s\"; waiting up to %d s for it to be free.\n",
+               holder.c_str(), kPcdBusyViewerWaitSeconds);
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(kPcdBusyViewerWaitSeconds);
+  while (!holder.empty() && std::chrono::steady_clock::now() < until) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    holder = other_holder();
+  }
+  g_busy = !holder.empty();
+  if (g_busy) std::fprintf(stderr, "Warning: the viewer is still in use by client \"%s\".\n", holder.c_str());
+  return g_busy ? 0 : 1;
+}
 
 int pcd_viewer_initialize(int32_t serverNumber) {
   PCDipc_SetRetryLimit(6553500);
@@ -27,7 +56,7 @@ void pcd_viewer_detach() {
 }
 
 int32_t pcd_viewer_allocate_object_group() {
-  if (!g_initialized || PCDipc_SendConnectionRequest() != 0) return -1;
+  if (!g_initialized || g_busy || PCDipc_SendConnectionRequest() != 0) return -1;
   PcdObjectGroup empty;
   int32_t id = -1;
   if (PCDipc_TransferObjectGroup(&empty, &id) != 0) id = -1;
@@ -45,6 +74,11 @@ void pcd_viewer_release_objects() {}
 
 PcdRawVolumeData* pcd_viewer_receive_volume(bool* viewerEmpty) {
   if (viewerEmpty != nullptr) *viewerEmpty = false;
+  if (g_busy) {
+    // a disconnection from a viewer held by someone else would wait out the retry limit
+    std::fputs("Failed <PCDipc_SendConnectionRequest>. Exit now.\n", stderr);
+    return nullptr;
+  }
   return g_initialized ? PCDipc_ReceiveVolumeFromViewer(viewerEmpty) : nullptr;
 }
 

@@ -8,6 +8,9 @@
 
 constexpr char kPcdClientId[] = "Quorix:v2.0";
 
+// How long start-up waits for a viewer that another client holds before it gives up.
+constexpr int kPcdBusyViewerWaitSeconds = 20;
+
 // Sets the retry limit and initialises the client for the server number; prints whether
 // the link is available. 1 when it is.
 int pcd_viewer_initialize(int32_t serverNumber);
@@ -15,6 +18,12 @@ int pcd_viewer_initialize(int32_t serverNumber);
 void* pcd_viewer_attach();
 // Closes the boards (only after a successful initialisation).
 void pcd_viewer_detach();
+
+// When another client holds the viewer, says so on the console at once and waits up to
+// kPcdBusyViewerWaitSeconds for it to be free. 1 when the viewer is free (or ours), 0 when
+// it stayed busy: the exchanges that follow then fail at once instead of each waiting out
+// the link's retry limit.
+int pcd_viewer_wait_until_free();
 
 // Asks the viewer for an object group for this program's 3D objects; its id, or -1.
 int32_t pcd_viewer_allocate_object_group();

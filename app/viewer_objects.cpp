@@ -73,6 +73,7 @@ void PCD_AutoUpdateRoi3DObjects() {
 int32_t PCD_AllocateStudyObjectGroup() {
   const int32_t id = pcd_viewer_allocate_object_group();
   if (id >= 0) std::fprintf(stderr, "Assigned object group ID: %d\n", id);
+  else std::fputs("Faile in PCDipc_TransferObjectGroup()\n", stderr);
   return id;
 }
 

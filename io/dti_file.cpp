@@ -146,8 +146,7 @@ int ReadMpgDescriptionFile(const char* fileName, PcdDtiData* dti) {
 
   char line[1024] = {};
   if (std::fgets(line, sizeof line, file.get()) == nullptr) line[0] = '\0';
-  const size_t length = std::strlen(line);
-  if (length > 0) line[length - 1] = '\0';  // the line end
+  pcd_cut_line_end(line);
   if (std::strcmp(line, kPcdMpgFileMagic) == 0) return read_current_layout(file.get(), dti);
   std::rewind(file.get());
   return read_earlier_layout(file.get(), dti);

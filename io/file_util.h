@@ -13,6 +13,15 @@ inline bool pcd_is_blank(int c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
 
+// Cuts the line end off a line read with fgets: "\n" or "\r\n" (files written on Windows
+// carry the latter), so that both compare equal to the same text.
+inline void pcd_cut_line_end(char* line) {
+  size_t n = 0;
+  while (line[n] != '\0') ++n;
+  if (n > 0 && line[n - 1] == '\n') line[--n] = '\0';
+  if (n > 0 && line[n - 1] == '\r') line[--n] = '\0';
+}
+
 // Whole-token decimal integer with an optional sign; false on anything else or overflow.
 bool pcd_parse_int64(const std::string& token, int64_t* value);
 

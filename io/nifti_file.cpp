@@ -591,6 +591,15 @@ int WriteNiftiChannels(const PcdRawVolumeData* volume, const int32_t* channels, 
     return -1;
   }
 
+  // the NIfTI-1 header keeps each dimension in 16 bits; a larger one would wrap there and
+  // the image's size with it
+  constexpr int32_t kMaxDim = 32767;
+  if (size.x < 1 || size.y < 1 || size.z < 1 || size.x > kMaxDim || size.y > kMaxDim || size.z > kMaxDim ||
+      count > kMaxDim) {
+    std::fprintf(stderr, "Err: %s: NIfTI-1 holds 1 to %d voxels along an axis; the volume is %d x %d x %d x %d\n",
+                 fileName, kMaxDim, size.x, size.y, size.z, count);
+    return -1;
+  }
   const int dims[8] = {count > 1 ? 4 : 3, size.x, size.y, size.z, count, 1, 1, 1};
   nifti_set_debug_level(0);
   NiftiPtr nim(nifti_make_new_nim(dims, datatype, 1));

@@ -132,8 +132,10 @@ int64_t ReadRawVolumeFileHeader(const char* fileName, PcdIntSize4D* size, int32_
   if (!file) return -1;
 
   char line[101] = {};
-  if (std::fgets(line, 100, file.get()) == nullptr ||
-      std::strcmp(line, kPcdRawVolumeFileMagic) != 0)
+  if (std::fgets(line, 100, file.get()) == nullptr) return -1;
+  pcd_cut_line_end(line);
+  if (std::strncmp(line, kPcdRawVolumeFileMagic, sizeof kPcdRawVolumeFileMagic - 2) != 0 ||
+      std::strlen(line) != sizeof kPcdRawVolumeFileMagic - 2)
     return -1;
 
   int64_t byteCount = 0;

@@ -94,12 +94,37 @@ bool ConnectedToUs() {
   return ReadText(g_client.bb, kPcdIpcIdOffset, id) && std::strcmp(id, g_client.id) == 0;
 }
 
-// A request written without waiting stays on RB until the server takes it (the server
-// clears the type word when it does). Writing the next request over it would lose it, so
-// the next write first waits, up to the retry limit, for the word to change.
+// The message a server posts when it has done what a request sent without waiting asked
+// for; 0 for requests that only get an acceptance.
+int32_t ReplyTo(int32_t type) {
+  switch (type) {
+    case PCDipc_REQUEST_TYPE_UPLOAD_VOLUMEDATA: return PCDipc_MESSAGE_TYPE_DATA_UPLOAD_COMPLETED;
+    case PCDipc_REQUEST_TYPE_CREATE_OBJECT_GROUP: return PCDipc_MESSAGE_TYPE_DATA_OBJECT_GROUP_CREATED;
+    case PCDipc_REQUEST_TYPE_DOWNLOAD_OBJECT_GROUP:
+    case PCDipc_REQUEST_TYPE_LOAD_VOLUMEDATA:
+    case PCDipc_REQUEST_TYPE_DOWNLOAD_VOLUMEDATA: return PCDipc_MESSAGE_TYPE_DATA_DOWNLOAD_COMPLETED;
+    default: return 0;
+  }
+}
+
+// Whether the server has taken the pending request. The protocol gives two signs on MB:
+// its acceptance of that type, or the message the request leads to (the client cleared
+// both before writing it, so neither is left over from an earlier request). A server that
+// clears the type word on RB when it takes a request gives a third.
+bool PendingTaken() {
+  if (ReadWord(g_client.rb, kPcdIpcTypeOffset) != g_client.pending) return true;
+  const int32_t message = ReadWord(g_client.mb, kPcdIpcTypeOffset);
+  if (message == PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED)
+    return ReadWord(g_client.mb, kPcdIpcAcceptedOffset) == g_client.pending;
+  return message != kPcdIpcCleared && message == ReplyTo(g_client.pending);
+}
+
+// A request written without waiting stays on RB until the server takes it. Writing the
+// next request over it would lose it, so the next write first waits, up to the retry
+// limit, for a sign that it was taken.
 void WaitUntilPendingRequestTaken() {
   if (g_client.pending == 0) return;
-  for (int64_t i = 0; i < g_retryLimit && ReadWord(g_client.rb, kPcdIpcTypeOffset) == g_client.pending; ++i) {
+  for (int64_t i = 0; i < g_retryLimit && !PendingTaken(); ++i) {
   }
   g_client.pending = 0;
 }
@@ -108,21 +133,25 @@ void WaitUntilPendingRequestTaken() {
 // while connected.
 bool WriteProcessId() { return WriteWord(g_client.rb, kPcdIpcPidOffset, static_cast<int32_t>(getpid())); }
 
-// Our ID, the parameter block, then the type: the server acts when it sees the type, so
-// everything the request carries must be on the board before it. The ID's terminator of a
-// 32-character ID falls on offset 40, which the request board does not otherwise use.
+// No request, then our ID and the parameter block, then the type: the server acts when it
+// sees a type, so everything the request carries must be on the board before it, and a
+// server that leaves the last type on the board must not see it beside the new parameters.
+// The ID's terminator of a 32-character ID falls on offset 40, which the request board does
+// not otherwise use.
 bool WriteRequest(int32_t type) {
   uint8_t block[4 * kPcdIpcParameterWords];
   for (size_t i = 0; i < kPcdIpcParameterWords; ++i) PCD_PutInt32LE(block + 4 * i, g_client.parameters[i]);
-  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) && WriteProcessId() &&
+  return WriteWord(g_client.rb, kPcdIpcTypeOffset, 0) &&
+         WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) && WriteProcessId() &&
          AccessBoard(g_client.rb, kPcdIpcParameterOffset, block, sizeof block, true) &&
          WriteWord(g_client.rb, kPcdIpcTypeOffset, type);
 }
 
-// A connection or disconnection request: the ID first, then the type.
+// A connection or disconnection request: no request, the ID, then the type.
 bool WriteBareRequest(int32_t type) {
   WaitUntilPendingRequestTaken();
-  return WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) && WriteProcessId() &&
+  return WriteWord(g_client.rb, kPcdIpcTypeOffset, 0) &&
+         WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) && WriteProcessId() &&
          WriteWord(g_client.rb, kPcdIpcTypeOffset, type);
 }
 
@@ -229,6 +258,9 @@ int PCDipc_SendDisconnectionRequest() {
 int PCDipc_SendRequest(int32_t type, bool wait) {
   if (!ServerFree() && !ConnectedToUs()) return -1;
   WaitUntilPendingRequestTaken();
+  // a fresh message board, so that only the server's answer to this request counts
+  WriteWord(g_client.mb, kPcdIpcTypeOffset, kPcdIpcCleared);
+  WriteWord(g_client.mb, kPcdIpcAcceptedOffset, kPcdIpcCleared);
   if (!WriteRequest(type)) return -1;
   if (!wait) {
     g_client.pending = type;
@@ -236,9 +268,11 @@ int PCDipc_SendRequest(int32_t type, bool wait) {
   }
   for (int64_t i = 0; i < g_retryLimit; ++i) {
     WriteRequest(type);
-    if (ReadWord(g_client.mb, kPcdIpcTypeOffset) == PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED &&
-        ReadWord(g_client.mb, kPcdIpcAcceptedOffset) == type)
-      return 0;
+    if (ReadWord(g_client.mb, kPcdIpcAcceptedOffset) != type) continue;
+    // the acceptance, or the message that a server which did the work at once has
+    // already written over it
+    const int32_t message = ReadWord(g_client.mb, kPcdIpcTypeOffset);
+    if (message == PCDipc_MESSAGE_TYPE_REQUEST_ACCEPTED || (message != 0 && message == ReplyTo(type))) return 0;
   }
   return -1;
 }
@@ -249,6 +283,7 @@ int PCDipc_WaitForMessage(int32_t type) {
     if (!ReadMessageBlock())
       for (int32_t& p : g_client.parameters) p = kPcdIpcCleared;
     if (word != type) continue;
+    g_client.pending = 0;  // the server answered: whatever was sent before was taken
     for (int k = 0; k < 50; ++k) ReadWord(g_client.mb, kPcdIpcTypeOffset);  // settling pause
     return 0;
   }

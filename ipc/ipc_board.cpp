@@ -58,11 +58,7 @@ bool RecordFits(size_t announced, size_t boardSize, const char* what) {
 
 }  // namespace
 
-size_t PCDipc_MaxRecordBytes() {
-  const long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGESIZE);
-  if (pages <= 0 || pageSize <= 0) return size_t{1} << 30;
-  return static_cast<size_t>(pages) / 2 * static_cast<size_t>(pageSize);
-}
+size_t PCDipc_MaxRecordBytes() { return PCD_MaxAllocationBytes(); }
 
 PcdRawVolumeData* PCDipc_GetVolumeFromBoardBytes(const uint8_t* bytes, size_t size, bool singleChannel,
                                                 bool* empty) {

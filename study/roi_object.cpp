@@ -359,9 +359,11 @@ PcdRoiObject* PCD_NewRoiObjectFromSerializedData(const uint8_t* buffer, size_t l
 
 namespace {
 
+// No mask for a size that no volume of this machine can have (the caller says so).
 std::vector<uint8_t> empty_mask(const PcdIntSize3D* size) {
-  if (size->x <= 0 || size->y <= 0 || size->z <= 0) return {};
-  return std::vector<uint8_t>(static_cast<size_t>(size->x) * size->y * size->z, 0);
+  const int64_t voxels = PCD_CheckedVoxelCount(*size, 1);
+  if (voxels < 0) return {};
+  return std::vector<uint8_t>(static_cast<size_t>(voxels), 0);
 }
 
 void mark(std::vector<uint8_t>& mask, const PcdIntSize3D* size, int64_t x, int64_t y, int64_t z) {

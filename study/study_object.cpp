@@ -1,9 +1,11 @@
 #include "study/study_object.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <string>
 
 #include "study/byte_cursor.h"
 
@@ -474,4 +476,91 @@ void PCD_CleanUpStudyObjects(PcdStudyList* list) {
   list->selectedId = kPcdNoObject;
   list->idCounter = 0;
   for (uint16_t& c : list->nameCounters) c = 0;
+}
+
+// ---- settings checked before a run ---------------------------------------------------
+
+namespace {
+
+// One refusal: the study and the setting named, with the value and what it may be.
+struct SettingCheck {
+  const PcdStudyObject* study;
+  bool ok = true;
+
+  void Refuse(const char* setting, const std::string& value, const char* allowed) {
+    if (!ok) return;  // one line per study
+    ok = false;
+    std::fprintf(stderr, "Err: study %u \"%s\": %s %s is out of range (%s)\n", study->id,
+                 std::string(study->label, strnlen(study->label, sizeof study->label)).c_str(), setting,
+                 value.c_str(), allowed);
+  }
+  void Code(const char* setting, const PcdChoiceTable& table, int32_t code) {
+    if (PCD_FindChoiceByCode(table, code) == nullptr) Refuse(setting, std::to_string(code), "not a code of its table");
+  }
+  void Finite(const char* setting, float v) {
+    if (!std::isfinite(v)) Refuse(setting, std::to_string(v), "a finite number");
+  }
+  void Region(const char* setting, const PcdStudyRegion& r) {
+    if (r.idCount < 0 || r.idCount > kPcdRegionMaxIds)
+      Refuse(setting, "ROI count " + std::to_string(r.idCount), "0 to 64");
+    if (r.shape && (!std::isfinite(r.shape->radius) || r.shape->radius < 0 || !std::isfinite(r.shape->centre.x) ||
+                    !std::isfinite(r.shape->centre.y) || !std::isfinite(r.shape->centre.z)))
+      Refuse(setting, "sphere radius " + std::to_string(r.shape->radius), "a finite centre and radius >= 0");
+  }
+};
+
+void check_tract(SettingCheck& c, const PcdTractSettings& t) {
+  if (t.nodeLimit < 1 || t.nodeLimit > kPcdMaxStudyNodeLimit)
+    c.Refuse("node limit", std::to_string(t.nodeLimit), "1 to 32767");
+  if (!(t.step >= kPcdMinStudyStep && t.step <= kPcdMaxStudyStep))
+    c.Refuse("step", std::to_string(t.step), "0.001 to 100 voxels");
+  c.Code("tracking scheme", kPcdTrackingSchemeChoices, t.scheme);
+  c.Code("seed density", kPcdSeedDensityChoices, t.seedDensity);
+  c.Code("seed source", kPcdSeedSourceChoices, t.seedSource);
+  if (t.seedObjectCount < 0 || t.seedObjectCount > kPcdRegionMaxIds)
+    c.Refuse("seed object count", std::to_string(t.seedObjectCount), "0 to 64");
+  c.Code("primitive type", kPcdPrimitiveTypeChoices, t.primitive);
+  c.Code("coloring", kPcdFiberColoringChoices, t.coloring);
+  for (float v : {t.limits.FAmin, t.limits.ADCmax, t.limits.SoMin, t.limits.SoMax, t.limits.AngleMax})
+    c.Finite("stop criterion", v);
+  const char* names[3] = {"seed region", "target region", "avoidance region"};
+  for (int r = 0; r < 3; ++r) c.Region(names[r], t.regions[r]);
+}
+
+void check_profile(SettingCheck& c, const PcdProfileSettings& p) {
+  c.Code("symbol density", kPcdSymbolDensityChoices, p.symbolDensity);
+  c.Code("primitive", kPcdProfilePrimitiveChoices, p.primitive);
+  c.Code("coloring", kPcdProfileColoringChoices, p.coloring);
+  c.Code("anisotropy emphasis", kPcdEmphasisChoices, p.emphasis);
+  for (float v : {p.FAmin, p.FAmax, p.ADCmin, p.ADCmax, p.SoMin, p.SoMax}) c.Finite("limit", v);
+  c.Region("region", p.region);
+}
+
+}  // namespace
+
+int PCD_CheckStudySettings(const PcdStudyObject* study) {
+  if (study == nullptr) return -1;
+  SettingCheck c{study};
+  switch (study->type) {
+    case PCD_STUDY_FIBER_TRACKING:
+    case PCD_STUDY_FIBER_MODELING:
+      if (study->tract) check_tract(c, *study->tract);
+      else c.Refuse("settings", "missing", "a settings block");
+      break;
+    case PCD_STUDY_DIFFUSION_PROFILE:
+      if (study->profile) check_profile(c, *study->profile);
+      else c.Refuse("settings", "missing", "a settings block");
+      break;
+    case PCD_STUDY_VOXEL_STATISTICS:
+      if (study->statistics) {
+        c.Code("coloring", kPcdStatisticsColoringChoices, study->statistics->coloring);
+        c.Region("region", study->statistics->region);
+      } else {
+        c.Refuse("settings", "missing", "a settings block");
+      }
+      break;
+    default:  // the runner refuses it with its own message
+      break;
+  }
+  return c.ok ? 0 : -1;
 }

@@ -48,6 +48,15 @@ struct PcdStudyObject {
   int32_t viewerObjectGroup = -1;  // object group in the viewer, -1 when none
 };
 
+// What a study's settings may hold before a run: the node limit and step within what
+// the command line takes, every choice code one of its table, finite limits, at most 64
+// listed ROIs, finite spheres of radius >= 0.
+constexpr int32_t kPcdMaxStudyNodeLimit = 32767;
+constexpr float kPcdMinStudyStep = 0.001f;
+constexpr float kPcdMaxStudyStep = 100.0f;
+// 0, or -1 with one "Err: " line naming the study and the first setting out of range.
+int PCD_CheckStudySettings(const PcdStudyObject* study);
+
 // Label formats of new studies ("Fiber tracking %d", ...) by type; null when invalid.
 const char* PCD_StudyLabelFormat(int32_t type);
 // The regions of a study: 3 for tracking and modeling, 1 for the other two.

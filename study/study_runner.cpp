@@ -366,6 +366,7 @@ int PCD_RunDiffusionProfileStudy(PcdWorkSession* session, PcdStudyObject* study,
 
 int PCD_RunStudy(PcdWorkSession* session, PcdStudyObject* study, const PcdStudyRunOptions& options) {
   if (session == nullptr || study == nullptr) return -1;
+  if (PCD_CheckStudySettings(study) != 0) return -1;
   switch (study->type) {
     case PCD_STUDY_FIBER_TRACKING:
       return PCD_RunFiberTrackingStudy(session, study, options);

@@ -15,6 +15,8 @@ xvfb-run -a -s "-screen 0 1280x1024x24" \
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQUORIX_SANITIZE=ON \
   -DQUORIX_GUI=ON -DQUORIX_BENCH=OFF >/dev/null
 cmake --build build-asan -j"$jobs"
+# one suppression file for every sanitizer run: leaks kept by system libraries only
+export LSAN_OPTIONS="suppressions=$PWD/tests/sanitizer/lsan.supp:print_suppressions=0"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1 UBSAN_OPTIONS=print_stacktrace=1 \
   xvfb-run -a -s "-screen 0 1280x1024x24" \
   ctest --test-dir build-asan --output-on-failure -j"$jobs" --no-tests=error

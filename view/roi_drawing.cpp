@@ -165,17 +165,28 @@ int PCDview_SetRoiFreehand(PcdRoiObject* roi, const PcdIntSize3D& volume, const 
   const int32_t limitZ = std::min(volume.z, 65536);
   const int32_t n0 = axis == 0 ? volume.y : volume.x;
   const int32_t n1 = axis == 2 ? volume.y : volume.z;
+  int64_t beyond = 0;
   for (int32_t b = 0; b < n1; ++b)
     for (int32_t a = 0; a < n0; ++a) {
       PcdIntVector3D v = axis == 0 ? PcdIntVector3D{slice, a, b}
                          : axis == 1 ? PcdIntVector3D{a, slice, b}
                                      : PcdIntVector3D{a, b, slice};
-      if (v.x < 0 || v.y < 0 || v.z < 0 || v.x >= limitX || v.y >= limitY || v.z >= limitZ) continue;
+      if (v.x < 0 || v.y < 0 || v.z < 0) continue;
       double px, py;
       PCDview_VoxelToPixel(g, {v.x + 0.5f, v.y + 0.5f, v.z + 0.5f}, &px, &py, nullptr);
       if (!PointInPolygon(px, py, contour)) continue;
+      // a stored point keeps x and y in one byte each and z in two
+      if (v.x >= limitX || v.y >= limitY || v.z >= limitZ) {
+        ++beyond;
+        continue;
+      }
       points.push_back({uint8_t(v.x), uint8_t(v.y), uint16_t(v.z)});
     }
+  if (beyond > 0)
+    std::fprintf(stderr,
+                 "Warning: a freehand ROI holds voxels with x and y up to 255 and z up to 65535; "
+                 "%lld voxels of the contour beyond that are left out\n",
+                 static_cast<long long>(beyond));
   if (int64_t(points.size()) > kPcdShapeMaxPoints) {
     std::fprintf(stderr, "Warning: a freehand ROI holds at most %d voxels; the contour takes %zu\n",
                  kPcdShapeMaxPoints, points.size());

@@ -16,6 +16,7 @@ const char* PCD_NameOfDataType(int32_t type) {
   return PCD_IsValidDataType(type) ? kPcdDataTypes[type].name : "?";
 }
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -526,6 +527,20 @@ int64_t PCD_GetNumberOfVoxels(const PcdRawVolumeData* volume) {
   if (volume == nullptr || volume->matrixSize == nullptr) return 0;
   const PcdIntSize4D& s = *volume->matrixSize;
   return static_cast<int64_t>(s.x) * s.y * s.z;
+}
+
+size_t PCD_MaxAllocationBytes() {
+  const long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGESIZE);
+  if (pages <= 0 || pageSize <= 0) return size_t{1} << 30;
+  return static_cast<size_t>(pages) / 2 * static_cast<size_t>(pageSize);
+}
+
+int64_t PCD_CheckedVoxelCount(const PcdIntSize3D& size, int64_t bytesPerVoxel) {
+  if (size.x <= 0 || size.y <= 0 || size.z <= 0 || bytesPerVoxel <= 0) return -1;
+  int64_t count = 0;
+  if (__builtin_mul_overflow(int64_t{size.x} * size.y, int64_t{size.z}, &count)) return -1;
+  const auto limit = static_cast<int64_t>(std::min<size_t>(PCD_MaxAllocationBytes(), INT64_MAX));
+  return count <= limit / bytesPerVoxel ? count : -1;
 }
 
 int PCD_IsSameSize3D(const PcdIntSize3D* a, const PcdIntSize3D* b) {

@@ -115,6 +115,11 @@ PcdRawVolumeData* PCD_DuplicateRawVolumeData(const PcdRawVolumeData* volume);
 void PCD_ClearChannelOfRawVolumeData(PcdRawVolumeData* volume, int32_t channel);
 int64_t PCD_GetNumberOfVoxels(const PcdRawVolumeData* volume);
 int PCD_IsSameSize3D(const PcdIntSize3D* a, const PcdIntSize3D* b);
+// What one allocation by a size read from a file may take: half of the machine's memory.
+size_t PCD_MaxAllocationBytes();
+// x * y * z of a size whose sides are all positive and whose voxels, at bytesPerVoxel
+// each, fit in PCD_MaxAllocationBytes(); -1 for any other size.
+int64_t PCD_CheckedVoxelCount(const PcdIntSize3D& size, int64_t bytesPerVoxel);
 
 PcdRawImageData* PCD_NewRawImageData(const PcdIntSize3D* size, const int32_t* dataType,
                                      const int32_t* colorFormat);

@@ -28,14 +28,10 @@
 #include "view/views_window.h"
 #include "tools/phantom/phantom.h"
 
-// Font and bus libraries keep their caches until the process ends; LeakSanitizer is told
-// so (the program's own allocations stay checked). What glib allocates as it is loaded is
-// only recognised with full stacks: its frames carry no frame pointers.
+// glib's frames carry no frame pointers: full stacks let LeakSanitizer recognise what
+// the libraries allocate as they are loaded (the suppressions are in
+// tests/sanitizer/lsan.supp, which every sanitizer run uses).
 extern "C" const char* __asan_default_options() { return "fast_unwind_on_malloc=0"; }
-extern "C" const char* __lsan_default_suppressions() {
-  return "leak:libfontconfig.so\nleak:libexpat.so\nleak:libdbus-1.so\nleak:libatk-bridge-2.0.so\n"
-         "leak:_dl_init\n";  // what libraries allocate as they are loaded
-}
 
 namespace {
 

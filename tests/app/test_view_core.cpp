@@ -658,8 +658,17 @@ TEST(RoiDrawing, AFreehandContourTakesTheVoxelsInsideItInItsSection) {
     EXPECT_EQ(corner->shape->points[0].x, 0);  // (0, 0, 3) first
     EXPECT_EQ(corner->shape->points[0].y, 0);
     EXPECT_EQ(corner->shape->points[0].z, 3);
+    // voxels 254 to 258 of row 0: the point format holds x up to 255, the other three
+    // are left out with a warning
+    testing::internal::CaptureStderr();
     ASSERT_EQ(PCDview_SetRoiFreehand(corner, wideSize, axial, square(254.0f, 0.0f, 259.0f, 1.0f)), 2);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Warning: a freehand ROI holds voxels with x and y up to 255 and z up to 65535; 3 voxels of the "
+              "contour beyond that are left out\n");
     EXPECT_EQ(corner->shape->points[1].x, 255);
+    testing::internal::CaptureStderr();  // wholly inside the format: no word
+    ASSERT_EQ(PCDview_SetRoiFreehand(corner, wideSize, axial, square(250.0f, 0.0f, 256.0f, 2.0f)), 12);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   }
   // a contour around more voxels than a freehand ROI holds is refused, the ROI kept
   Volume big(256, 256, 2, 0);

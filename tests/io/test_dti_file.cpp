@@ -257,3 +257,31 @@ TEST(Nifti, DamagedImagesAndGradientFilesAreRefused) {
 }
 
 }  // namespace
+
+// Files written on Windows end their lines with "\r\n": the same setting as with "\n", in
+// both layouts, and the magic line is still recognised.
+TEST(MpgFile, WindowsLineEndsReadLikeUnixOnes) {
+  TempDir dir;
+  std::string crlf = "#Quorix-II MPG description file (not used in earlier Quorix)\r\n1.0 0.0 0.0\r\n"
+                     "0.0 1.0 0.0\r\n8\r\n2\r\n";
+  crlf += "0.0 0.0 0.0 0.0\r\n0.0 0.0 0.0 0.0\r\n";
+  for (const char* g : {"1 0 0", "0 1 0", "0 0 1", "0.6 0.8 0", "0 0.6 0.8", "0.8 0 0.6"})
+    crlf += std::string("1000.0 ") + g + "\r\n";
+  WriteFileText(dir.file("win.mpg"), crlf);
+  DataSet d(8);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(ReadMpgDescriptionFile(dir.file("win.mpg").c_str(), d.dti), 1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // no rotation, no refusal
+  EXPECT_EQ(d.dti->soCount, 2);
+  EXPECT_EQ(d.dti->bValues[7], 1000.0f);
+  EXPECT_EQ(d.dti->mpgVectors[5].x, 0.6f);
+  EXPECT_EQ(d.dti->mpgVectors[7].z, 0.6f);
+
+  DataSet e(7);
+  WriteFileText(dir.file("old.mpg"), "6\r\n800\r\n1 0 0\r\n0 1 0\r\n0 0 1\r\n1 1 0\r\n0 1 1\r\n1 0 1\r\n");
+  EXPECT_EQ(ReadMpgDescriptionFile(dir.file("old.mpg").c_str(), e.dti), 1);
+  EXPECT_EQ(e.dti->channelCount, 7);
+  EXPECT_EQ(e.dti->bValues[6], 800.0f);
+  EXPECT_EQ(e.dti->mpgVectors[6].x, 1.0f);
+}
+

@@ -202,7 +202,8 @@ TEST(NiftiGradients, DirectionFileMustBeThreeRowsOrOneRowPerVolume) {
   for (const char* r : rows) perVolume += std::string(r) + "\n";
   for (const std::string& good :
        {std::string(kBvecs), perVolume, "\n" + std::string(kBvecs) + "\n\n",
-        std::string("1,1,0,1,0,0.6,0,0.8\n0,1,1,1,0,0.8,0.6,0\n0,1,0,1,1,0,0.8,0.6\n")}) {
+        std::string("1,1,0,1,0,0.6,0,0.8\n0,1,1,1,0,0.8,0.6,0\n0,1,0,1,1,0,0.8,0.6\n"),
+        std::string("1 1 0 1 0 0.6 0 0.8\r\n0 1 1 1 0 0.8 0.6 0\r\n0 1 0 1 1 0 0.8 0.6\r\n")}) {  // Windows
     SCOPED_TRACE(good);
     PcdDtiData* dti = files.Read(kBvals, good, &said);
     ASSERT_NE(dti, nullptr) << said;
@@ -227,6 +228,10 @@ TEST(NiftiGradients, DirectionFileMustBeThreeRowsOrOneRowPerVolume) {
   // b values: one per volume, on any number of lines
   PcdDtiData* dti = files.Read("1000 0 1000 50\n1000 1000 51 1000\n", kBvecs, &said);
   EXPECT_NE(dti, nullptr) << said;
+  Free(dti);
+  dti = files.Read("1000 0 1000 50\r\n1000 1000 51 1000\r\n", kBvecs, &said);
+  ASSERT_NE(dti, nullptr) << said;
+  EXPECT_EQ(dti->bValues[7], 1000.0f);
   Free(dti);
   for (const char* bad : {"1000 0 1000 50 1000 1000 51\n", "1000 0 1000 50 1000 1000 51 1000 0\n"}) {
     dti = files.Read(bad, kBvecs, &said);

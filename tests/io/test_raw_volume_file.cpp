@@ -71,6 +71,19 @@ TEST(RawVolumeFile, ReaderTakesTheBodyFromTheEndOfTheFile) {
   EXPECT_EQ(static_cast<uint8_t*>(v->data[0])[1], 8);
   EXPECT_EQ(static_cast<int8_t*>(v->data[1])[1], -128);
   PCD_DeleteRawVolumeData(v);
+
+  // the same header with Windows line ends, and a magic line with something after it
+  file = Bytes("# PELLUCID raw format file with header\r\n2 1 1 2\r\n0 1 \r\n0\t0\r\n4 uncompressed\r\n");
+  for (uint8_t b : {7, 8, 0xFF, 0x80}) file.push_back(b);
+  WriteFileBytes(dir.file("w.raw"), file);
+  v = ReadRawVolumeFile(dir.file("w.raw").c_str(), &info);
+  ASSERT_NE(v, nullptr);
+  EXPECT_EQ(v->matrixSize->x, 2);
+  EXPECT_EQ(static_cast<uint8_t*>(v->data[0])[1], 8);
+  EXPECT_EQ(static_cast<int8_t*>(v->data[1])[1], -128);
+  PCD_DeleteRawVolumeData(v);
+  WriteFileBytes(dir.file("x.raw"), Bytes("# PELLUCID raw format file with header!\n2 1 1 1\n0\n0\n2 uncompressed\nab"));
+  EXPECT_EQ(ReadRawVolumeFileHeader(dir.file("x.raw").c_str(), &size, types.data(), formats.data()), -1);
 }
 
 TEST(RawVolumeFile, RoundTripKeepsEveryByteAndSlabsReadOnePlane) {

@@ -114,10 +114,17 @@ ServerProcess::ServerProcess(const std::vector<std::string>& extra) {
     _exit(127);
   }
   if (child > 0) pid = child;
+  // until the server has made its boards or has ended; the bound only keeps a broken
+  // server from hanging the test, whatever the machine's load
   char board[32];
   std::snprintf(board, sizeof board, "/PCD_IPC_RB(%04d)", number);
-  for (int i = 0; i < 500 && pid > 0 && !SharedMemoryExists(board); ++i)
+  for (int i = 0; i < 12000 && pid > 0 && !SharedMemoryExists(board); ++i) {
+    if (waitpid(pid, nullptr, WNOHANG) == pid) {
+      pid = -1;
+      break;
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
 }
 
 void ServerProcess::Stop() {

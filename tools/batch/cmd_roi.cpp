@@ -83,6 +83,11 @@ int run_export(BatchArgs& args, const RoiOptions& options) {
                  size.y, size.z);
     return kBatchFailed;
   }
+  if (PCD_CheckedVoxelCount(size, 1) < 0) {
+    std::fprintf(stderr, "Err: roi: a mask of %d x %d x %d voxels is more than this machine can hold\n", size.x,
+                 size.y, size.z);
+    return kBatchFailed;
+  }
   const std::vector<uint8_t> mask = PCD_RasterizeRoiObject(roi, &size);
   if (WriteMask(mask, size, voxelSize, *output) != 0) return kBatchFailed;
   const long long voxels = std::count(mask.begin(), mask.end(), 1);

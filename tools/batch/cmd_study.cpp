@@ -121,6 +121,7 @@ int run_study(BatchArgs& args) {
     if (session.studies.items.empty()) std::fprintf(stderr, "Err: study run: %s holds no study\n", path.c_str());
     return kBatchFailed;
   }
+  bool failed = false;
   for (PcdStudyObject* study : studies) {
     WarnAboutMissingRois(session, *study);
     PcdStudyRunOptions options;
@@ -134,7 +135,11 @@ int run_study(BatchArgs& args) {
       options.drawFibers = [&](const PcdStudyObject* s, const PcdFibeTrakBuffer* fibers, int) {
         written = WriteTckFile(fibers, &geometry, InDirectory(request.tckDir, *s, ".tck").c_str()) == 0;
       };
-    if (PCD_RunStudy(&session, study, options) != 0 || !written) return kBatchFailed;
+    // a study that cannot run is reported and the others still run; the status tells
+    if (PCD_RunStudy(&session, study, options) != 0 || !written) {
+      failed = true;
+      continue;
+    }
     char type[32];
     std::string summary = PCD_GetStudySummary(study);
     if (summary.empty() || summary.back() != '\n') summary += '\n';
@@ -143,7 +148,7 @@ int run_study(BatchArgs& args) {
                 std::string(study->label, strnlen(study->label, sizeof study->label)).c_str(),
                 summary.c_str());
   }
-  return kBatchOk;
+  return failed ? kBatchFailed : kBatchOk;
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // quorix-batch COMMAND [ARGUMENTS]: runs one command of the table in commands.cpp.
 #include <cstdio>
+#include <exception>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -63,5 +65,15 @@ int main(int argc, char** argv) {
     return kBatchOk;
   }
   BatchArgs commandArgs(name, std::move(args));
-  return command->run(commandArgs);
+  // no command may end by an exception: what slipped past the checks ends as one line
+  try {
+    return command->run(commandArgs);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "Err: %s: out of memory\n", name.c_str());
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "Err: %s: %s\n", name.c_str(), e.what());
+  } catch (...) {
+    std::fprintf(stderr, "Err: %s: unexpected failure\n", name.c_str());
+  }
+  return kBatchFailed;
 }

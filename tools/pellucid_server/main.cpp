@@ -11,6 +11,7 @@
 // heard within the last second, and every --idle-pause milliseconds (15; 0.2 to 1000)
 // after that.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -423,6 +424,35 @@ bool ParseOptions(int argc, char** argv, Options* o) {
          o->idlePauseUs <= 1000000;
 }
 
+// Holds the server number for as long as this server lives: an exclusive lock on a small
+// shared memory object of that number. The kernel drops the lock when the process ends,
+// however it ends, so boards left behind by a dead server are taken over and those of a
+// live one are not.
+class NumberLock {
+ public:
+  explicit NumberLock(int number) : name_(PCDipc_BoardName("PCD_IPC_SV", number)) {}
+  ~NumberLock() {
+    if (fd_ < 0) return;
+    shm_unlink(name_.c_str());
+    close(fd_);
+  }
+  NumberLock(const NumberLock&) = delete;
+  NumberLock& operator=(const NumberLock&) = delete;
+  // false when a live server holds the number
+  bool Take() {
+    fd_ = shm_open(name_.c_str(), O_RDWR | O_CREAT, 0600);
+    if (fd_ < 0) return false;
+    if (flock(fd_, LOCK_EX | LOCK_NB) == 0) return true;
+    close(fd_);
+    fd_ = -1;
+    return false;
+  }
+
+ private:
+  std::string name_;
+  int fd_ = -1;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -442,6 +472,12 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "Err: cannot read the volume %s\n", o.volumeFile.c_str());
       return 1;
     }
+  }
+  NumberLock lock(o.number);
+  if (!lock.Take()) {
+    std::fprintf(stderr, "Err: server number %d is in use by a running pellucid-server\n", o.number);
+    PCD_DeleteRawVolumeData(server.volume);
+    return 1;
   }
   server.dbName = PCDipc_BoardName("PCD_IPC_DB", o.number);
   if (!server.bb.Create(PCDipc_BoardName("PCD_IPC_BB", o.number), kPcdIpcBroadcastSize) ||
