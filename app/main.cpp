@@ -36,6 +36,14 @@ gboolean SaveAndQuit(gpointer) {
   return G_SOURCE_REMOVE;
 }
 
+// The main window is saved once it has been drawn, however long a busy machine takes to
+// get there; a fixed delay saved an empty picture under load.
+gboolean SaveOnceDrawn(GtkWidget* window, cairo_t*, gpointer) {
+  g_signal_handlers_disconnect_by_func(window, reinterpret_cast<gpointer>(SaveOnceDrawn), nullptr);
+  g_idle_add_full(G_PRIORITY_LOW, SaveAndQuit, nullptr, nullptr);
+  return FALSE;
+}
+
 void StartAutopilot() {
   PCD_SetDialogResponder([](const PcdDialogSeen& seen) {
     static int n = 0;
@@ -61,7 +69,10 @@ int main(int argc, char** argv) {
     StartAutopilot();
   }
   if (PCD_InitializeApplication(argc, argv) == 0) return 0;
-  if (!g_autopilot.empty()) g_timeout_add(1500, SaveAndQuit, nullptr);
+  if (!g_autopilot.empty()) {
+    g_signal_connect_after(pcd_app->window, "draw", G_CALLBACK(SaveOnceDrawn), nullptr);
+    gtk_widget_queue_draw(pcd_app->window);  // drawn once more even if a dialog drew it already
+  }
   gtk_main();
   PCD_CleanUpApplication();
   return 0;
