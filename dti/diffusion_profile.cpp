@@ -1,6 +1,7 @@
 #include "dti/diffusion_profile.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 
@@ -18,6 +19,7 @@ bool Applies(int32_t a, int32_t b) { return a == 1 && b == 1; }
 // The running totals of one display.
 struct Tally {
   int32_t rejected = 0;
+  int32_t finite = 0;  // displayed points whose FA and ADC are numbers: the means' count
   float faSum = 0.0f, adcSum = 0.0f;
 };
 
@@ -31,8 +33,11 @@ void TakePoint(const PcdDifProfContext* c, const PcdVector3D* point,
   if (Applies(c->SocheckA, c->SocheckB) && (so < c->SoMin || so > c->SoMax)) accept = false;
   if (accept) {
     draw(point, r);
-    t->faSum += fa;
-    t->adcSum += adc;
+    if (std::isfinite(fa) && std::isfinite(adc)) {
+      t->faSum += fa;
+      t->adcSum += adc;
+      ++t->finite;
+    }
   } else {
     ++t->rejected;
   }
@@ -41,8 +46,8 @@ void TakePoint(const PcdDifProfContext* c, const PcdVector3D* point,
 void WriteSummary(int32_t count, const Tally& t, char* text, size_t textSize) {
   const int32_t displayed = count - t.rejected;
   float meanFa = 0.0f, meanAdc = 0.0f;
-  if (displayed != 0) {
-    const float k = 1.0f / static_cast<float>(displayed);
+  if (t.finite != 0) {
+    const float k = 1.0f / static_cast<float>(t.finite);
     meanFa = t.faSum * k;
     meanAdc = t.adcSum * k;
   }
@@ -126,4 +131,11 @@ void PCDdti_DiffusionProfileDisplayPointByPoint(const PcdDtiData* dti,
                                                 const PcdDifProfDrawFunction& draw, char* text,
                                                 size_t textSize) {
   Display(dti, context, draw, text, textSize, false);
+}
+
+void PCDdti_KeepPointsInsideVolume(std::vector<PcdVector3D>* points, const PcdIntSize3D& size) {
+  if (points == nullptr || size.x < 1 || size.y < 1 || size.z < 1) return;
+  const float hx = static_cast<float>(size.x - 1), hy = static_cast<float>(size.y - 1),
+              hz = static_cast<float>(size.z - 1);
+  for (PcdVector3D& p : *points) p = {std::clamp(p.x, 0.0f, hx), std::clamp(p.y, 0.0f, hy), std::clamp(p.z, 0.0f, hz)};
 }

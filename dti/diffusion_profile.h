@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "dti/dti_data.h"
 #include "dti/tensor.h"
@@ -51,3 +52,7 @@ void PCDdti_DiffusionProfileDisplayPointByPoint(const PcdDtiData* dti,
                                                 const PcdDifProfContext* context,
                                                 const PcdDifProfDrawFunction& draw, char* text,
                                                 size_t textSize);
+
+// Moves points that lie outside the volume's samples (a spread of points per voxel at its
+// edges) onto the nearest sample plane: reads there interpolate instead of extrapolating.
+void PCDdti_KeepPointsInsideVolume(std::vector<PcdVector3D>* points, const PcdIntSize3D& size);

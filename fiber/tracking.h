@@ -94,6 +94,9 @@ PcdTrakLineBuffer* do_fiber_tracking(const PcdDtiData* dti, const PcdFibeTrakCon
 // x + frac(0.5 + k * alpha) - 0.5 of a low-discrepancy sequence, so k = 0 is the centre
 // and any K spreads evenly.
 PcdVector3D PCDdti_SeedInVoxel(int x, int y, int z, int k);
+// So a point p lies (p + this) voxels from the volume's corner, where voxel boxes start
+// (what pictures and TrackVis millimetres count from).
+constexpr float kPcdVoxelCentreFromCorner = 0.5f;
 // The voxel a point belongs to, the one whose sample is nearest: its index in an x-fastest
 // volume of the given size in *at; false for a point outside the volume (or not a number).
 bool PCDdti_VoxelIndexOfPoint(float x, float y, float z, const PcdIntSize3D& size, size_t* at);

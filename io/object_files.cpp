@@ -135,7 +135,7 @@ int ReadRoiObjectFile(PcdWorkSession* session, const char* fileName) {
   const PcdIntSize3D current = PCD_GetSessionMatrixSize(session);
   PcdRoiObject* roi = load_roi(fileName, &current, nullptr);
   if (roi == nullptr) return -1;
-  roi->id = session->rois.idCounter;
+  roi->id = PCD_TakeFreeRoiId(&session->rois);
   if (PCD_AppendRoiObject(&session->rois, roi) != 0) return -1;
   ++session->rois.idCounter;
   return 0;
@@ -146,7 +146,7 @@ int ReadStudyObjectFile(PcdWorkSession* session, const char* fileName) {
   PcdStudyObject* study = load_study(fileName, &current, nullptr);
   if (study == nullptr) return -1;
   if (study->analysed == 1) study->analysed = 2;  // its result stayed in the other session
-  study->id = session->studies.idCounter;
+  study->id = PCD_TakeFreeStudyId(&session->studies);
   if (PCD_AppendStudyObject(&session->studies, study) != 0) return -1;
   ++session->studies.idCounter;
   return 0;

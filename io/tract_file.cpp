@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "fiber/tracking.h"
 #include "study/fiber_dump.h"
 #include "vol/serialize.h"
 
@@ -78,7 +79,8 @@ int WriteTckFile(const PcdFibeTrakBuffer* buffer, const PcdWorldGeometry* geomet
     const PcdTrakLinePair* pair = buffer->pairs[i];
     if (pair->selection == 0) continue;
     PCD_ForEachFiberNode(pair, [&](float x, float y, float z, float, float, float) {
-      const double v[3] = {x - 0.5, y - 0.5, z - 0.5};
+      // fiber points are voxel index coordinates already (PCDdti_SeedInVoxel)
+      const double v[3] = {x, y, z};
       for (int r = 0; r < 3; ++r)
         AppendFloat(&body, static_cast<float>(m[r][0] * v[0] + m[r][1] * v[1] + m[r][2] * v[2] + m[r][3]));
       flushIfFull();
@@ -122,9 +124,9 @@ int WriteTrkFile(const PcdFibeTrakBuffer* buffer, const PcdWorldGeometry* geomet
     if (pair->selection == 0) continue;
     AppendInt(&h, PCD_FiberNodeCount(pair));
     PCD_ForEachFiberNode(pair, [&](float x, float y, float z, float, float, float) {
-      AppendFloat(&h, x * geometry->voxelSize[0]);
-      AppendFloat(&h, y * geometry->voxelSize[1]);
-      AppendFloat(&h, z * geometry->voxelSize[2]);
+      AppendFloat(&h, (x + kPcdVoxelCentreFromCorner) * geometry->voxelSize[0]);
+      AppendFloat(&h, (y + kPcdVoxelCentreFromCorner) * geometry->voxelSize[1]);
+      AppendFloat(&h, (z + kPcdVoxelCentreFromCorner) * geometry->voxelSize[2]);
     });
   }
   return Finish(std::move(file), h, fileName);

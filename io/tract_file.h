@@ -2,9 +2,10 @@
 // millimetres with the voxel-to-RAS matrix in the header). Every selected fiber is
 // written end to end through its seed, as in the tracking dump.
 //
-// Our node coordinates put voxel (i, j, k) over [i, i+1): its centre is i + 0.5. NIfTI
-// matrices and MRtrix address voxel centres by whole indices, so x - 0.5 goes through the
-// matrix; TrackVis voxel millimetres start at the voxel corner, so x * voxel size.
+// Fiber nodes are voxel index coordinates: tracking samples voxel (i, j, k) at the point
+// (i, j, k) (fiber/tracking.h), as NIfTI matrices and MRtrix address voxel centres, so a
+// node goes through the matrix as it is; TrackVis voxel millimetres start at the volume's
+// corner, half a voxel before the first centre.
 #pragma once
 
 #include "fiber/trakline.h"

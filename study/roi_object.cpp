@@ -432,11 +432,19 @@ int PCD_AppendRoiObject(PcdRoiList* list, PcdRoiObject* roi) {
   return 0;
 }
 
+uint16_t PCD_TakeFreeRoiId(PcdRoiList* list) {
+  // the counter as it stands, unless a live ROI holds that id (after a session was read,
+  // the counter equals its last id)
+  for (int tries = 0; tries < 65536; ++tries, ++list->idCounter)
+    if (PCD_FindRoiObject(list, list->idCounter) == nullptr) break;
+  return list->idCounter;
+}
+
 PcdRoiObject* PCD_NewRoiObject(PcdRoiList* list, int32_t type, const PcdIntSize3D* volumeSize) {
   if (list == nullptr) return nullptr;
   PcdRoiObject* roi = new_roi_object(type);
   if (roi == nullptr) return nullptr;
-  roi->id = list->idCounter;
+  roi->id = PCD_TakeFreeRoiId(list);
   char label[64];
   std::snprintf(label, sizeof label, kPcdRoiTypes[type].newLabelFormat,
                 list->nameCounters[type] + 1);

@@ -213,6 +213,9 @@ PcdRoiObject* PCD_NewRoiObject(PcdRoiList* list, int32_t type, const PcdIntSize3
 // "Err: PCD_NewNodeAddedToList\n" (the record is then deleted).
 int PCD_AppendRoiObject(PcdRoiList* list, PcdRoiObject* roi);
 PcdRoiObject* PCD_FindRoiObject(const PcdRoiList* list, uint16_t id);
+// The id counter moved on past ids that live ROIs hold (a session that was read leaves it
+// at its last id); that id, for a new ROI. The caller counts it up once the ROI is in.
+uint16_t PCD_TakeFreeRoiId(PcdRoiList* list);
 PcdRoiObject* PCD_GetSelectedRoiObject(const PcdRoiList* list);
 // Removes and frees the ROI with that id, locked or not. 0, or -1 when none has it.
 int PCD_DeleteRoiObjectById(PcdRoiList* list, uint16_t id);

@@ -393,12 +393,18 @@ int PCD_AppendStudyObject(PcdStudyList* list, PcdStudyObject* study) {
   return 0;
 }
 
+uint16_t PCD_TakeFreeStudyId(PcdStudyList* list) {
+  for (int tries = 0; tries < 65536; ++tries, ++list->idCounter)
+    if (PCD_FindStudyObject(list, list->idCounter) == nullptr) break;
+  return list->idCounter;
+}
+
 PcdStudyObject* PCD_NewStudyObject(PcdStudyList* list, int32_t type,
                                    const PcdIntSize3D* volumeSize) {
   if (list == nullptr) return nullptr;
   PcdStudyObject* study = new_study_object(type);
   if (study == nullptr) return nullptr;
-  study->id = list->idCounter;
+  study->id = PCD_TakeFreeStudyId(list);
   char label[64];
   std::snprintf(label, sizeof label, PCD_StudyLabelFormat(type), list->nameCounters[type] + 1);
   PCD_SetStudyLabel(study, label);

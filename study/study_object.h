@@ -114,6 +114,8 @@ PcdStudyObject* PCD_NewStudyObject(PcdStudyList* list, int32_t type,
 // "Err: PCD_NewNodeAddedToList\n" (the record is then deleted).
 int PCD_AppendStudyObject(PcdStudyList* list, PcdStudyObject* study);
 PcdStudyObject* PCD_FindStudyObject(const PcdStudyList* list, uint16_t id);
+// As PCD_TakeFreeRoiId, for studies.
+uint16_t PCD_TakeFreeStudyId(PcdStudyList* list);
 PcdStudyObject* PCD_GetSelectedStudyObject(const PcdStudyList* list);
 // Unlinks and frees the study; a study with a viewer object prints
 // "Requesting removal of Object %d\n" and asks for its removal. When the selected study

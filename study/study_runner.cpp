@@ -339,6 +339,7 @@ int PCD_RunDiffusionProfileStudy(PcdWorkSession* session, PcdStudyObject* study,
   std::vector<PcdVector3D> points;
   add_seeds(region_voxels(session, &p.region, options), &size,
             points_per_voxel(p.symbolDensity, kPcdSymbolDensityHigh), kPcdMaxSeeds, &points);
+  PCDdti_KeepPointsInsideVolume(&points, size);
   PcdDifProfContext context;
   context.FAcheckA = p.useFAmin, context.FAmin = p.FAmin;
   context.FAcheckB = p.useFAmax, context.FAmax = p.FAmax;

@@ -41,7 +41,8 @@ void AppendHalf(const PcdTrakLineBuffer* line, bool reversed, int from, PcdFiber
   const int n = line->nodeCount;
   for (int k = 0; k < n - from; ++k) {
     const int i = reversed ? n - 1 - k : from + k;
-    layer->nodes.push_back({line->x[i] + 0.5f, line->y[i] + 0.5f, line->z[i] + 0.5f, 0});
+    layer->nodes.push_back({line->x[i] + kPcdVoxelCentreFromCorner, line->y[i] + kPcdVoxelCentreFromCorner,
+                             line->z[i] + kPcdVoxelCentreFromCorner, 0});
     eig->push_back({line->L1[i], line->L2[i], line->L3[i]});
   }
 }

@@ -38,7 +38,8 @@ PcdDifProfDrawFunction PCDview_CollectGlyphs(std::vector<PcdGlyph>* glyphs) {
     if (point == nullptr || t == nullptr || t->tensor == nullptr) return;
     PcdGlyph glyph;
     // the point's sample lies at the centre of the voxel box the panes draw
-    glyph.position = {point->x + 0.5f, point->y + 0.5f, point->z + 0.5f};
+    glyph.position = {point->x + kPcdVoxelCentreFromCorner, point->y + kPcdVoxelCentreFromCorner,
+                      point->z + kPcdVoxelCentreFromCorner};
     for (int k = 0; k < 3; ++k) {
       const int column = 3 - k;  // eigenvalues ascending: column 3 is the largest
       glyph.lambda[k] = t->eigenvalues[column];

@@ -531,8 +531,15 @@ int64_t PCD_GetNumberOfVoxels(const PcdRawVolumeData* volume) {
 
 size_t PCD_MaxAllocationBytes() {
   const long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGESIZE);
-  if (pages <= 0 || pageSize <= 0) return size_t{1} << 30;
-  return static_cast<size_t>(pages) / 2 * static_cast<size_t>(pageSize);
+  size_t limit = pages <= 0 || pageSize <= 0 ? size_t{1} << 30
+                                             : static_cast<size_t>(pages) / 2 * static_cast<size_t>(pageSize);
+  // a job that shares the machine (a cluster task, a fuzzer) may be given less
+  if (const char* mb = std::getenv("QUORIX_MEMORY_LIMIT_MB")) {
+    char* end = nullptr;
+    const unsigned long long v = std::strtoull(mb, &end, 10);
+    if (end != mb && *end == '\0' && v > 0 && v < (size_t{1} << 43)) limit = std::min<size_t>(limit, v << 20);
+  }
+  return limit;
 }
 
 int64_t PCD_CheckedVoxelCount(const PcdIntSize3D& size, int64_t bytesPerVoxel) {

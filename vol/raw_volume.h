@@ -115,7 +115,8 @@ PcdRawVolumeData* PCD_DuplicateRawVolumeData(const PcdRawVolumeData* volume);
 void PCD_ClearChannelOfRawVolumeData(PcdRawVolumeData* volume, int32_t channel);
 int64_t PCD_GetNumberOfVoxels(const PcdRawVolumeData* volume);
 int PCD_IsSameSize3D(const PcdIntSize3D* a, const PcdIntSize3D* b);
-// What one allocation by a size read from a file may take: half of the machine's memory.
+// What one allocation by a size read from a file may take: half of the machine's memory,
+// or less when QUORIX_MEMORY_LIMIT_MB says so.
 size_t PCD_MaxAllocationBytes();
 // x * y * z of a size whose sides are all positive and whose voxels, at bytesPerVoxel
 // each, fit in PCD_MaxAllocationBytes(); -1 for any other size.

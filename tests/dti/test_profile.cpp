@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -208,6 +209,39 @@ TEST(DiffusionProfile, SideBySideEqualsPointByPointToTheBit) {
   EXPECT_STREQ(text[0], text[1]);
   PCD_DeleteRawVolumeData(dti->volume);
   std::free(dti);
+}
+
+}  // namespace
+
+namespace {
+
+// A voxel one of whose DWIs reads 0 has no finite tensor (the log of 0): it counts as
+// displayed, as specified, and stays out of the means, which are those of the others.
+TEST(DiffusionProfile, MeansAreOverTheFiniteValuesAlone) {
+  TensorVolume v(3, 2, 2, Sample);
+  static_cast<int16_t*>(v.dti->volume->data[2])[2] = 0;  // voxel (2, 0, 0), one DWI
+  const PcdVector3D points[2] = {{0, 0, 0}, {2, 0, 0}};
+  PcdDifProfContext c;
+  c.pointCount = 2;
+  c.points = points;
+  const Outcome run = Display(v.dti, c);
+  EXPECT_EQ(run.text.substr(0, 30), "Symbols: 2/2 (100% displayed)\n") << run.text;
+  float fa = 0, adc = 0;
+  MeansOf(run.text, &fa, &adc);
+  EXPECT_NEAR(fa, 0.79902f, 2e-4f);  // voxel (0, 0, 0) alone
+  EXPECT_NEAR(adc, 0.76667f, 2e-4f);
+}
+
+// Points spread around edge voxels are moved onto the outermost samples, never past them.
+TEST(DiffusionProfile, PointsAroundEdgeVoxelsStayInsideTheVolume) {
+  std::vector<PcdVector3D> points = {{-0.25f, 0.25f, 1.25f}, {2.25f, -0.5f, 0.75f}, {1.0f, 1.0f, 1.0f}};
+  PCDdti_KeepPointsInsideVolume(&points, {3, 2, 2});
+  const std::vector<std::array<float, 3>> want = {{0.0f, 0.25f, 1.0f}, {2.0f, 0.0f, 0.75f}, {1.0f, 1.0f, 1.0f}};
+  for (size_t i = 0; i < points.size(); ++i) {
+    EXPECT_EQ(points[i].x, want[i][0]) << i;
+    EXPECT_EQ(points[i].y, want[i][1]) << i;
+    EXPECT_EQ(points[i].z, want[i][2]) << i;
+  }
 }
 
 }  // namespace

@@ -155,6 +155,12 @@ TEST(WorkSessionFile, ReadRestoresIdsCountersAndStatusAndWritesTheSameBytesAgain
   ASSERT_EQ(ReadWorkSessionFile(&again, dir.file("c.qws").c_str()), 0);
   testing::internal::GetCapturedStderr();
   EXPECT_EQ(again.studies.items[0]->analysed, 2);
+
+  // new objects never get an id a loaded one holds: the counters stand on 2 (ROI 2
+  // lives: 3 is next) and 7 (study 7 lives: 8)
+  EXPECT_EQ(PCD_NewRoiObject(&again.rois, PCD_ROI_SPHERICAL, nullptr)->id, 3);
+  EXPECT_EQ(PCD_NewRoiObject(&again.rois, PCD_ROI_SPHERICAL, nullptr)->id, 4);
+  EXPECT_EQ(PCD_NewStudyObject(&again.studies, PCD_STUDY_VOXEL_STATISTICS, nullptr)->id, 8);
 }
 
 TEST(WorkSessionFile, TheVolumeRecordKeepsItsIdentityAndTakesTheNewContents) {

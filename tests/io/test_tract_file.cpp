@@ -87,12 +87,13 @@ TEST(TractFiles, TrkHeaderAndPointsInVoxelMillimetres) {
   PutI(want, 988, 1);                                 // n_count: the selected fiber only
   PutI(want, 992, 2);                                 // version
   PutI(want, 996, 1000);                              // hdr_size
-  // the fiber: its point count, then x, y, z times the voxel size
+  // the fiber: its point count, then millimetres from the volume's corner: voxel i's
+  // centre (its sample, at the point i) lies (i + 0.5) voxel sizes from it
   want.resize(1004);
   PutI(want, 1000, 4);
   for (const PcdVector3D p : {PcdVector3D{3, 1.5f, 1}, PcdVector3D{2, 1, 1},
                               PcdVector3D{1, 1, 1}, PcdVector3D{0.5f, 1, 1}}) {
-    AddF(want, p.x * 2.0f), AddF(want, p.y * 2.5f), AddF(want, p.z * 3.0f);
+    AddF(want, (p.x + 0.5f) * 2.0f), AddF(want, (p.y + 0.5f) * 2.5f), AddF(want, (p.z + 0.5f) * 3.0f);
   }
   const std::vector<uint8_t> got = ReadFileBytes(dir.file("a.trk"));
   ASSERT_EQ(got.size(), want.size());
@@ -108,11 +109,12 @@ TEST(TractFiles, TckHeaderWorldPointsAndTerminators) {
       "mrtrix tracks\ncount: 1\ndatatype: Float32LE\nfile: . 00000064\nEND\n";
   ASSERT_EQ(header.size(), 64u);
   std::vector<uint8_t> want(header.begin(), header.end());
-  // voxel (i, j, k) has its centre at i + 0.5: world = M * (p - 0.5)
-  const float points[4][3] = {{2 * 2.5f + 0.25f * 1.0f + 10, 2.5f * 1.0f + 20, 3 * 0.5f + 30},
-                              {2 * 1.5f + 0.25f * 0.5f + 10, 2.5f * 0.5f + 20, 3 * 0.5f + 30},
-                              {2 * 0.5f + 0.25f * 0.5f + 10, 2.5f * 0.5f + 20, 3 * 0.5f + 30},
-                              {2 * 0.0f + 0.25f * 0.5f + 10, 2.5f * 0.5f + 20, 3 * 0.5f + 30}};
+  // tracking samples voxel (i, j, k) at the point (i, j, k), as NIfTI and MRtrix address
+  // voxel centres: world = M * p
+  const float points[4][3] = {{2 * 3.0f + 0.25f * 1.5f + 10, 2.5f * 1.5f + 20, 3 * 1.0f + 30},
+                              {2 * 2.0f + 0.25f * 1.0f + 10, 2.5f * 1.0f + 20, 3 * 1.0f + 30},
+                              {2 * 1.0f + 0.25f * 1.0f + 10, 2.5f * 1.0f + 20, 3 * 1.0f + 30},
+                              {2 * 0.5f + 0.25f * 1.0f + 10, 2.5f * 1.0f + 20, 3 * 1.0f + 30}};
   for (const auto& p : points) AddF(want, p[0]), AddF(want, p[1]), AddF(want, p[2]);
   const std::vector<uint8_t> got = ReadFileBytes(dir.file("a.tck"));
   ASSERT_EQ(got.size(), want.size() + 24);

@@ -32,6 +32,7 @@ std::vector<PcdVector3D> SamplePoints(const PcdRawVolumeData* mask, bool high) {
           for (float dy : {-0.25f, 0.25f})
             for (float dx : {-0.25f, 0.25f}) points.push_back({fx + dx, fy + dy, fz + dz});
       }
+  PCDdti_KeepPointsInsideVolume(&points, {s.x, s.y, s.z});
   return points;
 }
 

@@ -20,7 +20,7 @@ struct VolumeDeleter {
 };
 using VolumePtr = std::unique_ptr<PcdRawVolumeData, VolumeDeleter>;
 
-int WriteMask(const std::vector<uint8_t>& mask, const PcdIntSize3D& size, float voxelSize,
+int WriteMask(const std::vector<uint8_t>& mask, const PcdIntSize3D& size, const PcdWorldGeometry& geometry,
               const std::string& path) {
   VolumePtr volume(PCD_NewSingleChannelRawVolumeData(&size, UINT8, PCD_MONOCHROME));
   if (!volume) {
@@ -29,13 +29,13 @@ int WriteMask(const std::vector<uint8_t>& mask, const PcdIntSize3D& size, float 
   }
   std::copy(mask.begin(), mask.end(), static_cast<uint8_t*>(volume->data[0]));
   if (BatchEndsWith(path, ".raw")) return WriteRawVolumeFile(volume.get(), path.c_str());
-  PcdWorldGeometry geometry;
-  PCD_SetDefaultWorldGeometry(&geometry, voxelSize);
   const int32_t channel = 0;
   return WriteNiftiChannels(volume.get(), &channel, 1, &geometry, path.c_str());
 }
 
 struct RoiOptions {
+  std::optional<std::string> data;  // the data set whose voxel-to-world matrix the mask takes
+  BatchInputOptions input;
   std::optional<long long> id;
   std::optional<std::string> output;
   std::optional<std::string> label;
@@ -88,8 +88,27 @@ int run_export(BatchArgs& args, const RoiOptions& options) {
                  size.y, size.z);
     return kBatchFailed;
   }
+  // the mask overlays its data in other tools only with the data's voxel-to-world matrix
+  PcdWorldGeometry geometry;
+  PCD_SetDefaultWorldGeometry(&geometry, voxelSize);
+  if (options.data) {
+    std::unique_ptr<BatchDataSet> set = LoadBatchInput(*options.data, options.input);
+    if (!set) return kBatchFailed;
+    const PcdIntSize4D& m = *set->volume->matrixSize;
+    if (m.x != size.x || m.y != size.y || m.z != size.z) {
+      std::fprintf(stderr, "Err: roi: %s is %d x %d x %d; the ROI was made on %d x %d x %d\n",
+                   options.data->c_str(), m.x, m.y, m.z, size.x, size.y, size.z);
+      return kBatchFailed;
+    }
+    geometry = set->geometry;
+  } else if (!BatchEndsWith(*output, ".raw")) {
+    std::fprintf(stderr,
+                 "Warning: roi: the voxel-to-world matrix is unknown: %s has %g mm voxels at the origin "
+                 "(--data INPUT gives the data's)\n",
+                 output->c_str(), static_cast<double>(voxelSize));
+  }
   const std::vector<uint8_t> mask = PCD_RasterizeRoiObject(roi, &size);
-  if (WriteMask(mask, size, voxelSize, *output) != 0) return kBatchFailed;
+  if (WriteMask(mask, size, geometry, *output) != 0) return kBatchFailed;
   const long long voxels = std::count(mask.begin(), mask.end(), 1);
   std::printf("ROI %u \"%s\": %lld voxels of %d x %d x %d written to %s\n", roi->id,
               std::string(roi->label, strnlen(roi->label, sizeof roi->label)).c_str(), voxels,
@@ -172,6 +191,8 @@ int run_import(BatchArgs& args, const RoiOptions& options) {
 
 int run_roi(BatchArgs& args) {
   RoiOptions options;
+  options.input = TakeBatchInputOptions(args);
+  options.data = args.TakeValue({"--data"});
   options.id = args.TakeInteger({"--roi"}, 0, 65535);
   options.output = args.TakeValue({"-o", "--output"});
   options.label = args.TakeValue({"--label"});
@@ -187,14 +208,16 @@ int run_roi(BatchArgs& args) {
 
 extern const BatchCommand kBatchRoiCommand = {
     "roi", "export a ROI as a mask, or import a mask as a voxelgroup ROI",
-    "Usage: quorix-batch roi export FILE [--roi ID] -o MASK\n"
+    "Usage: quorix-batch roi export FILE [--roi ID] [--data INPUT] -o MASK\n"
     "       quorix-batch roi import MASK -o FILE.roi [--label TEXT]\n"
     "\n"
     "export: FILE is a ROI object file or a work session file; the ROI (the one of a ROI\n"
     "object file, or the one whose id --roi gives) is written as a one-byte mask (1 inside)\n"
     "of the volume it was made on: NIfTI (.nii, .nii.gz) or raw volume file (.raw). A\n"
     "sphere takes the voxels whose centre lies within its radius, a freehand ROI its\n"
-    "points, a voxelgroup its voxels.\n"
+    "points, a voxelgroup its voxels. --data INPUT (the data set the ROI was drawn on)\n"
+    "gives the NIfTI mask that data's voxel-to-world matrix, so that it overlays it in\n"
+    "other tools; without it the geometry is unknown and said so.\n"
     "\n"
     "import: every non-zero voxel of MASK (NIfTI or raw volume file, first channel) goes\n"
     "into a bit-packed voxel group over their bounding box, saved as a ROI object file\n"
