@@ -26,6 +26,7 @@ extern const BatchCommand kBatchSessionCommand;
 extern const BatchCommand kBatchRoiCommand;
 extern const BatchCommand kBatchStudyCommand;
 extern const BatchCommand kBatchGradcheckCommand;
+extern const BatchCommand kBatchReportCommand;
 
 namespace {
 
@@ -43,6 +44,7 @@ const BatchCommand* const kCommands[] = {
     &kBatchRoiCommand,
     &kBatchStudyCommand,
     &kBatchGradcheckCommand,
+    &kBatchReportCommand,
 };
 
 }  // namespace
