@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <csetjmp>
 #include <cstdio>
+
+#include <png.h>
 
 #include "view/pane_render.h"
 
@@ -82,6 +85,10 @@ void MarkPixels(cairo_surface_t* tile, const PcdPaneGeometry& g, const PcdMosaic
     for (int px = 0; px < w; ++px) {
       const int64_t v = voxelOf[static_cast<size_t>(py) * static_cast<size_t>(w) + static_cast<size_t>(px)];
       if (v < 0) continue;
+      if (spec.blankOutside && spec.outline != nullptr && (*spec.outline)[static_cast<size_t>(v)] == 0) {
+        row[px] = 0xff000000u;
+        continue;
+      }
       if (spec.painted != nullptr && (*spec.painted)[static_cast<size_t>(v)] != 0) {
         const uint32_t c = row[px];
         const uint32_t r = ((c >> 16) & 0xff) / 3 + 170, gr = ((c >> 8) & 0xff) / 3, b = (c & 0xff) / 3;
@@ -119,6 +126,37 @@ void Label(cairo_t* cr, double x, double y, const std::string& text, double size
 
 const char* KindName(int32_t kind) {
   return kind == PCD_PANE_SAGITTAL ? "sagittal" : kind == PCD_PANE_CORONAL ? "coronal" : "axial";
+}
+
+// Every segment as a one-pixel line blended half over the image, pixel by pixel: a picture
+// holds hundreds of thousands of segments, which cairo would stroke one path at a time.
+void DrawFibersFlat(cairo_surface_t* image, const PcdPaneGeometry& g, const PcdFiberLayer& layer) {
+  cairo_surface_flush(image);
+  unsigned char* data = cairo_image_surface_get_data(image);
+  const int stride = cairo_image_surface_get_stride(image);
+  const int w = cairo_image_surface_get_width(image), h = cairo_image_surface_get_height(image);
+  auto blend = [&](int x, int y, uint32_t colour) {
+    if (x < 0 || y < 0 || x >= w || y >= h) return;
+    uint32_t& p = reinterpret_cast<uint32_t*>(data + static_cast<ptrdiff_t>(y) * stride)[x];
+    const uint32_t rb = (((p & 0xff00ffu) + (colour & 0xff00ffu)) >> 1) & 0xff00ffu;
+    const uint32_t gg = (((p & 0x00ff00u) + (colour & 0x00ff00u)) >> 1) & 0x00ff00u;
+    p = 0xff000000u | rb | gg;
+  };
+  for (size_t f = 0; f + 1 < layer.fiberStart.size(); ++f)
+    for (uint32_t n = layer.fiberStart[f] + 1; n < layer.fiberStart[f + 1] && n < layer.nodes.size(); ++n) {
+      const PcdFiberNode& a = layer.nodes[n - 1];
+      const PcdFiberNode& b = layer.nodes[n];
+      double ax, ay, bx, by;
+      if (!PCDview_VoxelToPixel(g, {a.x, a.y, a.z}, &ax, &ay, nullptr) ||
+          !PCDview_VoxelToPixel(g, {b.x, b.y, b.z}, &bx, &by, nullptr))
+        continue;
+      const int steps = static_cast<int>(std::min(4096.0, std::ceil(std::max(std::fabs(bx - ax), std::fabs(by - ay)))));
+      for (int k = 1; k <= std::max(steps, 1); ++k) {
+        const double t = static_cast<double>(k) / std::max(steps, 1);
+        blend(static_cast<int>(std::floor(ax + t * (bx - ax))), static_cast<int>(std::floor(ay + t * (by - ay))), b.colour);
+      }
+    }
+  cairo_surface_mark_dirty(image);
 }
 
 }  // namespace
@@ -167,23 +205,8 @@ PcdSurface PCDreport_TractPicture(const PcdMosaicSpec& spec, const PcdFiberLayer
     // the section dimmed, so that the fibers stand out; then every fiber flattened onto it
     cairo_set_source_rgba(cr, 0, 0, 0, 0.55);
     cairo_paint(cr);
-    cairo_set_line_width(cr, 1.0);
-    cairo_set_line_cap(cr, CAIRO_LINE_CAP_ROUND);
-    for (size_t f = 0; f + 1 < layer.fiberStart.size(); ++f)
-      for (uint32_t n = layer.fiberStart[f] + 1; n < layer.fiberStart[f + 1]; ++n) {
-        const PcdFiberNode& a = layer.nodes[n - 1];
-        const PcdFiberNode& b = layer.nodes[n];
-        double ax, ay, bx, by;
-        if (!PCDview_VoxelToPixel(g, {a.x, a.y, a.z}, &ax, &ay, nullptr) ||
-            !PCDview_VoxelToPixel(g, {b.x, b.y, b.z}, &bx, &by, nullptr))
-          continue;
-        cairo_set_source_rgba(cr, ((b.colour >> 16) & 0xff) / 255.0, ((b.colour >> 8) & 0xff) / 255.0,
-                              (b.colour & 0xff) / 255.0, 0.5);
-        cairo_move_to(cr, ax, ay);
-        cairo_line_to(cr, bx, by);
-        cairo_stroke(cr);
-      }
     cairo_destroy(cr);
+    DrawFibersFlat(tile.get(), g, layer);
     panels.push_back(std::move(tile));
   }
   int width = 0, height = 0;
@@ -301,5 +324,43 @@ PcdSurface PCDreport_BarPlot(const std::vector<double>& values, const std::vecto
 }
 
 int PCDreport_WritePng(cairo_surface_t* surface, const std::string& path) {
-  return cairo_surface_write_to_png(surface, path.c_str()) == CAIRO_STATUS_SUCCESS ? 0 : -1;
+  // libpng directly rather than cairo's writer: the figures are written at zlib's fastest
+  // level, which makes files about a third larger in a fraction of the time
+  cairo_surface_flush(surface);
+  const int w = cairo_image_surface_get_width(surface), h = cairo_image_surface_get_height(surface);
+  const unsigned char* data = cairo_image_surface_get_data(surface);
+  const int stride = cairo_image_surface_get_stride(surface);
+  if (data == nullptr || w <= 0 || h <= 0) return -1;
+  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "wb"), std::fclose);
+  if (!file) return -1;
+  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  png_infop info = png == nullptr ? nullptr : png_create_info_struct(png);
+  if (info == nullptr) {
+    png_destroy_write_struct(&png, nullptr);
+    return -1;
+  }
+  std::vector<png_byte> row(static_cast<size_t>(w) * 3);
+  // libpng reports a failure by jumping back here
+  if (setjmp(png_jmpbuf(png))) {
+    png_destroy_write_struct(&png, &info);
+    return -1;
+  }
+  png_init_io(png, file.get());
+  png_set_compression_level(png, 1);
+  png_set_IHDR(png, info, static_cast<png_uint_32>(w), static_cast<png_uint_32>(h), 8, PNG_COLOR_TYPE_RGB,
+               PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+  png_write_info(png, info);
+  for (int y = 0; y < h; ++y) {
+    const auto* pixels = reinterpret_cast<const uint32_t*>(data + static_cast<ptrdiff_t>(y) * stride);
+    for (int x = 0; x < w; ++x) {
+      // the figures are opaque: RGB24 and ARGB32 hold the colour in the low three bytes
+      row[static_cast<size_t>(x) * 3] = static_cast<png_byte>(pixels[x] >> 16);
+      row[static_cast<size_t>(x) * 3 + 1] = static_cast<png_byte>(pixels[x] >> 8);
+      row[static_cast<size_t>(x) * 3 + 2] = static_cast<png_byte>(pixels[x]);
+    }
+    png_write_row(png, row.data());
+  }
+  png_write_end(png, nullptr);
+  png_destroy_write_struct(&png, &info);
+  return std::fflush(file.get()) == 0 ? 0 : -1;
 }

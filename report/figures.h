@@ -30,6 +30,7 @@ struct PcdMosaicSpec {
   float greyLow = 0.0f, greyHigh = 254.0f;
   const std::vector<uint8_t>* outline = nullptr;
   const std::vector<uint8_t>* painted = nullptr;
+  bool blankOutside = false;  // pixels outside the outline's mask black (maps without meaning there)
   int tiles = 8;          // sections, evenly spread over the outline's extent (or the volume)
   int tileSize = 160;     // pixels along a tile's longer side
 };

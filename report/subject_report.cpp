@@ -117,6 +117,7 @@ std::unique_ptr<PcdFiberLayer> Tracts(const PcdDtiData* dti, const std::vector<f
   PcdFibeTrakContext context;
   context.seedCount = static_cast<int32_t>(seeds.size());
   context.seedPoints = seeds.data();
+  context.nodeLimit = std::clamp(o.trackNodes, 2, 32767);
   PcdFibeTrakBuffer* buffer = PCDdti_FiberTracking(dti, &context, o.threads);
   if (buffer == nullptr) return nullptr;
   double length = 0;
@@ -313,7 +314,10 @@ bool PCDreport_WriteSubjectReport(PcdDtiData* dti, const PcdSubjectReportOptions
     check.threads = threads;
     check.fa = &fa;
     check.mask = &mask;
-    check.maxSeeds = 1000;
+    // fewer and shorter runs than the command's defaults: the report must stay quick, and
+    // a wrong table already loses most of its length within 20 voxels
+    check.maxSeeds = 400;
+    check.nodeLimit = 40;
     r->gradientChecked = PCDdti_CheckGradientTable(dti, check, &r->gradientCheck);
     if (!r->gradientChecked) r->warnings.push_back("the gradient table could not be checked");
     else if (!r->gradientCheck.tableIsBest)
@@ -334,15 +338,16 @@ bool PCDreport_WriteSubjectReport(PcdDtiData* dti, const PcdSubjectReportOptions
       {"b0", 0, low, high}, {"fa", first + 1, 0.0f, 1000.0f}, {"colour", first, 0.0f, 1.0f}};
   for (const auto& m : maps) {
     spec.channel = m.channel, spec.greyLow = m.low, spec.greyHigh = m.high;
+    spec.blankOutside = m.channel != 0;  // FA and colour of the background are noise
     for (const auto& [name, kind] : kinds)
       ok = Write(PCDreport_Mosaic(spec, kind), dir, std::string(m.name) + "_" + name + ".png") && ok;
   }
-  spec.channel = 0, spec.greyLow = low, spec.greyHigh = high, spec.painted = &failed;
+  spec.channel = 0, spec.greyLow = low, spec.greyHigh = high, spec.painted = &failed, spec.blankOutside = false;
   ok = ok && Write(PCDreport_Mosaic(spec, PCD_PANE_AXIAL), dir, "failed.png");
   spec.painted = nullptr;
-  spec.channel = first + 1, spec.greyLow = 0, spec.greyHigh = 1000, spec.tileSize = 320;
+  spec.channel = first + 1, spec.greyLow = 0, spec.greyHigh = 1000, spec.tileSize = 320, spec.blankOutside = true;
   ok = ok && Write(PCDreport_TractPicture(spec, *layer), dir, "tracts.png");
-  spec.channel = first, spec.tiles = 1, spec.tileSize = 120;
+  spec.channel = first, spec.tiles = 1, spec.tileSize = 120, spec.blankOutside = true;
   ok = ok && Write(PCDreport_Mosaic(spec, PCD_PANE_AXIAL), dir, "thumb.png");
   ok = ok && Write(PCDreport_GradientSphere(dti), dir, "sphere.png");
   std::vector<double> b(r->bValues.begin(), r->bValues.end());
