@@ -1,7 +1,7 @@
 // The QC report of one phantom subject: a volume made bad on purpose stands out in the
-// residuals and only it; the colour mosaic shows the x bundle red and the y bundle green
-// where the phantom put them; every figure the page names is a PNG beside it; the QC
-// columns carry the numbers.
+// residuals and only it; the colour mosaic and the tract picture show the x bundle red and
+// the y bundle green where the phantom put them; every figure the page names is a PNG
+// beside it; the QC columns carry the numbers.
 #include <gtest/gtest.h>
 
 #include <cairo.h>
@@ -104,6 +104,14 @@ TEST(SubjectReport, BadVolumeStandsOutBundlesInTheirColoursEveryFigureThere) {
     EXPECT_FALSE(alongX.g > 100 || alongY.r > 100) << "tile " << tile;
   }
   EXPECT_GE(shown, 1);
+  // the tract picture's axial panel (320 pixels for 40 voxels, 8 a voxel): the fibers
+  // coloured by direction lie over both bundles, red on the x bundle, green on the y one
+  const Rgb tractX = PixelOf(dir.file("r/tracts.png"), 8 * 8 + 4, 16 + 20 * 8 + 4);
+  const Rgb tractY = PixelOf(dir.file("r/tracts.png"), 20 * 8 + 4, 16 + 8 * 8 + 4);
+  EXPECT_GT(tractX.r, 120);
+  EXPECT_GT(tractX.r, 2 * tractX.g);
+  EXPECT_GT(tractY.g, 120);
+  EXPECT_GT(tractY.g, 2 * tractY.r);
 
   const auto columns = PCDreport_QcColumns(report);
   ASSERT_EQ(columns.size(), 7u);

@@ -70,7 +70,11 @@ int run_report(BatchArgs& args) {
   report.threads = static_cast<int32_t>(threads.value_or(BatchDefaultThreads()));
   report.gradientCheck = !noCheck;
   if (seeds) report.trackSeeds = static_cast<int32_t>(*seeds);
-  const std::string dir = out.value_or(PCD_NiftiStem(input) + "_report");
+  std::string stem = PCD_NiftiStem(input);
+  for (const char* tail : {".raw", ".dti"})
+    if (BatchEndsWith(stem, tail)) stem.resize(stem.size() - 4);
+  while (stem.size() > 1 && stem.back() == '/') stem.pop_back();  // a DICOM directory
+  const std::string dir = out.value_or(stem + "_report");
   PcdSubjectReport result;
   if (!PCDreport_WriteSubjectReport(set->dti, report, dir, &result)) return kBatchFailed;
   for (const auto& [name, value] : PCDreport_QcColumns(result)) std::printf("%s\t%s\n", name.c_str(), value.c_str());
@@ -98,7 +102,7 @@ extern const BatchCommand kBatchReportCommand = {
     "folder) and its measures, outliers of each numeric column marked.\n"
     "\n"
     "Options:\n"
-    "  -o DIR              the report's directory\n"
+    "  -o DIR              the report's directory (default: <stem>_report beside INPUT)\n"
     "  --title TEXT        the page's title\n"
     "  --threshold N       So threshold of the tensor fit (default 0)\n"
     "  --seeds N           seeds of the tract picture (default 1000)\n"
