@@ -316,7 +316,7 @@ bool PCDreport_WriteSubjectReport(PcdDtiData* dti, const PcdSubjectReportOptions
     check.mask = &mask;
     // fewer and shorter runs than the command's defaults: the report must stay quick, and
     // a wrong table already loses most of its length within 20 voxels
-    check.maxSeeds = 400;
+    check.maxSeeds = 300;
     check.nodeLimit = 40;
     r->gradientChecked = PCDdti_CheckGradientTable(dti, check, &r->gradientCheck);
     if (!r->gradientChecked) r->warnings.push_back("the gradient table could not be checked");

@@ -17,7 +17,7 @@ struct PcdSubjectReportOptions {
   int16_t threshold = 0;         // So threshold of the tensor fit, as for channels
   int32_t threads = 1;
   bool gradientCheck = true;
-  int32_t trackSeeds = 1000;     // seeds of the tract picture
+  int32_t trackSeeds = 800;      // seeds of the tract picture
   int32_t trackNodes = 80;       // node limit of each half-fiber there: a short run
 };
 

@@ -105,7 +105,7 @@ extern const BatchCommand kBatchReportCommand = {
     "  -o DIR              the report's directory (default: <stem>_report beside INPUT)\n"
     "  --title TEXT        the page's title\n"
     "  --threshold N       So threshold of the tensor fit (default 0)\n"
-    "  --seeds N           seeds of the tract picture (default 1000)\n"
+    "  --seeds N           seeds of the tract picture (default 800)\n"
     "  --no-gradcheck      leave out the gradient-table check\n"
     "  --threads T         worker threads (default: the number of cores)\n"
     "  --mpg FILE          replace the MPG setting with an MPG description file\n"
