@@ -144,7 +144,9 @@ void PCDdti_ApplyGradientCandidate(const PcdGradientCandidate& c, PcdDtiData* dt
   for (int32_t k = 0; k < n; ++k) {
     const PcdVector3D g = dti->mpgVectors[k];
     const float old[3] = {g.x, g.y, g.z};
-    dti->mpgVectors[k] = {c.sign[0] * old[c.axis[0]], c.sign[1] * old[c.axis[1]], c.sign[2] * old[c.axis[2]]};
+    // + 0.0f: a flipped zero becomes +0, not -0, in the files written from the setting
+    dti->mpgVectors[k] = {c.sign[0] * old[c.axis[0]] + 0.0f, c.sign[1] * old[c.axis[1]] + 0.0f,
+                          c.sign[2] * old[c.axis[2]] + 0.0f};
   }
 }
 
