@@ -5,6 +5,7 @@
 #include <csetjmp>
 #include <cstdio>
 
+#include <fontconfig/fontconfig.h>
 #include <png.h>
 
 #include "view/pane_render.h"
@@ -363,4 +364,9 @@ int PCDreport_WritePng(cairo_surface_t* surface, const std::string& path) {
   png_write_end(png, nullptr);
   png_destroy_write_struct(&png, &info);
   return std::fflush(file.get()) == 0 ? 0 : -1;
+}
+
+void PCDreport_ReleaseFontCaches() {
+  cairo_debug_reset_static_data();
+  FcFini();
 }

@@ -50,5 +50,9 @@ PcdSurface PCDreport_BarPlot(const std::vector<double>& values, const std::vecto
 // 0, or -1 when the file cannot be written.
 int PCDreport_WritePng(cairo_surface_t* surface, const std::string& path);
 
+// Frees what cairo's text leaves cached (cairo's own caches and fontconfig's), so that a
+// process ends clean under a leak checker. Call it last: nothing may be drawn afterwards.
+void PCDreport_ReleaseFontCaches();
+
 // The slices a mosaic of the given orientation shows.
 std::vector<int32_t> PCDreport_MosaicSlices(const PcdMosaicSpec& spec, int32_t kind);

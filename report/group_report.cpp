@@ -152,7 +152,7 @@ bool PCDreport_WriteGroupReport(const PcdQcTable& table, const PcdGroupReportOpt
   html << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>" << PCDreport_EscapeHtml(o.title)
        << "</title>\n<style>body{font-family:sans-serif;margin:1.5em;background:#fafafa;color:#222}"
           "table{border-collapse:collapse}th,td{border:1px solid #ccc;padding:3px 8px;text-align:left}"
-          "td.outlier{background:#f4b6b6;font-weight:bold}tr.flagged th{color:#b00}img{display:block}</style></head><body>\n"
+          "td.outlier{background:#f4b6b6;font-weight:bold}tr.flagged td:nth-child(2){color:#b00;font-weight:bold}img{display:block}</style></head><body>\n"
        << "<h1>" << PCDreport_EscapeHtml(o.title) << "</h1>\n<section id=\"group\"><h2>Subjects</h2>\n"
        << "<p>" << table.rows.size() << " rows. Cells in red lie more than 3.5 robust standard deviations from their column's median.</p>\n"
        << "<table>\n<tr><th>thumbnail</th>";

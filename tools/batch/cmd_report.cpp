@@ -5,6 +5,7 @@
 
 #include "dti/dti_check.h"
 #include "io/file_util.h"
+#include "report/figures.h"
 #include "report/group_report.h"
 #include "report/subject_report.h"
 #include "tools/batch/batch_input.h"
@@ -40,7 +41,16 @@ int GroupReport(const std::string& tsv, const std::string& out, const std::strin
   return kBatchOk;
 }
 
+int RunReport(BatchArgs& args);
+
+// Every way out of the command leaves the font caches of the figures' labels released.
 int run_report(BatchArgs& args) {
+  const int status = RunReport(args);
+  PCDreport_ReleaseFontCaches();
+  return status;
+}
+
+int RunReport(BatchArgs& args) {
   const BatchInputOptions options = TakeBatchInputOptions(args);
   const auto out = args.TakeValue({"-o", "--output"});
   const auto group = args.TakeValue({"--group"});
