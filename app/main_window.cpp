@@ -3,6 +3,7 @@
 #include "app/app_state.h"
 #include "app/commands.h"
 #include "app/dialogs.h"
+#include "app/gradient_check_menu.h"
 #include "study/gui/roi_editor.h"
 #include "study/gui/study_performer.h"
 
@@ -103,6 +104,7 @@ bool PCD_BuildMainWindow() {
     return false;
   }
   app->menuBar = app->mainMenu.bar;
+  PCD_AddGradientCheckItem(app->mainMenu);  // beside the table: its entries stay as they are
   gtk_box_pack_start(GTK_BOX(app->vbox), app->menuBar, FALSE, TRUE, 0);
 
   app->notebook = gtk_notebook_new();

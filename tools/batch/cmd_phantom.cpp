@@ -63,6 +63,7 @@ int run_phantom(BatchArgs& args) {
   const auto seed = args.TakeInteger({"--seed"}, 0, 4294967295LL);
   const auto voxel = args.TakeNumber({"--voxel-size"}, 1e-3, 100);
   const bool noTruth = args.TakeFlag({"--no-truth"});
+  o.oblique = args.TakeFlag({"--oblique"});
   const auto format = args.TakeValue({"--format"});
   const auto out = args.TakeValue({"-o", "--output"});
   if (size && !ParseSize(*size, &o)) args.Fail("--size takes X,Y,Z or N, each 2 to 1024");
@@ -116,5 +117,7 @@ extern const BatchCommand kBatchPhantomCommand = {
     "  --seed N            seed of the noise (default 1)\n"
     "  --voxel-size MM     voxel size (default 2)\n"
     "  --format F          raw, nii or both (default both)\n"
-    "  --no-truth          do not write the true maps\n",
+    "  --no-truth          do not write the true maps\n"
+    "  --oblique           add a straight bundle along (1,0,1) beside the crossing, which\n"
+    "                      shows a flipped z axis of the MPG setting\n",
     run_phantom};

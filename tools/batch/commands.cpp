@@ -25,6 +25,8 @@ extern const BatchCommand kBatchProfileCommand;
 extern const BatchCommand kBatchSessionCommand;
 extern const BatchCommand kBatchRoiCommand;
 extern const BatchCommand kBatchStudyCommand;
+extern const BatchCommand kBatchGradcheckCommand;
+extern const BatchCommand kBatchReportCommand;
 
 namespace {
 
@@ -41,6 +43,8 @@ const BatchCommand* const kCommands[] = {
     &kBatchSessionCommand,
     &kBatchRoiCommand,
     &kBatchStudyCommand,
+    &kBatchGradcheckCommand,
+    &kBatchReportCommand,
 };
 
 }  // namespace

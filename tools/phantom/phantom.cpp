@@ -63,6 +63,13 @@ Voxel Describe(const PcdPhantomOptions& o, int x, int y, int z) {
   const double radius = std::sqrt(rx * rx + ry * ry), arc = o.sizeX * 0.3;
   if (std::fabs(dzc) <= band && std::fabs(radius - arc) <= o.sizeX / 16.0 && rx > 0 && ry > 0)
     add({-ry / radius, rx / radius, 0});
+  if (o.oblique) {
+    // distance from the line through (cx + 0.2 X, cy + 0.25 Y, cz) along (1, 0, 1) / sqrt 2
+    const double ox = x - (cx + 0.2 * o.sizeX), oy = y - (cy + 0.25 * o.sizeY), along = (ox + dz) / 2;
+    const double px = ox - along, pz = dz - along;
+    if (px * px + oy * oy + pz * pz <= (o.sizeX / 12.0) * (o.sizeX / 12.0))
+      add({0.7071067811865476, 0, 0.7071067811865476});
+  }
   if (v.count == 0) {
     v.count = 1;
     v.parts[0] = {{0, 0, 0}, kTissueAdc};

@@ -15,6 +15,10 @@ struct PcdPhantomOptions {
   float bValue = 1000.0f;
   float noise = 0.0f;       // Rician noise sigma as a fraction of the tissue So
   uint32_t seed = 1;
+  // one more straight bundle, along (1, 0, 1) in the xz-plane beside the crossing: the
+  // other bundles lie in the xy-plane, where a flipped z axis of the MPG setting changes
+  // no tensor, so a gradient-table check needs this one to see that flip
+  bool oblique = false;
 };
 
 // The true values of every voxel (x fastest): FA, ADC (mm^2/s) and the principal

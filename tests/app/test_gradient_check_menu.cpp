@@ -1,0 +1,114 @@
+// The gradient-table check of the MPG settings menu, under Xvfb with a real
+// pellucid-server holding a phantom whose table the program recognises: the check keeps
+// the table as given; after x and y of the setting are swapped by hand it names the swap
+// and, when the user agrees, puts the setting back as it was. Screenshots of both dialogs
+// go to BINARY_DIR/screenshots.
+#include <gtk/gtk.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/app_state.h"
+#include "app/dialogs.h"
+#include "app/gradient_check_menu.h"
+#include "app/startup.h"
+#include "io/raw_volume_file.h"
+#include "support/test_support.h"
+#include "tools/phantom/phantom.h"
+
+namespace {
+
+using quorix_test::TempDir;
+
+const bool kQuiet = setenv("GSETTINGS_BACKEND", "memory", 1) == 0 && setenv("NO_AT_BRIDGE", "1", 1) == 0;
+
+std::vector<PcdDialogSeen> g_seen;
+std::vector<PcdDialogAnswer> g_answers;
+
+void Screenshot(GtkWidget* widget, const std::string& name) {
+  GdkWindow* w = gtk_widget_get_window(widget);
+  if (w == nullptr) return;
+  GdkPixbuf* shot = gdk_pixbuf_get_from_window(w, 0, 0, gdk_window_get_width(w), gdk_window_get_height(w));
+  if (shot == nullptr) return;
+  const std::string dir = std::string(QUORIX_BINARY_DIR) + "/screenshots";
+  std::filesystem::create_directories(dir);
+  gdk_pixbuf_save(shot, (dir + "/" + name).c_str(), "png", nullptr, nullptr);
+  g_object_unref(shot);
+}
+
+TEST(GradientCheckMenu, KeepsTheTrueTableAndOffersToUndoASwap) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  TempDir dir;
+  std::filesystem::create_directory(dir.path() / "saved");
+  PcdPhantomOptions options;
+  options.sizeX = 40, options.sizeY = 40, options.sizeZ = 16;
+  options.oblique = true;
+  PcdDtiData* phantom = PCD_MakeDwiPhantom(options, nullptr);
+  ASSERT_NE(phantom, nullptr);
+  WriteRawVolumeFile(phantom->volume, dir.file("phantom.raw").c_str());
+  PCD_DeleteRawVolumeData(phantom->volume);
+  std::free(phantom);
+  quorix_test::ServerProcess server({"--volume", dir.file("phantom.raw"), "--save-dir", dir.file("saved")});
+  PCD_SetDialogResponder([](const PcdDialogSeen& seen) {
+    g_seen.push_back(seen);
+    if (seen.title == kPcdGradientCheckTitle) Screenshot(seen.window, seen.kind == PcdDialogKind::Notice ? "gradient-check-kept.png" : "gradient-check-offer.png");
+    if (g_answers.empty()) return PcdDialogAnswer{kPcdDialogCancel, ""};
+    PcdDialogAnswer a = g_answers.front();
+    g_answers.erase(g_answers.begin());
+    return a;
+  });
+  std::string number = std::to_string(server.number);
+  char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
+  testing::internal::CaptureStderr();
+  ASSERT_EQ(PCD_InitializeApplication(2, argv), 1);
+  PcdDtiData* dti = pcd_app->session.dti;
+  ASSERT_NE(dti, nullptr);
+  ASSERT_EQ(dti->isReady, 1);
+  const PcdDtiData truth = *dti;
+
+  // the item stands in the MPG menu, beside the table's own entries
+  GtkWidget* item = nullptr;
+  GtkWidget* separator = PCD_FindMenuItem(pcd_app->mainMenu, "/Setting/MPG/sep1");
+  ASSERT_NE(separator, nullptr);
+  GList* children = gtk_container_get_children(GTK_CONTAINER(gtk_widget_get_parent(separator)));
+  for (GList* c = children; c; c = c->next)
+    if (GTK_IS_MENU_ITEM(c->data) && !GTK_IS_SEPARATOR_MENU_ITEM(c->data) &&
+        std::string(gtk_menu_item_get_label(GTK_MENU_ITEM(c->data))) == kPcdGradientCheckLabel)
+      item = GTK_WIDGET(c->data);
+  g_list_free(children);
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(pcd_app->mainMenu.paths.size(), 66u);
+
+  g_seen.clear();
+  gtk_menu_item_activate(GTK_MENU_ITEM(item));
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].kind, PcdDialogKind::Notice);
+  EXPECT_EQ(g_seen[0].text.rfind("The table as given is best.\n", 0), 0u) << g_seen[0].text;
+
+  // x and y swapped by hand; the check names the swap and the answer Yes undoes it
+  for (int32_t c = 0; c < dti->channelCount; ++c) std::swap(dti->mpgVectors[c].x, dti->mpgVectors[c].y);
+  g_seen.clear();
+  g_answers = {{kPcdConfirmYes, ""}};
+  gtk_menu_item_activate(GTK_MENU_ITEM(item));
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_EQ(g_seen[0].kind, PcdDialogKind::Confirm);
+  EXPECT_EQ(g_seen[0].text.rfind("The table needs correcting: y x z (same as -y -x -z).\n", 0), 0u) << g_seen[0].text;
+  EXPECT_NE(g_seen[0].text.find("\nCorrect the MPG setting?"), std::string::npos);
+  bool same = true, negated = true;
+  for (int32_t c = 0; c < dti->channelCount; ++c) {
+    const PcdVector3D a = dti->mpgVectors[c], b = truth.mpgVectors[c];
+    same = same && a.x == b.x && a.y == b.y && a.z == b.z;
+    negated = negated && a.x == -b.x && a.y == -b.y && a.z == -b.z;
+  }
+  EXPECT_TRUE(same || negated);
+  EXPECT_STREQ(gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel)), "MPG setting corrected; compute the channels again.");
+  testing::internal::GetCapturedStderr();
+  PCD_CleanUpApplication();
+}
+
+}  // namespace
