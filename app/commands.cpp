@@ -16,6 +16,7 @@
 #include "dti/gradient_vectors.h"
 #include "io/dti_file.h"
 #include "io/raw_volume_file.h"
+#include "view/views_window.h"
 
 void cmd_not_implemented(gpointer, guint, GtkWidget*) {
   PCD_ShowNotice(kPcdNoticeTitle, kPcdNotImplemented);
@@ -131,6 +132,7 @@ void cmd_add_computational_channels(gpointer, guint, GtkWidget*) {
     std::fputs("done.\n", stderr);
   }
   std::fprintf(stderr, "%d channels added.\n", added);
+  PCDview_Redraw();  // the views' channel control reaches the new channels
 }
 
 void cmd_about(gpointer, guint, GtkWidget*) { PCD_ShowAbout(); }

@@ -120,6 +120,10 @@ bool PCD_BuildMainWindow() {
 
   app->statusLabel = gtk_label_new("");
   gtk_label_set_xalign(GTK_LABEL(app->statusLabel), 0.0f);
+  // a long status is cut at the window's edge (its whole text in the tooltip) instead of
+  // widening the window until it slides under the views
+  gtk_label_set_ellipsize(GTK_LABEL(app->statusLabel), PANGO_ELLIPSIZE_END);
+  gtk_label_set_width_chars(GTK_LABEL(app->statusLabel), 10);
   gtk_box_pack_end(GTK_BOX(app->vbox), app->statusLabel, FALSE, FALSE, 2);
 
   gtk_widget_show_all(app->window);
@@ -128,7 +132,10 @@ bool PCD_BuildMainWindow() {
 }
 
 void PCD_SetStatus(const char* text) {
-  if (pcd_app && pcd_app->statusLabel) gtk_label_set_text(GTK_LABEL(pcd_app->statusLabel), text);
+  if (pcd_app && pcd_app->statusLabel) {
+    gtk_label_set_text(GTK_LABEL(pcd_app->statusLabel), text);
+    gtk_widget_set_tooltip_text(pcd_app->statusLabel, text);
+  }
 }
 
 void PCD_RefreshMemo() {

@@ -200,9 +200,11 @@ int PCD_RunFiberTrackingStudy(PcdWorkSession* session, PcdStudyObject* study,
   context.scheme = study->tract->scheme;
   PcdFibeTrakBuffer* result = PCDdti_FiberTracking(session->dti, &context, kPcdStudyThreads);
   const int status = conclude_fiber_study(session, study, result, options);
-  if (status == 0 && options.dump)  // a file that cannot be written is skipped silently
-    PCDdti_DumpFibeTrakBufferToFile(result, session->dti->reserved,
-                                    options.dumpFile.empty() ? kPcdFiberDumpDefaultName : options.dumpFile.c_str());
+  // the file is asked for once the result is there; a cancelled question skips the dump
+  std::string dumpFile = options.dumpFile.empty() ? kPcdFiberDumpDefaultName : options.dumpFile;
+  const bool dump = status == 0 && options.dump && (!options.askTrackingDumpFile || options.askTrackingDumpFile(&dumpFile));
+  if (dump)  // a file that cannot be written is skipped silently
+    PCDdti_DumpFibeTrakBufferToFile(result, session->dti->reserved, dumpFile.c_str());
   PCDdti_DeleteFibeTrakBuffer(result);
   return status;
 }

@@ -73,6 +73,9 @@ float PCD_GetFibeTrakBufferMegabytes(const PcdFibeTrakBuffer* buffer);
 struct PcdStudyRunOptions {
   bool dump = false;
   std::string dumpFile;
+  // Tracking: asked after the run, when a dump was requested, for the file (given the
+  // default name); false skips the dump. Without it dumpFile (or the default) is written.
+  std::function<bool(std::string* file)> askTrackingDumpFile;
   // Tracking and modeling results, before they are released, with the drawn-line count.
   std::function<void(const PcdStudyObject*, const PcdFibeTrakBuffer*, int drawnLines)> drawFibers;
   // Diffusion profile: every accepted point with its diagonalised tensor, in point order;

@@ -519,6 +519,7 @@ void PCDview_CloseViewsWindow() {
 void PCDview_Redraw() {
   if (!pcd_views) return;
   FollowDataSet();
+  UpdateControls();  // channels may have been added to the same data set
   QueueDraw();
 }
 
@@ -611,9 +612,18 @@ std::string PCDview_DescribeCursor() {
   const PcdIntVector3D c = pcd_views->cursor;
   char text[256];
   double value = 0;
-  PCDview_GetVoxelValue(pcd_app->session.volume, pcd_views->channelIndex, c.x, c.y, c.z, &value);
-  const int n = std::snprintf(text, sizeof text, " (%d, %d, %d) ch. %d: %g", c.x, c.y, c.z,
-                              pcd_views->channelIndex + 1, value);
+  const PcdRawVolumeData* volume = pcd_app->session.volume;
+  const int32_t channel = pcd_views->channelIndex;
+  PCDview_GetVoxelValue(volume, channel, c.x, c.y, c.z, &value);
+  int n = 0;
+  if (channel < volume->matrixSize->channels && volume->colorFormat[channel] == PCD_RGBA_PACKED) {
+    // a colour voxel is its three components, red in the top byte
+    const auto word = static_cast<uint32_t>(value);
+    n = std::snprintf(text, sizeof text, " (%d, %d, %d) ch. %d: R %u G %u B %u", c.x, c.y, c.z, channel + 1,
+                      word >> 24, (word >> 16) & 0xFFu, (word >> 8) & 0xFFu);
+  } else {
+    n = std::snprintf(text, sizeof text, " (%d, %d, %d) ch. %d: %g", c.x, c.y, c.z, channel + 1, value);
+  }
   float fa = 0, adc = 0;
   PcdVector3D e1;
   if (n > 0 && TensorAt(c, &fa, &adc, &e1))

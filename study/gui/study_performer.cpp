@@ -207,13 +207,26 @@ void PCD_AnalyzeSelectedStudy(bool dump) {
   if (study == nullptr) return;
   PcdStudyRunOptions options;
   const bool fibers = study->type == PCD_STUDY_FIBER_TRACKING || study->type == PCD_STUDY_FIBER_MODELING;
-  if (dump && fibers) {  // the file is asked for; a cancelled dialog skips the dump
+  if (dump && study->type == PCD_STUDY_FIBER_TRACKING) {  // asked once the fibers are there
+    options.dump = true;
+    options.askTrackingDumpFile = [](std::string* file) {
+      std::string path;
+      if (!PCD_ChooseFile(PcdDialogKind::SaveFile, "Dump file", file->c_str(), &path)) return false;
+      *file = path;
+      return true;
+    };
+  } else if (dump && fibers) {  // modeling asks first; a cancelled dialog skips the dump
     std::string path;
-    const char* name = study->type == PCD_STUDY_FIBER_TRACKING ? "fibetrak_dump.txt" : "fibemodel_dump.raw";
-    options.dump = PCD_ChooseFile(PcdDialogKind::SaveFile, "Dump file", name, &path);
+    options.dump = PCD_ChooseFile(PcdDialogKind::SaveFile, "Dump file", "fibemodel_dump.raw", &path);
     options.dumpFile = path;
   } else {
     options.dump = dump;
+  }
+  // "Box VOI" regions take the box the user dragged in the views (the whole volume until then)
+  if (pcd_views != nullptr && pcd_views->boxSize.x > 0 && pcd_views->boxSize.y > 0 && pcd_views->boxSize.z > 0) {
+    options.hasBoxVoi = true;
+    options.boxOrigin = pcd_views->boxOrigin;
+    options.boxSize = pcd_views->boxSize;
   }
   options.drawFibers = [](const PcdStudyObject* s, const PcdFibeTrakBuffer* buffer, int drawn) {
     PCD_TakeStudyFiberResult(s, buffer);  // the viewer's 3D objects

@@ -45,10 +45,13 @@ std::string WriteBundlePhantom(const TempDir& dir) {
 
 std::vector<PcdDialogSeen> g_seen;
 std::vector<PcdDialogAnswer> g_answers;
+std::vector<std::string> g_summaryAtDialog;  // the selected study's summary when each dialog came
 
 void AnswerDialogs() {
   PCD_SetDialogResponder([](const PcdDialogSeen& seen) {
     g_seen.push_back(seen);
+    const PcdStudyObject* selected = pcd_app ? PCD_GetSelectedStudyObject(&pcd_app->session.studies) : nullptr;
+    g_summaryAtDialog.push_back(selected ? PCD_GetStudySummary(selected) : "");
     if (g_answers.empty()) return PcdDialogAnswer{kPcdDialogCancel, ""};
     PcdDialogAnswer a = g_answers.front();
     g_answers.erase(g_answers.begin());
@@ -289,13 +292,17 @@ TEST(StudyPages, SphereSeedTracksTheBundleAndTheSessionComesBack) {
   EXPECT_NE(err.find("Sending object for (Fiber tracking 1) with ID (2) ...done\n"), std::string::npos) << err;
   EXPECT_NE(ServerObjects(dir).find("group 2: 38 objects"), std::string::npos) << ServerObjects(dir);
 
-  // the same analysis with its dump, written where the chooser says
+  // the same analysis with its dump, written where the chooser says; the chooser comes
+  // once the fibers are there (the summary is new when it shows)
   g_seen.clear();
+  g_summaryAtDialog.clear();
   g_answers = {Chosen(dir.file("dump.txt"))};
+  PCD_SetStudySummary(PCD_GetSelectedStudyObject(&pcd_app->session.studies), "before");
   Activate(p->menu, "/Study/Special/Analyze and dump result");
   console.Take();
   ASSERT_EQ(g_seen.size(), 1u);
   EXPECT_EQ(g_seen[0].initialText, "fibetrak_dump.txt");
+  EXPECT_EQ(g_summaryAtDialog[0].rfind("Seed Points:   19\n", 0), 0u) << g_summaryAtDialog[0];
   const std::string dump = quorix_test::ReadFileText(dir.file("dump.txt"));
   EXPECT_NE(dump.find("<Dump result is from here>================================================\n19\n"),
             std::string::npos);

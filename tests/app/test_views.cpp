@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -18,6 +19,7 @@
 #include "app/startup.h"
 #include "io/raw_volume_file.h"
 #include "ipc/ipc.h"
+#include "study/gui/study_performer.h"
 #include "study/study_runner.h"
 #include "support/test_support.h"
 #include "tools/phantom/phantom.h"
@@ -290,6 +292,23 @@ TEST(SliceViews, AClickMovesTheCursorEverywhereAndTellsTheViewer) {
   EXPECT_EQ(status.rfind(" (20, 21, 3) ch. 1: ", 0), 0u) << status;
   EXPECT_NE(status.find("FA "), std::string::npos) << status;
   EXPECT_NE(status.find("e1 ("), std::string::npos) << status;
+  // the channel control reaches the computed channels: So + 12 DWIs + colour, FA, ADC, isotropic
+  double low = 0, high = 0;
+  gtk_spin_button_get_range(GTK_SPIN_BUTTON(pcd_views->channel), &low, &high);
+  EXPECT_EQ(high, 17.0);
+  // a colour voxel shows as its components; on the x bundle red leads
+  const PcdIntVector3D onX = StrongestVoxel(s.truth);
+  PCDview_SetChannel(s.colourChannel);
+  PCDview_SetCursor(onX, false);
+  unsigned r = 0, g = 0, b = 0;
+  const std::string colour = gtk_label_get_text(GTK_LABEL(pcd_app->statusLabel));
+  const size_t at = colour.find(": R ");
+  ASSERT_NE(at, std::string::npos) << colour;
+  ASSERT_EQ(std::sscanf(colour.c_str() + at, ": R %u G %u B %u", &r, &g, &b), 3) << colour;
+  EXPECT_TRUE(r > g || g > r) << colour;  // one bundle's axis, not grey
+  EXPECT_LE(std::max({r, g, b}), 255u);
+  PCDview_SetChannel(0);
+  PCDview_SetCursor({20, 21, 3}, false);
   // the slice control moves the cursor too; the wheel steps it
   gtk_spin_button_set_value(GTK_SPIN_BUTTON(Pane(0)->slice), 7);
   EXPECT_EQ(pcd_views->cursor.z, 7);
@@ -308,6 +327,20 @@ TEST(SliceViews, AClickMovesTheCursorEverywhereAndTellsTheViewer) {
   EXPECT_EQ(bb.regionSize.y, 8);
   EXPECT_EQ(bb.regionOrigin.z, 0);
   EXPECT_EQ(bb.regionSize.z, kZ);  // across the pane the box keeps the whole volume
+
+  // voxel statistics over "Box VOI", run with " Analyze and Display ", take exactly that
+  // box: x 4..10, y 5..12, every slice: 7 x 8 x 12 = 672 voxels
+  const PcdIntSize3D size{kX, kY, kZ};
+  PcdStudyObject* stats = PCD_NewStudyObject(&pcd_app->session.studies, PCD_STUDY_VOXEL_STATISTICS, &size);
+  ASSERT_NE(stats, nullptr);
+  PCD_RefreshStudyPerformer();
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 0);
+  Drain();
+  testing::internal::CaptureStderr();
+  gtk_button_clicked(GTK_BUTTON(pcd_app->analyzeButton));
+  testing::internal::GetCapturedStderr();
+  const std::string summary = PCD_GetStudySummary(stats);
+  EXPECT_EQ(summary.rfind("Tensors: 672\n", 0), 0u) << summary;
 }
 
 TEST(SliceViews, TheMouseDrawsRoisAndCtrlZTakesEditsBack) {

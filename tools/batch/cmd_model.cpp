@@ -14,6 +14,7 @@
 #include "io/raw_volume_file.h"
 #include "io/tract_file.h"
 #include "study/fiber_dump.h"
+#include "study/study_runner.h"
 #include "tools/batch/batch_input.h"
 #include "tools/batch/batch_region.h"
 
@@ -62,6 +63,8 @@ int run_model(BatchArgs& args) {
   const auto box = args.TakeValue({"--seed-box"});
   const auto perVoxel = args.TakeInteger({"--seeds-per-voxel"}, 1, 1000000);
   const auto faMin = args.TakeNumber({"--fa-min"}, -1, 2);
+  const bool noFaMin = args.TakeFlag({"--no-fa-min"});
+  const bool noSoMin = args.TakeFlag({"--no-so-min"});
   const auto adcMax = args.TakeNumber({"--adc-max"}, 0, 1);
   const auto soMin = args.TakeNumber({"--so-min"}, -40000, 40000);
   const auto soMax = args.TakeNumber({"--so-max"}, -40000, 40000);
@@ -109,6 +112,8 @@ int run_model(BatchArgs& args) {
   PcdFibeModelContext context;
   PcdDiffusionTensorLimits& l = context.limits;
   if (faMin) l.FAmin = static_cast<float>(*faMin);
+  if (noFaMin) l.useFAmin = 0;
+  if (noSoMin) l.useSoMin = 0;
   if (adcMax) l.useADCmax = 1, l.ADCmax = static_cast<float>(*adcMax);
   if (soMin) l.SoMin = static_cast<float>(*soMin);
   if (soMax) l.useSoMax = 1, l.SoMax = static_cast<float>(*soMax);
@@ -131,6 +136,7 @@ int run_model(BatchArgs& args) {
   std::printf("Seed Points:   %d\n", result->seedCount);
   std::printf("Tracked Lines:   %d\n", result->lineCount);
   std::printf("Drawn Lines:   %d\n", result->lineCount);
+  std::printf("Buffer Size:   %3.1f Mb\n", static_cast<double>(PCD_GetFibeTrakBufferMegabytes(result)));
   std::printf("Nodes:   %lld\n", static_cast<long long>(nodesWritten));
   int status = kBatchOk;
   if (fieldDump && !std::ifstream(*fieldDump).good()) status = kBatchFailed;
@@ -166,6 +172,7 @@ extern const BatchCommand kBatchModelCommand = {
     "  --seeds-per-voxel K seeds per voxel, spread evenly inside it (default 1: the centre)\n"
     "Stop criteria (defaults: FA min 0.18 and So min 0 on, the others off):\n"
     "  --fa-min F  --adc-max A (mm^2/s)  --so-min S  --so-max S  --angle-max DEG\n"
+    "  --no-fa-min  --no-so-min   switch the two stops that are on by default off\n"
     "Modeling:\n"
     "  --step H            step in voxels (default 0.7)\n"
     "  --nodes N           nodes per half-line, the seed included (default 160)\n"
