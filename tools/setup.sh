@@ -5,6 +5,7 @@ set -euo pipefail
 pkgs=(build-essential cmake pkg-config git libgtest-dev libgmock-dev libbenchmark-dev
       libgtk-3-dev libnifti2-dev zlib1g-dev xvfb xauth clang libclang-rt-14-dev)
 pkgs+=(python3-pydicom dcm2niix)  # the DICOM import tests write series and compare
+pkgs+=(libgdcm-dev libgdcm-tools)  # scanner DICOM; gdcmconv compresses test series
 if [ "${1:-}" = "--peers" ]; then pkgs+=(mrtrix3 python3-dipy hyperfine python3-scipy); fi
 missing=()
 for p in "${pkgs[@]}"; do

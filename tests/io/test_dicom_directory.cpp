@@ -14,6 +14,7 @@
 
 #include "dti/dti_data.h"
 #include "io/dicom_directory.h"
+#include "io/dicom_element.h"
 #include "io/nifti_file.h"
 #include "io/raw_volume_file.h"
 #include "support/test_support.h"
@@ -359,9 +360,13 @@ TEST(DicomDirectory, ForeignTruncatedAndGarbageFilesGiveClearLines) {
     EXPECT_EQ(in.volume, nullptr) << keep;
   }
 
-  // a slice of another matrix (same columns, more rows) is refused, not read as this one's
+  // a slice of another matrix (same columns, more rows) in the same series is refused,
+  // not read as this one's
   quorix_test::WriteFileBytes(first, whole);
-  WRITE_SERIES_OR_SKIP(dir.file("taller"), R"({"slices": 2, "y": 5})");
+  std::string seriesUid;
+  ASSERT_GE(FindDicomElement((d + "IM01007").c_str(), 0x0020, 0x000E, &seriesUid), 0);
+  while (!seriesUid.empty() && (seriesUid.back() == '\0' || seriesUid.back() == ' ')) seriesUid.pop_back();
+  WRITE_SERIES_OR_SKIP(dir.file("taller"), R"({"slices": 2, "y": 5, "series_uid": ")" + seriesUid + R"("})");
   std::filesystem::copy_file(dir.file("taller") + "/IM01007", d + "IM01007",
                              std::filesystem::copy_options::overwrite_existing);
   {

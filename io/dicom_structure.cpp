@@ -1,0 +1,195 @@
+#include "io/dicom_structure.h"
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+constexpr uint32_t kUndefined = 0xFFFFFFFF;
+constexpr uint16_t kItemGroup = 0xFFFE;
+constexpr uint16_t kItem = 0xE000, kItemEnd = 0xE00D, kSequenceEnd = 0xE0DD;
+constexpr int kMaxDepth = 12;
+
+uint16_t u16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
+uint32_t u32(const uint8_t* p) {
+  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+         static_cast<uint32_t>(p[3]) << 24;
+}
+
+bool is_vr(const uint8_t* p) { return p[0] >= 'A' && p[0] <= 'Z' && p[1] >= 'A' && p[1] <= 'Z'; }
+
+bool has_long_length(const uint8_t* vr) {
+  static const char* const kLong[] = {"OB", "OD", "OF", "OL", "OV", "OW", "SQ", "SV", "UC", "UN", "UR", "UT", "UV"};
+  for (const char* v : kLong)
+    if (vr[0] == v[0] && vr[1] == v[1]) return true;
+  return false;
+}
+
+struct Head {
+  uint16_t group = 0, element = 0;
+  bool sequence = false;  // VR "SQ" (explicit only)
+  size_t value = 0;       // offset of the value
+  uint32_t length = 0;
+};
+
+class Checker {
+ public:
+  Checker(const uint8_t* bytes) : b_(bytes) {}
+
+  // Elements of a data set from pos; with an end: exactly up to it; with untilItemEnd:
+  // up to an item delimiter, *after just past it.
+  bool data_set(size_t pos, size_t end, bool untilItemEnd, int depth, size_t* after, bool* explicitVr) {
+    if (depth > kMaxDepth) return false;
+    while (pos != end) {
+      Head h;
+      if (!head(pos, end, *explicitVr, &h)) return false;
+      if (h.group == kItemGroup) {
+        if (untilItemEnd && h.element == kItemEnd && h.length == 0) {
+          *after = h.value;
+          return true;
+        }
+        return false;
+      }
+      if (h.group == 0 && h.element == 0) return false;
+      if (h.length == kUndefined) {
+        if (!items(h.value, end, true, h.group == 0x7FE0, depth + 1, &pos, explicitVr)) return false;
+        continue;
+      }
+      if (h.length > end - h.value) return false;
+      const size_t valueEnd = h.value + h.length;
+      // an implicit sequence of defined length shows itself by its first item head
+      const bool nested = h.sequence || (!*explicitVr && h.length >= 8 && u16(b_ + h.value) == kItemGroup &&
+                                         u16(b_ + h.value + 2) == kItem);
+      if (nested) {
+        size_t ignored;
+        if (!items(h.value, valueEnd, false, false, depth + 1, &ignored, explicitVr)) return false;
+      }
+      // the meta group says how the rest is encoded
+      if (h.group == 0x0002 && h.element == 0x0010) syntax_ = std::string(reinterpret_cast<const char*>(b_ + h.value), h.length);
+      pos = valueEnd;
+    }
+    if (untilItemEnd) return false;
+    *after = end;
+    return true;
+  }
+
+  // The items of a sequence (or the fragments of encapsulated pixel data) from pos.
+  bool items(size_t pos, size_t end, bool undefined, bool fragments, int depth, size_t* after, bool* explicitVr) {
+    if (depth > kMaxDepth) return false;
+    while (true) {
+      if (!undefined && pos == end) {
+        *after = end;
+        return true;
+      }
+      if (pos > end || end - pos < 8) return false;
+      const uint16_t group = u16(b_ + pos), element = u16(b_ + pos + 2);
+      const uint32_t length = u32(b_ + pos + 4);
+      pos += 8;
+      if (group != kItemGroup) return false;
+      if (element == kSequenceEnd) {
+        if (!undefined || length != 0) return false;
+        *after = pos;
+        return true;
+      }
+      if (element != kItem) return false;
+      if (length == kUndefined) {
+        if (fragments) return false;
+        if (!data_set(pos, end, true, depth + 1, &pos, explicitVr)) return false;
+        continue;
+      }
+      if (length > end - pos) return false;
+      if (!fragments) {
+        size_t ignored;
+        if (!data_set(pos, pos + length, false, depth + 1, &ignored, explicitVr)) return false;
+      }
+      pos += length;
+    }
+  }
+
+  bool head(size_t pos, size_t end, bool explicitVr, Head* h) {
+    if (pos > end || end - pos < 8) return false;
+    const uint8_t* p = b_ + pos;
+    h->group = u16(p);
+    h->element = u16(p + 2);
+    // the meta group is always explicit; items and delimiters never are
+    const bool isExplicit = h->group != kItemGroup && (h->group == 0x0002 || explicitVr);
+    if (!isExplicit) {
+      h->length = u32(p + 4);
+      h->value = pos + 8;
+      return true;
+    }
+    if (!is_vr(p + 4)) return false;
+    h->sequence = p[4] == 'S' && p[5] == 'Q';
+    if (has_long_length(p + 4)) {
+      if (end - pos < 12) return false;
+      h->length = u32(p + 8);
+      h->value = pos + 12;
+      return true;
+    }
+    h->length = u16(p + 6);
+    h->value = pos + 8;
+    return true;
+  }
+
+  const std::string& syntax() const { return syntax_; }
+
+ private:
+  const uint8_t* b_;
+  std::string syntax_;
+};
+
+std::string trimmed(std::string s) {
+  while (!s.empty() && (s.back() == '\0' || s.back() == ' ')) s.pop_back();
+  return s;
+}
+
+}  // namespace
+
+bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size) {
+  if (bytes == nullptr) return false;
+  size_t start = 0;
+  if (size >= 132 && std::memcmp(bytes + 128, "DICM", 4) == 0) start = 132;
+  if (size - start < 8) return false;
+  Checker meta(bytes);
+  // the meta group: explicit elements of group 0002
+  size_t pos = start;
+  bool explicitVr = true;
+  while (size - pos >= 8 && u16(bytes + pos) == 0x0002) {
+    Head h;
+    if (!meta.head(pos, size, true, &h) || h.length == kUndefined || h.length > size - h.value) return false;
+    pos = h.value + h.length;
+  }
+  if (pos > start) {
+    size_t ignored;
+    bool metaExplicit = true;
+    if (!meta.data_set(start, pos, false, 0, &ignored, &metaExplicit)) return false;
+    const std::string syntax = trimmed(meta.syntax());
+    if (syntax == "1.2.840.10008.1.2") explicitVr = false;
+    else if (syntax == "1.2.840.10008.1.2.2" || syntax == "1.2.840.10008.1.2.1.99") return false;  // big endian, deflate
+  } else {
+    if (size - pos < 8) return false;
+    explicitVr = is_vr(bytes + pos + 4);
+  }
+  Checker body(bytes);
+  size_t after;
+  return body.data_set(pos, size, false, 0, &after, &explicitVr);
+}
+
+PcdMemoryStreamBuf::PcdMemoryStreamBuf(const char* data, size_t size) {
+  char* p = const_cast<char*>(data);  // only ever read
+  setg(p, p, p + size);
+}
+
+PcdMemoryStreamBuf::pos_type PcdMemoryStreamBuf::seekoff(off_type off, std::ios_base::seekdir dir,
+                                                         std::ios_base::openmode which) {
+  if (!(which & std::ios_base::in)) return pos_type(off_type(-1));
+  const off_type base = dir == std::ios_base::beg ? 0 : dir == std::ios_base::cur ? gptr() - eback() : egptr() - eback();
+  const off_type to = base + off;
+  if (to < 0 || to > egptr() - eback()) return pos_type(off_type(-1));
+  setg(eback(), eback() + to, egptr());
+  return pos_type(to);
+}
+
+PcdMemoryStreamBuf::pos_type PcdMemoryStreamBuf::seekpos(pos_type pos, std::ios_base::openmode which) {
+  return seekoff(off_type(pos), std::ios_base::beg, which);
+}

@@ -1,0 +1,26 @@
+// A check of a DICOM file's element structure before a library parses it: GDCM as Debian
+// builds it keeps its assertions, and a length that points past its parent aborts the
+// process there. So a file goes to GDCM only when every length lies within its parent,
+// sequences and items nest properly (to a bounded depth) and the data set ends exactly
+// at the end of the bytes. Little-endian only, explicit or implicit VR as the meta group's
+// transfer syntax says (or, without one, as the first element head looks).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <istream>
+#include <streambuf>
+
+// True when bytes hold a preamble and "DICM" (or no preamble at all, starting with an
+// element head) and a sound little-endian data set.
+bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size);
+
+// A read-only stream over bytes that stay alive elsewhere, seekable (GDCM seeks).
+class PcdMemoryStreamBuf : public std::streambuf {
+ public:
+  PcdMemoryStreamBuf(const char* data, size_t size);
+
+ protected:
+  pos_type seekoff(off_type off, std::ios_base::seekdir dir, std::ios_base::openmode which) override;
+  pos_type seekpos(pos_type pos, std::ios_base::openmode which) override;
+};
