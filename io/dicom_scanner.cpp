@@ -1,6 +1,5 @@
 #include "io/dicom_scanner.h"
 
-#include <gdcmCSAHeader.h>
 #include <gdcmDataSet.h>
 #include <gdcmImageReader.h>
 #include <gdcmPrivateTag.h>
@@ -263,22 +262,15 @@ std::vector<double> b_matrix_direction(const std::vector<double>& m) {
   return {v.x, v.y, v.z};
 }
 
-std::vector<double> csa_numbers(gdcm::CSAHeader& csa, const char* name, size_t max) {
-  if (!csa.FindCSAElementByName(name)) return {};
-  const gdcm::CSAElement& e = csa.GetCSAElementByName(name);
-  if (e.IsEmpty()) return {};
-  const gdcm::ByteValue* bv = e.GetByteValue();
-  if (bv == nullptr || bv->GetPointer() == nullptr) return {};
-  // items are joined by backslashes; NULs pad each item
-  std::string text(bv->GetPointer(), bv->GetLength());
-  std::replace(text.begin(), text.end(), '\0', ' ');
+// The numbers of one CSA element: its items are texts, NUL-terminated.
+std::vector<double> csa_numbers(const PcdCsaHeader& csa, const char* name, size_t max) {
+  auto it = csa.find(name);
   std::vector<double> out;
-  size_t at = 0;
-  while (at <= text.size() && out.size() < max) {
-    const size_t end = std::min(text.find('\\', at), text.size());
+  if (it == csa.end()) return out;
+  for (const std::string& item : it->second) {
+    if (out.size() >= max) break;
     double v = 0.0;
-    if (std::sscanf(text.substr(at, end - at).c_str(), "%lf", &v) == 1 && std::isfinite(v)) out.push_back(v);
-    at = end + 1;
+    if (std::sscanf(item.c_str(), "%lf", &v) == 1 && std::isfinite(v)) out.push_back(v);
   }
   return out;
 }
@@ -293,12 +285,9 @@ struct CsaFields {
 
 CsaFields read_csa(const gdcm::DataSet& ds) {
   CsaFields out;
-  const gdcm::PrivateTag& tag = gdcm::CSAHeader::GetCSAImageHeaderInfoTag();
-  if (!ds.FindDataElement(tag)) return out;
-  const gdcm::DataElement& de = ds.GetDataElement(tag);
-  if (de.GetByteValue() == nullptr) return out;
-  gdcm::CSAHeader csa;
-  if (!csa.LoadFromDataElement(de)) return out;
+  const Bytes bytes = find_bytes(ds, gdcm::PrivateTag(0x0029, 0x10, "SIEMENS CSA HEADER"));
+  PcdCsaHeader csa;
+  if (!pcd_parse_csa_header(reinterpret_cast<const uint8_t*>(bytes.data), bytes.size, &csa)) return out;
   out.loaded = true;
   const std::vector<double> mosaic = csa_numbers(csa, "NumberOfImagesInMosaic", 1);
   if (!mosaic.empty() && mosaic[0] >= 1 && mosaic[0] <= kMaxMosaicImages) out.mosaicImages = static_cast<int32_t>(mosaic[0]);
@@ -835,6 +824,38 @@ void add_information(const std::string& dir, const FileMeta& f, const Series& s,
 }
 
 }  // namespace
+
+bool pcd_parse_csa_header(const uint8_t* bytes, size_t size, PcdCsaHeader* csa) {
+  csa->clear();
+  auto u32 = [&](size_t at) {
+    return static_cast<uint32_t>(bytes[at]) | static_cast<uint32_t>(bytes[at + 1]) << 8 |
+           static_cast<uint32_t>(bytes[at + 2]) << 16 | static_cast<uint32_t>(bytes[at + 3]) << 24;
+  };
+  if (bytes == nullptr || size < 16 || std::memcmp(bytes, "SV10", 4) != 0) return false;
+  const uint32_t tags = u32(8);
+  if (tags < 1 || tags > 512) return false;
+  size_t pos = 16;
+  for (uint32_t t = 0; t < tags; ++t) {
+    if (size - pos < 84) return false;
+    const char* nameAt = reinterpret_cast<const char*>(bytes + pos);
+    const std::string name(nameAt, strnlen(nameAt, 64));
+    const uint32_t items = u32(pos + 76);
+    if (items > 512) return false;
+    pos += 84;
+    std::vector<std::string>& values = (*csa)[name];
+    for (uint32_t i = 0; i < items; ++i) {
+      if (size - pos < 16) return false;
+      const uint32_t length = u32(pos + 4);
+      pos += 16;
+      if (length > size - pos) return false;
+      const char* valueAt = reinterpret_cast<const char*>(bytes + pos);
+      if (length > 0) values.emplace_back(valueAt, strnlen(valueAt, length));
+      const size_t padded = (static_cast<size_t>(length) + 3) / 4 * 4;
+      pos += std::min(padded, size - pos);
+    }
+  }
+  return true;
+}
 
 std::vector<PcdDicomSeriesSummary> PCD_ListDicomSeries(const char* directory) {
   if (directory == nullptr) return {};

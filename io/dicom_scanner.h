@@ -10,7 +10,9 @@
 // describes, and hands it here when it is not.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -57,3 +59,11 @@ struct PcdDicomFrameDiffusion {
   bool isotropic = false;  // a trace image: stated so, or b > 0 with a zero direction
   const char* source = "";
 };
+
+// A Siemens CSA image header in its SV10 layout ("SV10", 4 bytes, tag count, 4 bytes; per
+// tag a 64-byte name, vm, 4-byte VR, syngodt, item count, 4 bytes; per item four 32-bit
+// words, the second its length, then the value padded to 4 bytes): each element's
+// non-empty items as text. Read by hand because GDCM's parser asserts on headers it
+// dislikes. False when the bytes are no such header or run short.
+using PcdCsaHeader = std::map<std::string, std::vector<std::string>>;
+bool pcd_parse_csa_header(const uint8_t* bytes, size_t size, PcdCsaHeader* csa);
