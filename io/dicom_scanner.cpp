@@ -330,6 +330,7 @@ bool ge_diffusion(const gdcm::DataSet& ds, PcdDicomFrameDiffusion* d) {
   // some releases add 10^9 (or multiples of it) to flag the b value
   d->b = b[0] >= 1e9 ? std::fmod(b[0], 1e9) : b[0];
   d->source = "GE (0043,1039) and (0019,10BB/BC/BD)";
+  d->inImageAxes = true;
   std::vector<double> g;
   for (uint8_t e : {uint8_t{0xBB}, uint8_t{0xBC}, uint8_t{0xBD}}) {
     const std::vector<double> v =
@@ -790,8 +791,13 @@ std::vector<int32_t> settle_channels(const Layout& L, PcdDicomSeries* series) {
       series->directions.push_back({0, 0, 0});
       continue;
     }
-    series->directions.push_back({static_cast<float>(dot(g, L.row) / length), static_cast<float>(dot(g, L.column) / length),
-                                  static_cast<float>(dot(g, L.normal) / length)});
+    if (d.inImageAxes)  // GE's y axis runs up the image, against the column direction
+      series->directions.push_back({static_cast<float>(g.x / length), static_cast<float>(-g.y / length),
+                                    static_cast<float>(g.z / length)});
+    else
+      series->directions.push_back({static_cast<float>(dot(g, L.row) / length),
+                                    static_cast<float>(dot(g, L.column) / length),
+                                    static_cast<float>(dot(g, L.normal) / length)});
   }
   return order;
 }

@@ -50,12 +50,15 @@ PcdRawVolumeData* pcd_read_scanner_dicom(const std::string& directory, int32_t s
 
 // ---- one file (exposed for the fuzz harness and the tests) ------------------------------
 
-// The diffusion of one frame as the file states it, in the patient (LPS) frame.
+// The diffusion of one frame as the file states it: the direction in the patient (LPS)
+// frame, except GE's, which is in the image axes (along a row, up a column, along the
+// slice normal), as dcm2niix reads it.
 struct PcdDicomFrameDiffusion {
   bool hasB = false;
   double b = 0.0;
   bool hasDirection = false;
   double direction[3] = {};
+  bool inImageAxes = false;
   bool isotropic = false;  // a trace image: stated so, or b > 0 with a zero direction
   const char* source = "";
 };

@@ -143,6 +143,11 @@ def add_vendor_diffusion(o, ds, b, g, kind):
         if g is not None:
             ds.add_new(0x0019100E, "FD", gg)
     elif v == "ge":
+        # GE states the direction in the image axes: along a row, up a column (against
+        # the column direction), along the slice normal
+        if g is not None:
+            gg = [float(np.dot(g, ax)) for ax in o["axes"]]
+            gg[1] = -gg[1]
         ds.add_new(0x00430010, "LO", "GEMS_PARM_01")
         ds.add_new(0x00431039, "IS", ["%d" % (b + 1e9 if o["ge_offset"] else b), "8", "0", "0"])
         ds.add_new(0x00190010, "LO", "GEMS_ACQU_01")
@@ -175,6 +180,7 @@ def main():
     r, cdir = np.array(o["orientation"][:3]), np.array(o["orientation"][3:])
     r, cdir = unit(r), unit(cdir)
     n = np.cross(r, cdir)
+    o["axes"] = [r, cdir, n]
     Z, X, Y = o["slices"], o["x"], o["y"]
     chans = channels_of(o)
     C = len(chans)
