@@ -29,6 +29,7 @@ constexpr int64_t kMaxFileBytes = int64_t{2} << 30;
 constexpr int32_t kMaxMatrix = 16384;
 constexpr int32_t kMaxFrames = 65536;
 constexpr int32_t kMaxMosaicImages = 1024;
+constexpr int64_t kMaxCompressionRatio = 256;
 
 // ---- small vectors --------------------------------------------------------------------
 
@@ -454,14 +455,15 @@ bool take_mosaic_frames(const CsaFields& csa, const Vec3& position, const Frame&
 // Reads the header of one file (up to its pixel data). False for what is no DICOM image
 // we can use.
 // The bytes of one file when their structure is sound enough to hand to GDCM.
-bool read_sound_bytes(const std::string& name, std::string* bytes) {
+bool read_sound_bytes(const std::string& name, std::string* bytes, int64_t* pixelBytes) {
   if (!pcd_read_whole_file(name.c_str(), kMaxFileBytes, bytes)) return false;
-  return pcd_dicom_structure_is_sound(reinterpret_cast<const uint8_t*>(bytes->data()), bytes->size());
+  return pcd_dicom_structure_is_sound(reinterpret_cast<const uint8_t*>(bytes->data()), bytes->size(), pixelBytes);
 }
 
 bool read_file_meta(const std::string& name, FileMeta* f) {
   std::string bytes;
-  if (!read_sound_bytes(name, &bytes)) return false;
+  int64_t pixelBytes = 0;
+  if (!read_sound_bytes(name, &bytes, &pixelBytes)) return false;
   PcdMemoryStreamBuf buffer(bytes.data(), bytes.size());
   std::istream stream(&buffer);
   gdcm::Reader reader;
@@ -495,6 +497,10 @@ bool read_file_meta(const std::string& name, FileMeta* f) {
   f->columns = f->storedColumns;
   const std::vector<double> frames = numbers_of(text_of(find_bytes(ds, gdcm::Tag(0x0028, 0x0008))), 1);
   const int32_t frameCount = frames.size() == 1 && frames[0] >= 1 && frames[0] <= kMaxFrames ? static_cast<int32_t>(frames[0]) : 1;
+  // the matrix the header claims must lie in the file's pixel data (compressed data within
+  // a ratio no codec we take reaches), or the pixels would size memory by a header alone
+  const int64_t claimed = int64_t{f->storedRows} * f->storedColumns * frameCount * std::max(f->bitsAllocated, 8) / 8;
+  if (claimed > pixelBytes * (is_plain_syntax(f->syntax) ? 1 : kMaxCompressionRatio)) return false;
   take_orientation(ds, f);
   take_spacing(ds, f);
 
@@ -688,7 +694,8 @@ struct Pixels {
 
 std::string read_pixels(const FileMeta& f, Pixels* out) {
   std::string bytes;
-  if (!read_sound_bytes(f.name, &bytes)) return "it changed while it was read";
+  int64_t pixelBytes = 0;
+  if (!read_sound_bytes(f.name, &bytes, &pixelBytes)) return "it changed while it was read";
   PcdMemoryStreamBuf buffer(bytes.data(), bytes.size());
   std::istream stream(&buffer);
   gdcm::ImageReader reader;

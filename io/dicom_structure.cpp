@@ -51,10 +51,13 @@ class Checker {
         return false;
       }
       if (h.group == 0 && h.element == 0) return false;
+      const bool pixels = depth == 0 && h.group == 0x7FE0 && h.element == 0x0010;
       if (h.length == kUndefined) {
         if (!items(h.value, end, true, h.group == 0x7FE0, depth + 1, &pos, explicitVr)) return false;
+        if (pixels) pixelBytes_ = static_cast<int64_t>(pos - h.value);
         continue;
       }
+      if (pixels) pixelBytes_ = h.length;
       if (h.length > end - h.value) return false;
       const size_t valueEnd = h.value + h.length;
       // an implicit sequence of defined length shows itself by its first item head
@@ -132,10 +135,12 @@ class Checker {
   }
 
   const std::string& syntax() const { return syntax_; }
+  int64_t pixel_bytes() const { return pixelBytes_; }
 
  private:
   const uint8_t* b_;
   std::string syntax_;
+  int64_t pixelBytes_ = 0;
 };
 
 std::string trimmed(std::string s) {
@@ -145,7 +150,8 @@ std::string trimmed(std::string s) {
 
 }  // namespace
 
-bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size) {
+bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size, int64_t* pixelBytes) {
+  if (pixelBytes != nullptr) *pixelBytes = 0;
   if (bytes == nullptr) return false;
   size_t start = 0;
   if (size >= 132 && std::memcmp(bytes + 128, "DICM", 4) == 0) start = 132;
@@ -172,7 +178,9 @@ bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size) {
   }
   Checker body(bytes);
   size_t after;
-  return body.data_set(pos, size, false, 0, &after, &explicitVr);
+  if (!body.data_set(pos, size, false, 0, &after, &explicitVr)) return false;
+  if (pixelBytes != nullptr) *pixelBytes = body.pixel_bytes();
+  return true;
 }
 
 PcdMemoryStreamBuf::PcdMemoryStreamBuf(const char* data, size_t size) {

@@ -12,8 +12,10 @@
 #include <streambuf>
 
 // True when bytes hold a preamble and "DICM" (or no preamble at all, starting with an
-// element head) and a sound little-endian data set.
-bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size);
+// element head) and a sound little-endian data set. pixelBytes, when given, receives the
+// length of the top-level pixel data (7FE0,0010), for encapsulated data the bytes of its
+// fragments; 0 without pixel data.
+bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size, int64_t* pixelBytes = nullptr);
 
 // A read-only stream over bytes that stay alive elsewhere, seekable (GDCM seeks).
 class PcdMemoryStreamBuf : public std::streambuf {
