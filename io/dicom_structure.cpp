@@ -16,7 +16,16 @@ uint32_t u32(const uint8_t* p) {
          static_cast<uint32_t>(p[3]) << 24;
 }
 
-bool is_vr(const uint8_t* p) { return p[0] >= 'A' && p[0] <= 'Z' && p[1] >= 'A' && p[1] <= 'Z'; }
+// Only the value representations of the standard: a reader meeting any other pair reads
+// the head as implicit, and would then take a different length than this check.
+bool is_vr(const uint8_t* p) {
+  static const char* const kAll[] = {"AE", "AS", "AT", "CS", "DA", "DS", "DT", "FL", "FD", "IS", "LO", "LT",
+                                     "OB", "OD", "OF", "OL", "OV", "OW", "PN", "SH", "SL", "SQ", "SS", "ST",
+                                     "SV", "TM", "UC", "UI", "UL", "UN", "UR", "US", "UT", "UV"};
+  for (const char* v : kAll)
+    if (p[0] == v[0] && p[1] == v[1]) return true;
+  return false;
+}
 
 bool has_long_length(const uint8_t* vr) {
   static const char* const kLong[] = {"OB", "OD", "OF", "OL", "OV", "OW", "SQ", "SV", "UC", "UN", "UR", "UT", "UV"};
