@@ -57,9 +57,20 @@ def fa(values):
     return math.sqrt(1.5 * sum((v - m) ** 2 for v in values) / sum(v * v for v in values))
 
 
+def spread_directions(n):
+    """n directions on a half sphere (a Fibonacci spiral), for the larger benchmark series."""
+    out = []
+    for k in range(n):
+        z = 1 - (k + 0.5) / n
+        phi = k * math.pi * (3 - math.sqrt(5))
+        out.append(unit([math.sqrt(1 - z * z) * math.cos(phi), math.sqrt(1 - z * z) * math.sin(phi), z]))
+    return out
+
+
 def channels_of(o):
     """(b, direction or None, kind) in acquisition order; kind: b0, dwi, trace."""
-    chans = [(1000.0, g, "dwi") for g in DIRECTIONS]
+    directions = DIRECTIONS if o["directions"] == len(DIRECTIONS) else spread_directions(o["directions"])
+    chans = [(1000.0, g, "dwi") for g in directions]
     chans.insert(o["b0_position"], (0.0, None, "b0"))
     if o["trace"]:
         chans.insert(o["trace_position"], (1000.0, None, "trace"))
@@ -174,7 +185,8 @@ def main():
     o = {"layout": "classic", "vendor": "standard", "x": 6, "y": 5, "slices": 4, "pixel": 2.0, "spacing": 2.0,
          "orientation": [0.866025, 0.5, 0, -0.5, 0.866025, 0], "origin": [-10.0, 20.0, 30.0], "implicit": False,
          "b0_position": 0, "trace": False, "trace_position": 8, "unsigned": False, "slope": 1.0, "intercept": 0.0,
-         "reverse_normal": False, "localizer": False, "ge_offset": False}
+         "reverse_normal": False, "localizer": False, "ge_offset": False,
+         "directions": len(DIRECTIONS)}
     o.update(json.loads(sys.argv[3]) if len(sys.argv) > 3 else {})
     os.makedirs(out, exist_ok=True)
     r, cdir = np.array(o["orientation"][:3]), np.array(o["orientation"][3:])
