@@ -456,8 +456,9 @@ bool take_mosaic_frames(const CsaFields& csa, const Vec3& position, const Frame&
 // we can use.
 // The bytes of one file when their structure is sound enough to hand to GDCM.
 bool read_sound_bytes(const std::string& name, std::string* bytes, int64_t* pixelBytes) {
-  if (!pcd_read_whole_file(name.c_str(), kMaxFileBytes, bytes)) return false;
-  return pcd_dicom_structure_is_sound(reinterpret_cast<const uint8_t*>(bytes->data()), bytes->size(), pixelBytes);
+  std::string raw;
+  if (!pcd_read_whole_file(name.c_str(), kMaxFileBytes, &raw)) return false;
+  return pcd_dicom_canonical_bytes(reinterpret_cast<const uint8_t*>(raw.data()), raw.size(), bytes, pixelBytes);
 }
 
 bool read_file_meta(const std::string& name, FileMeta* f) {
@@ -894,6 +895,8 @@ bool pcd_dicom_directory_needs_scanner(const std::string& directory) {
 
 PcdRawVolumeData* pcd_read_scanner_dicom(const std::string& dir, int32_t seriesIndex, std::string* information,
                                          PcdDicomSeries* series) {
+  PcdDicomSeries local;
+  if (series == nullptr) series = &local;
   const std::vector<FileMeta> metas = read_directory_meta(dir);
   const std::vector<Series> all = group_series(metas);
   std::fprintf(stderr, "DICOM series found: %d (in %d files)\n", static_cast<int>(all.size()),

@@ -159,8 +159,29 @@ std::string trimmed(std::string s) {
 
 }  // namespace
 
-bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size, int64_t* pixelBytes) {
-  if (pixelBytes != nullptr) *pixelBytes = 0;
+namespace {
+
+// Where the data set starts and how it is encoded, when the whole file is sound.
+struct Layout {
+  size_t dataSet = 0;
+  bool explicitVr = true;
+  std::string syntax;  // as the meta group names it, or empty
+  int64_t pixelBytes = 0;
+};
+
+// Little-endian syntaxes: the two uncompressed ones, JPEG (baseline, extended, lossless),
+// JPEG-LS, JPEG 2000 and RLE.
+bool is_known_syntax(const std::string& uid) {
+  static const char* const kKnown[] = {"1.2.840.10008.1.2",      "1.2.840.10008.1.2.1",    "1.2.840.10008.1.2.4.50",
+                                       "1.2.840.10008.1.2.4.51", "1.2.840.10008.1.2.4.57", "1.2.840.10008.1.2.4.70",
+                                       "1.2.840.10008.1.2.4.80", "1.2.840.10008.1.2.4.81", "1.2.840.10008.1.2.4.90",
+                                       "1.2.840.10008.1.2.4.91", "1.2.840.10008.1.2.5"};
+  for (const char* k : kKnown)
+    if (uid == k) return true;
+  return false;
+}
+
+bool check_file(const uint8_t* bytes, size_t size, Layout* out) {
   if (bytes == nullptr) return false;
   size_t start = 0;
   if (size >= 132 && std::memcmp(bytes + 128, "DICM", 4) == 0) start = 132;
@@ -174,21 +195,62 @@ bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size, int64_t* pi
     if (!meta.head(pos, size, true, &h) || h.length == kUndefined || h.length > size - h.value) return false;
     pos = h.value + h.length;
   }
+  std::string syntax;
   if (pos > start) {
     size_t ignored;
     bool metaExplicit = true;
     if (!meta.data_set(start, pos, false, 0, &ignored, &metaExplicit)) return false;
-    const std::string syntax = trimmed(meta.syntax());
+    syntax = trimmed(meta.syntax());
+    if (syntax.empty()) return false;  // a meta group that does not say how the rest is encoded
+    if (!is_known_syntax(syntax)) return false;  // big endian, deflate, or what no codec here decodes
     if (syntax == "1.2.840.10008.1.2") explicitVr = false;
-    else if (syntax == "1.2.840.10008.1.2.2" || syntax == "1.2.840.10008.1.2.1.99") return false;  // big endian, deflate
-  } else {
-    if (size - pos < 8) return false;
-    explicitVr = is_vr(bytes + pos + 4);
   }
+  if (size - pos < 8) return false;  // no data set at all
+  if (pos == start) explicitVr = is_vr(bytes + pos + 4);
   Checker body(bytes);
   size_t after;
   if (!body.data_set(pos, size, false, 0, &after, &explicitVr)) return false;
-  if (pixelBytes != nullptr) *pixelBytes = body.pixel_bytes();
+  out->dataSet = pos;
+  out->explicitVr = explicitVr;
+  out->syntax = syntax;
+  out->pixelBytes = body.pixel_bytes();
+  return true;
+}
+
+void put_element(std::string* out, uint16_t element, const char* vr, const std::string& value) {
+  const char head[8] = {0x02, 0x00, static_cast<char>(element & 0xFF), static_cast<char>(element >> 8), vr[0], vr[1],
+                        static_cast<char>(value.size() & 0xFF), static_cast<char>(value.size() >> 8)};
+  out->append(head, 8);
+  out->append(value);
+}
+
+}  // namespace
+
+bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size, int64_t* pixelBytes) {
+  if (pixelBytes != nullptr) *pixelBytes = 0;
+  Layout layout;
+  if (!check_file(bytes, size, &layout)) return false;
+  if (pixelBytes != nullptr) *pixelBytes = layout.pixelBytes;
+  return true;
+}
+
+bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* out, int64_t* pixelBytes) {
+  Layout layout;
+  if (!check_file(bytes, size, &layout)) return false;
+  std::string syntax = !layout.syntax.empty() ? layout.syntax
+                       : layout.explicitVr   ? "1.2.840.10008.1.2.1"
+                                             : "1.2.840.10008.1.2";
+  if (syntax.size() % 2 != 0) syntax.push_back('\0');
+  std::string meta;
+  put_element(&meta, 0x0010, "UI", syntax);
+  std::string length(4, '\0');
+  for (int i = 0; i < 4; ++i) length[static_cast<size_t>(i)] = static_cast<char>(meta.size() >> (8 * i));
+  out->assign(128, '\0');
+  out->append("DICM");
+  put_element(out, 0x0000, "UL", length);
+  out->append(meta);
+  out->append(reinterpret_cast<const char*>(bytes) + layout.dataSet, size - layout.dataSet);
+  if (pixelBytes != nullptr) *pixelBytes = layout.pixelBytes;
   return true;
 }
 

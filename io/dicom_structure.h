@@ -17,6 +17,14 @@
 // fragments; 0 without pixel data.
 bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size, int64_t* pixelBytes = nullptr);
 
+// The bytes GDCM is given: a sound file (as above, with a non-empty data set) rebuilt as a
+// zero preamble, "DICM", a meta group of its group length and the transfer syntax the
+// check read the data set with, then the data set's bytes unchanged. So GDCM never
+// meets a meta group of its own choosing or guesses an encoding the check did not use.
+// False (out untouched) for a file that is not sound.
+#include <string>
+bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* out, int64_t* pixelBytes);
+
 // A read-only stream over bytes that stay alive elsewhere, seekable (GDCM seeks).
 class PcdMemoryStreamBuf : public std::streambuf {
  public:

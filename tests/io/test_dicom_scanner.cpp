@@ -457,3 +457,37 @@ TEST(DicomScanner, AgreesWithDcm2niixInTheWorldInEveryLayout) {
 }
 
 }  // namespace
+
+namespace {
+
+// Files the fuzzer found GDCM aborting on: a meta group with no data set after it, and
+// one without a transfer syntax. The check refuses both, so the directory import says
+// what it found instead of ending the process.
+TEST(DicomScanner, FilesOfAMetaGroupAloneNeverReachGdcm) {
+  auto element = [](std::vector<uint8_t>* b, uint16_t e, const char* vr, const std::string& v) {
+    const uint8_t head[8] = {0x02, 0x00, static_cast<uint8_t>(e), static_cast<uint8_t>(e >> 8), static_cast<uint8_t>(vr[0]),
+                             static_cast<uint8_t>(vr[1]), static_cast<uint8_t>(v.size()), static_cast<uint8_t>(v.size() >> 8)};
+    b->insert(b->end(), head, head + 8);
+    b->insert(b->end(), v.begin(), v.end());
+  };
+  std::vector<uint8_t> metaOnly(128, 0);
+  metaOnly.insert(metaOnly.end(), {'D', 'I', 'C', 'M'});
+  element(&metaOnly, 0x0002, "UI", std::string("1.2.840.10008.5.1.4.1.1.4\0", 26));
+  std::vector<uint8_t> withSyntax = metaOnly;
+  element(&withSyntax, 0x0010, "UI", std::string("1.2.840.10008.1.2\0", 18));
+  // a data set element after a meta group without syntax
+  std::vector<uint8_t> noSyntax = metaOnly;
+  noSyntax.insert(noSyntax.end(), {0x08, 0x00, 0x60, 0x00, 'C', 'S', 2, 0, 'M', 'R'});
+  TempDir dir;
+  for (const auto* file : {&metaOnly, &withSyntax, &noSyntax}) {
+    EXPECT_FALSE(pcd_dicom_structure_is_sound(file->data(), file->size()));
+    std::filesystem::create_directories(dir.file("d"));
+    quorix_test::WriteFileBytes(dir.file("d/a.dcm"), *file);
+    EXPECT_TRUE(PCD_ListDicomSeries(dir.file("d").c_str()).empty());
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(pcd_read_scanner_dicom(dir.file("d") + "/", 0, nullptr, nullptr), nullptr);
+    EXPECT_TRUE(HasLine(testing::internal::GetCapturedStderr(), "Err: no DICOM image in "));
+  }
+}
+
+}  // namespace
