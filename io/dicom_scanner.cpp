@@ -1,7 +1,7 @@
 #include "io/dicom_scanner.h"
 
 #include <gdcmDataSet.h>
-#include <gdcmImageReader.h>
+#include <gdcmImage.h>
 #include <gdcmPrivateTag.h>
 #include <gdcmReader.h>
 #include <gdcmSequenceOfItems.h>
@@ -172,7 +172,7 @@ struct FileMeta {
   Vec3 row{1, 0, 0}, column{0, 1, 0};
   double pixelSpacing[2] = {0, 0};  // between rows, between columns
   double sliceSpacing = 0.0;
-  int32_t bitsAllocated = 0;
+  int32_t bitsAllocated = 0, bitsStored = 0, samplesPerPixel = 0, pixelRepresentation = 0;
   std::vector<Frame> frames;
   std::string institution, date, patientName, patientId, model;
 };
@@ -455,16 +455,17 @@ bool take_mosaic_frames(const CsaFields& csa, const Vec3& position, const Frame&
 // Reads the header of one file (up to its pixel data). False for what is no DICOM image
 // we can use.
 // The bytes of one file when their structure is sound enough to hand to GDCM.
-bool read_sound_bytes(const std::string& name, std::string* bytes, int64_t* pixelBytes) {
+bool read_sound_bytes(const std::string& name, std::string* bytes, PcdDicomPixelSpan* pixels) {
   std::string raw;
   if (!pcd_read_whole_file(name.c_str(), kMaxFileBytes, &raw)) return false;
-  return pcd_dicom_canonical_bytes(reinterpret_cast<const uint8_t*>(raw.data()), raw.size(), bytes, pixelBytes);
+  return pcd_dicom_canonical_bytes(reinterpret_cast<const uint8_t*>(raw.data()), raw.size(), bytes, pixels);
 }
 
 bool read_file_meta(const std::string& name, FileMeta* f) {
   std::string bytes;
-  int64_t pixelBytes = 0;
-  if (!read_sound_bytes(name, &bytes, &pixelBytes)) return false;
+  PcdDicomPixelSpan span;
+  if (!read_sound_bytes(name, &bytes, &span)) return false;
+  const int64_t pixelBytes = span.length;
   PcdMemoryStreamBuf buffer(bytes.data(), bytes.size());
   std::istream stream(&buffer);
   gdcm::Reader reader;
@@ -492,6 +493,9 @@ bool read_file_meta(const std::string& name, FileMeta* f) {
   f->storedRows = us_of(find_bytes(ds, gdcm::Tag(0x0028, 0x0010)));
   f->storedColumns = us_of(find_bytes(ds, gdcm::Tag(0x0028, 0x0011)));
   f->bitsAllocated = us_of(find_bytes(ds, gdcm::Tag(0x0028, 0x0100)));
+  f->bitsStored = us_of(find_bytes(ds, gdcm::Tag(0x0028, 0x0101)));
+  f->samplesPerPixel = us_of(find_bytes(ds, gdcm::Tag(0x0028, 0x0002)));
+  f->pixelRepresentation = us_of(find_bytes(ds, gdcm::Tag(0x0028, 0x0103)));
   if (f->storedRows < 1 || f->storedColumns < 1 || f->storedRows > kMaxMatrix || f->storedColumns > kMaxMatrix)
     return false;
   f->rows = f->storedRows;
@@ -693,35 +697,47 @@ struct Pixels {
   uint32_t width = 0, height = 0, frames = 0;
 };
 
+// Uncompressed pixels are taken from the bytes as they lie; compressed ones are decoded by
+// GDCM's codecs through an image made from the checked header values alone (GDCM's own
+// reading of an image's header asserts on values it dislikes).
 std::string read_pixels(const FileMeta& f, Pixels* out) {
   std::string bytes;
-  int64_t pixelBytes = 0;
-  if (!read_sound_bytes(f.name, &bytes, &pixelBytes)) return "it changed while it was read";
+  PcdDicomPixelSpan span;
+  if (!read_sound_bytes(f.name, &bytes, &span)) return "it changed while it was read";
+  if (span.offset < 0) return "it has no pixel data";
+  if (f.samplesPerPixel > 1) return "its pixels are not monochrome";
+  const int32_t bits = f.bitsAllocated == 0 ? 16 : f.bitsAllocated;
+  if (bits != 8 && bits != 16 && bits != 32) return "its pixels are not 8, 16 or 32-bit integers";
+  const int32_t stored = f.bitsStored >= 1 && f.bitsStored <= bits ? f.bitsStored : bits;
+  out->format = gdcm::PixelFormat(1, static_cast<unsigned short>(bits), static_cast<unsigned short>(stored),
+                                  static_cast<unsigned short>(stored - 1), f.pixelRepresentation == 1 ? 1 : 0);
+  out->width = static_cast<uint32_t>(f.storedColumns);
+  out->height = static_cast<uint32_t>(f.storedRows);
+  out->frames = f.mosaicTiles > 0 ? 1 : static_cast<uint32_t>(f.frames.size());
+  const int64_t needed = int64_t{out->width} * out->height * out->frames * (bits / 8);
+  if (is_plain_syntax(f.syntax)) {
+    if (span.encapsulated || span.length < needed) return "its pixel data are shorter than its matrix";
+    out->buffer.assign(bytes.data() + span.offset, bytes.data() + span.offset + needed);
+    return {};
+  }
   PcdMemoryStreamBuf buffer(bytes.data(), bytes.size());
   std::istream stream(&buffer);
-  gdcm::ImageReader reader;
+  gdcm::Reader reader;
   reader.SetStream(stream);
-  if (!reader.Read()) return "GDCM cannot read its pixel data";
-  const gdcm::Image& image = reader.GetImage();
-  out->format = image.GetPixelFormat();
-  if (out->format.GetSamplesPerPixel() != 1) return "its pixels are not monochrome";
-  const unsigned dims = image.GetNumberOfDimensions();
-  out->width = image.GetDimension(0);
-  out->height = image.GetDimension(1);
-  out->frames = dims > 2 ? image.GetDimension(2) : 1;
-  if (static_cast<int64_t>(out->width) != f.storedColumns || static_cast<int64_t>(out->height) != f.storedRows)
-    return "its pixel matrix differs from its rows and columns";
-  const int64_t perPixel = out->format.GetPixelSize();
-  const int64_t needed = int64_t{out->width} * out->height * std::max<int64_t>(out->frames, 1) * perPixel;
-  const int64_t frameCount = f.mosaicTiles > 0 ? 1 : static_cast<int64_t>(f.frames.size());
-  if (static_cast<int64_t>(out->frames) != frameCount) return "its frame count differs from its header";
-  switch (out->format.GetScalarType()) {
-    case gdcm::PixelFormat::UINT8: case gdcm::PixelFormat::INT8: case gdcm::PixelFormat::UINT16:
-    case gdcm::PixelFormat::INT16: case gdcm::PixelFormat::UINT32: case gdcm::PixelFormat::INT32: break;
-    default: return "its pixels are not 8, 16 or 32-bit integers";
-  }
-  if (static_cast<int64_t>(image.GetBufferLength()) < needed || needed <= 0) return "its pixel data are shorter than its matrix";
-  out->buffer.resize(image.GetBufferLength());
+  if (!reader.Read()) return "GDCM cannot read it";
+  const gdcm::DataSet& ds = reader.GetFile().GetDataSet();
+  if (!ds.FindDataElement(gdcm::Tag(0x7FE0, 0x0010))) return "it has no pixel data";
+  gdcm::Image image;
+  image.SetNumberOfDimensions(out->frames > 1 ? 3 : 2);
+  image.SetDimension(0, out->width);
+  image.SetDimension(1, out->height);
+  if (out->frames > 1) image.SetDimension(2, out->frames);
+  image.SetPixelFormat(out->format);
+  image.SetPhotometricInterpretation(gdcm::PhotometricInterpretation::MONOCHROME2);
+  image.SetTransferSyntax(gdcm::TransferSyntax::GetTSType(f.syntax.c_str()));
+  image.SetDataElement(ds.GetDataElement(gdcm::Tag(0x7FE0, 0x0010)));
+  if (static_cast<int64_t>(image.GetBufferLength()) != needed) return "its pixel data do not match its matrix";
+  out->buffer.resize(static_cast<size_t>(needed));
   if (!image.GetBuffer(out->buffer.data())) return "its pixel data cannot be decoded";
   return {};
 }

@@ -63,10 +63,18 @@ class Checker {
       const bool pixels = depth == 0 && h.group == 0x7FE0 && h.element == 0x0010;
       if (h.length == kUndefined) {
         if (!items(h.value, end, true, h.group == 0x7FE0, depth + 1, &pos, explicitVr)) return false;
-        if (pixels) pixelBytes_ = static_cast<int64_t>(pos - h.value);
+        if (pixels) {
+          pixelBytes_ = static_cast<int64_t>(pos - h.value);
+          pixelOffset_ = static_cast<int64_t>(h.value);
+          encapsulated_ = true;
+        }
         continue;
       }
-      if (pixels) pixelBytes_ = h.length;
+      if (pixels) {
+        pixelBytes_ = h.length;
+        pixelOffset_ = static_cast<int64_t>(h.value);
+        encapsulated_ = false;
+      }
       if (h.length > end - h.value) return false;
       const size_t valueEnd = h.value + h.length;
       // an implicit sequence of defined length shows itself by its first item head
@@ -145,11 +153,15 @@ class Checker {
 
   const std::string& syntax() const { return syntax_; }
   int64_t pixel_bytes() const { return pixelBytes_; }
+  int64_t pixel_offset() const { return pixelOffset_; }
+  bool encapsulated() const { return encapsulated_; }
 
  private:
   const uint8_t* b_;
   std::string syntax_;
   int64_t pixelBytes_ = 0;
+  int64_t pixelOffset_ = -1;
+  bool encapsulated_ = false;
 };
 
 std::string trimmed(std::string s) {
@@ -167,6 +179,8 @@ struct Layout {
   bool explicitVr = true;
   std::string syntax;  // as the meta group names it, or empty
   int64_t pixelBytes = 0;
+  int64_t pixelOffset = -1;  // in the file's bytes
+  bool encapsulated = false;
 };
 
 // Little-endian syntaxes: the two uncompressed ones, JPEG (baseline, extended, lossless),
@@ -214,6 +228,8 @@ bool check_file(const uint8_t* bytes, size_t size, Layout* out) {
   out->explicitVr = explicitVr;
   out->syntax = syntax;
   out->pixelBytes = body.pixel_bytes();
+  out->pixelOffset = body.pixel_offset();
+  out->encapsulated = body.encapsulated();
   return true;
 }
 
@@ -234,7 +250,7 @@ bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size, int64_t* pi
   return true;
 }
 
-bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* out, int64_t* pixelBytes) {
+bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* out, PcdDicomPixelSpan* pixels) {
   Layout layout;
   if (!check_file(bytes, size, &layout)) return false;
   std::string syntax = !layout.syntax.empty() ? layout.syntax
@@ -249,8 +265,16 @@ bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* o
   out->append("DICM");
   put_element(out, 0x0000, "UL", length);
   out->append(meta);
+  const size_t head = out->size();
   out->append(reinterpret_cast<const char*>(bytes) + layout.dataSet, size - layout.dataSet);
-  if (pixelBytes != nullptr) *pixelBytes = layout.pixelBytes;
+  if (pixels != nullptr) {
+    *pixels = PcdDicomPixelSpan{};
+    if (layout.pixelOffset >= 0) {
+      pixels->offset = layout.pixelOffset - static_cast<int64_t>(layout.dataSet) + static_cast<int64_t>(head);
+      pixels->length = layout.pixelBytes;
+      pixels->encapsulated = layout.encapsulated;
+    }
+  }
   return true;
 }
 

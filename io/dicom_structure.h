@@ -22,8 +22,14 @@ bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size, int64_t* pi
 // check read the data set with, then the data set's bytes unchanged. So GDCM never
 // meets a meta group of its own choosing or guesses an encoding the check did not use.
 // False (out untouched) for a file that is not sound.
+// pixels, when given, receives where the top-level pixel data lie in out.
 #include <string>
-bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* out, int64_t* pixelBytes);
+struct PcdDicomPixelSpan {
+  int64_t offset = -1;        // of the value in the rebuilt bytes, -1 without pixel data
+  int64_t length = 0;         // of the value; for encapsulated data the bytes of its items
+  bool encapsulated = false;  // undefined length: compressed fragments
+};
+bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* out, PcdDicomPixelSpan* pixels);
 
 // A read-only stream over bytes that stay alive elsewhere, seekable (GDCM seeks).
 class PcdMemoryStreamBuf : public std::streambuf {
