@@ -434,7 +434,8 @@ bool take_enhanced_frames(const gdcm::DataSet& ds, int32_t frameCount, FileMeta*
 bool take_mosaic_frames(const CsaFields& csa, const Vec3& position, const Frame& base, FileMeta* f) {
   const int32_t n = csa.mosaicImages;
   const auto tiles = static_cast<int32_t>(std::ceil(std::sqrt(static_cast<double>(n)) - 1e-9));
-  if (tiles < 1 || f->storedRows % tiles != 0 || f->storedColumns % tiles != 0) return false;
+  // tiles need a place along the normal: without a slice spacing they would all coincide
+  if (tiles < 1 || f->storedRows % tiles != 0 || f->storedColumns % tiles != 0 || !(f->sliceSpacing > 0)) return false;
   f->mosaicTiles = tiles;
   f->rows = f->storedRows / tiles;
   f->columns = f->storedColumns / tiles;
