@@ -678,8 +678,10 @@ PcdRawVolumeData* ReadDicomDirectorySeries(const char* directory, int32_t series
   out = PcdDicomSeries{};
   std::string dir = directory;
   if (dir.empty() || dir.back() != '/') dir += '/';
-  if (seriesIndex > 1 || pcd_dicom_directory_needs_scanner(dir))
-    return pcd_read_scanner_dicom(dir, seriesIndex, information, &out);
+  // every header read once; the minimal reader reads its files itself
+  const std::shared_ptr<const PcdDicomDirectoryScan> scan = pcd_scan_dicom_directory(dir);
+  if (seriesIndex > 1 || pcd_dicom_scan_needs_scanner(*scan))
+    return pcd_read_scanner_dicom(*scan, seriesIndex, information, &out);
   return read_slice_files(dir, information, out);
 }
 

@@ -7,6 +7,11 @@
 #include <gdcmSequenceOfItems.h>
 #include <gdcmTrace.h>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -16,6 +21,7 @@
 #include <memory>
 #include <set>
 #include <system_error>
+#include <type_traits>
 
 #include "io/c_locale.h"
 #include "io/dicom_structure.h"
@@ -455,17 +461,42 @@ bool take_mosaic_frames(const CsaFields& csa, const Vec3& position, const Frame&
 
 // Reads the header of one file (up to its pixel data). False for what is no DICOM image
 // we can use.
-// The bytes of one file when their structure is sound enough to hand to GDCM.
-bool read_sound_bytes(const std::string& name, std::string* bytes, PcdDicomPixelSpan* pixels) {
-  std::string raw;
-  if (!pcd_read_whole_file(name.c_str(), kMaxFileBytes, &raw)) return false;
-  return pcd_dicom_canonical_bytes(reinterpret_cast<const uint8_t*>(raw.data()), raw.size(), bytes, pixels);
+// A file's bytes, mapped read-only while they are needed: nothing is zeroed or copied for
+// the pixel data that a pass does not use.
+class MappedBytes {
+ public:
+  explicit MappedBytes(const std::string& name) {
+    const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    struct stat st {};
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 && st.st_size <= kMaxFileBytes) {
+      void* p = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+      if (p != MAP_FAILED) data_ = static_cast<const uint8_t*>(p), size_ = static_cast<size_t>(st.st_size);
+    }
+    ::close(fd);
+  }
+  ~MappedBytes() {
+    if (data_ != nullptr) munmap(const_cast<uint8_t*>(data_), size_);
+  }
+  MappedBytes(const MappedBytes&) = delete;
+  MappedBytes& operator=(const MappedBytes&) = delete;
+  const uint8_t* data() const { return data_; }
+  size_t size() const { return size_; }
+
+ private:
+  const uint8_t* data_ = nullptr;
+  size_t size_ = 0;
+};
+
+// The bytes of one file, rebuilt for GDCM, when their structure is sound.
+bool read_sound_bytes(const MappedBytes& file, std::string* bytes, PcdDicomPixelSpan* pixels, bool headerOnly) {
+  return file.data() != nullptr && pcd_dicom_canonical_bytes(file.data(), file.size(), bytes, pixels, headerOnly);
 }
 
 bool read_file_meta(const std::string& name, FileMeta* f) {
   std::string bytes;
   PcdDicomPixelSpan span;
-  if (!read_sound_bytes(name, &bytes, &span)) return false;
+  if (!read_sound_bytes(MappedBytes(name), &bytes, &span, true)) return false;
   const int64_t pixelBytes = span.length;
   PcdMemoryStreamBuf buffer(bytes.data(), bytes.size());
   std::istream stream(&buffer);
@@ -702,9 +733,11 @@ struct Pixels {
 // GDCM's codecs through an image made from the checked header values alone (GDCM's own
 // reading of an image's header asserts on values it dislikes).
 std::string read_pixels(const FileMeta& f, Pixels* out) {
+  const MappedBytes file(f.name);
   std::string bytes;
   PcdDicomPixelSpan span;
-  if (!read_sound_bytes(f.name, &bytes, &span)) return "it changed while it was read";
+  const bool plain = is_plain_syntax(f.syntax);
+  if (!read_sound_bytes(file, &bytes, &span, plain)) return "it changed while it was read";
   if (span.offset < 0) return "it has no pixel data";
   if (f.samplesPerPixel > 1) return "its pixels are not monochrome";
   const int32_t bits = f.bitsAllocated == 0 ? 16 : f.bitsAllocated;
@@ -716,9 +749,10 @@ std::string read_pixels(const FileMeta& f, Pixels* out) {
   out->height = static_cast<uint32_t>(f.storedRows);
   out->frames = f.mosaicTiles > 0 ? 1 : static_cast<uint32_t>(f.frames.size());
   const int64_t needed = int64_t{out->width} * out->height * out->frames * (bits / 8);
-  if (is_plain_syntax(f.syntax)) {
+  if (plain) {
     if (span.encapsulated || span.length < needed) return "its pixel data are shorter than its matrix";
-    out->buffer.assign(bytes.data() + span.offset, bytes.data() + span.offset + needed);
+    const char* at = reinterpret_cast<const char*>(file.data()) + span.fileOffset;
+    out->buffer.assign(at, at + needed);
     return {};
   }
   PcdMemoryStreamBuf buffer(bytes.data(), bytes.size());
@@ -743,16 +777,20 @@ std::string read_pixels(const FileMeta& f, Pixels* out) {
   return {};
 }
 
-double stored_value(const Pixels& p, size_t index) {
-  const char* at = p.buffer.data();
-  switch (p.format.GetScalarType()) {
-    case gdcm::PixelFormat::UINT8: return static_cast<uint8_t>(at[index]);
-    case gdcm::PixelFormat::INT8: return static_cast<int8_t>(at[index]);
-    case gdcm::PixelFormat::UINT16: { uint16_t v; std::memcpy(&v, at + 2 * index, 2); return v; }
-    case gdcm::PixelFormat::INT16: { int16_t v; std::memcpy(&v, at + 2 * index, 2); return v; }
-    case gdcm::PixelFormat::UINT32: { uint32_t v; std::memcpy(&v, at + 4 * index, 4); return v; }
-    case gdcm::PixelFormat::INT32: { int32_t v; std::memcpy(&v, at + 4 * index, 4); return v; }
-    default: return 0.0;
+// One row of stored values of type T into the volume, rescaled; a plain signed 16-bit
+// row without rescaling is copied as it is.
+template <typename T>
+void convert_row(const char* from, size_t n, const Frame& frame, Converter* convert, int16_t* out) {
+  if constexpr (std::is_same_v<T, int16_t>) {
+    if (frame.slope == 1.0 && frame.intercept == 0.0) {
+      std::memcpy(out, from, n * sizeof(int16_t));
+      return;
+    }
+  }
+  for (size_t x = 0; x < n; ++x) {
+    T v;
+    std::memcpy(&v, from + x * sizeof(T), sizeof(T));
+    out[x] = (*convert)(static_cast<double>(v), frame);
   }
 }
 
@@ -766,9 +804,21 @@ void copy_frame(const Pixels& p, const FileMeta& f, const Frame& frame, Converte
   } else {
     base = static_cast<size_t>(frame.index) * w * h;
   }
-  for (size_t y = 0; y < h; ++y)
-    for (size_t x = 0; x < w; ++x)
-      out[y * w + x] = (*convert)(stored_value(p, base + (y0 + y) * p.width + x0 + x), frame);
+  const gdcm::PixelFormat::ScalarType type = p.format.GetScalarType();
+  const size_t size = p.format.GetPixelSize();
+  for (size_t y = 0; y < h; ++y) {
+    const char* from = p.buffer.data() + (base + (y0 + y) * p.width + x0) * size;
+    int16_t* row = out + y * w;
+    switch (type) {
+      case gdcm::PixelFormat::UINT8: convert_row<uint8_t>(from, w, frame, convert, row); break;
+      case gdcm::PixelFormat::INT8: convert_row<int8_t>(from, w, frame, convert, row); break;
+      case gdcm::PixelFormat::UINT16: convert_row<uint16_t>(from, w, frame, convert, row); break;
+      case gdcm::PixelFormat::INT16: convert_row<int16_t>(from, w, frame, convert, row); break;
+      case gdcm::PixelFormat::UINT32: convert_row<uint32_t>(from, w, frame, convert, row); break;
+      case gdcm::PixelFormat::INT32: convert_row<int32_t>(from, w, frame, convert, row); break;
+      default: std::fill(row, row + w, int16_t{0}); break;
+    }
+  }
 }
 
 // ---- diffusion of the channels ----------------------------------------------------------
@@ -888,6 +938,18 @@ bool pcd_parse_csa_header(const uint8_t* bytes, size_t size, PcdCsaHeader* csa) 
   return true;
 }
 
+struct PcdDicomDirectoryScan {
+  std::string directory;
+  std::vector<FileMeta> metas;
+};
+
+std::shared_ptr<const PcdDicomDirectoryScan> pcd_scan_dicom_directory(const std::string& directory) {
+  auto scan = std::make_shared<PcdDicomDirectoryScan>();
+  scan->directory = directory;
+  scan->metas = read_directory_meta(directory);
+  return scan;
+}
+
 std::vector<PcdDicomSeriesSummary> PCD_ListDicomSeries(const char* directory) {
   if (directory == nullptr) return {};
   const std::vector<FileMeta> metas = read_directory_meta(directory);
@@ -896,10 +958,9 @@ std::vector<PcdDicomSeriesSummary> PCD_ListDicomSeries(const char* directory) {
   return out;
 }
 
-bool pcd_dicom_directory_needs_scanner(const std::string& directory) {
-  const std::vector<FileMeta> metas = read_directory_meta(directory);
+bool pcd_dicom_scan_needs_scanner(const PcdDicomDirectoryScan& scan) {
   std::set<std::string> uids;
-  for (const FileMeta& f : metas) {
+  for (const FileMeta& f : scan.metas) {
     uids.insert(f.seriesUid);
     if (f.enhanced || f.mosaicTiles > 0 || f.frames.size() != 1 || !is_plain_syntax(f.syntax) ||
         (f.bitsAllocated != 0 && f.bitsAllocated != 16))
@@ -910,11 +971,21 @@ bool pcd_dicom_directory_needs_scanner(const std::string& directory) {
   return uids.size() > 1;
 }
 
+bool pcd_dicom_directory_needs_scanner(const std::string& directory) {
+  return pcd_dicom_scan_needs_scanner(*pcd_scan_dicom_directory(directory));
+}
+
 PcdRawVolumeData* pcd_read_scanner_dicom(const std::string& dir, int32_t seriesIndex, std::string* information,
                                          PcdDicomSeries* series) {
+  return pcd_read_scanner_dicom(*pcd_scan_dicom_directory(dir), seriesIndex, information, series);
+}
+
+PcdRawVolumeData* pcd_read_scanner_dicom(const PcdDicomDirectoryScan& scan, int32_t seriesIndex,
+                                         std::string* information, PcdDicomSeries* series) {
   PcdDicomSeries local;
   if (series == nullptr) series = &local;
-  const std::vector<FileMeta> metas = read_directory_meta(dir);
+  const std::string& dir = scan.directory;
+  const std::vector<FileMeta>& metas = scan.metas;
   const std::vector<Series> all = group_series(metas);
   std::fprintf(stderr, "DICOM series found: %d (in %d files)\n", static_cast<int>(all.size()),
                static_cast<int>(metas.size()));

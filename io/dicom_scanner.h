@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,14 @@ std::vector<PcdDicomSeriesSummary> PCD_ListDicomSeries(const char* directory);
 // diffusion in vendor fields only. False also when no file can be parsed at all (the
 // minimal reader then says what it finds).
 bool pcd_dicom_directory_needs_scanner(const std::string& directory);
+
+// The headers of every file of a directory, read once (GDCM, up to the pixel data), for
+// the two calls below.
+struct PcdDicomDirectoryScan;
+std::shared_ptr<const PcdDicomDirectoryScan> pcd_scan_dicom_directory(const std::string& directory);
+bool pcd_dicom_scan_needs_scanner(const PcdDicomDirectoryScan& scan);
+PcdRawVolumeData* pcd_read_scanner_dicom(const PcdDicomDirectoryScan& scan, int32_t seriesIndex,
+                                         std::string* information, PcdDicomSeries* series);
 
 // Imports series seriesIndex (1-based position in PCD_ListDicomSeries; 0 picks: the only
 // series, else the diffusion series with most channels, else the one with most files).

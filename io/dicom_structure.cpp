@@ -51,6 +51,7 @@ class Checker {
     if (depth > kMaxDepth) return false;
     while (pos != end) {
       Head h;
+      const size_t headAt = pos;
       if (!head(pos, end, *explicitVr, &h)) return false;
       if (h.group == kItemGroup) {
         if (untilItemEnd && h.element == kItemEnd && h.length == 0) {
@@ -66,6 +67,7 @@ class Checker {
         if (pixels) {
           pixelBytes_ = static_cast<int64_t>(pos - h.value);
           pixelOffset_ = static_cast<int64_t>(h.value);
+          pixelHead_ = static_cast<int64_t>(headAt);
           encapsulated_ = true;
         }
         continue;
@@ -73,6 +75,7 @@ class Checker {
       if (pixels) {
         pixelBytes_ = h.length;
         pixelOffset_ = static_cast<int64_t>(h.value);
+        pixelHead_ = static_cast<int64_t>(headAt);
         encapsulated_ = false;
       }
       if (h.length > end - h.value) return false;
@@ -154,6 +157,7 @@ class Checker {
   const std::string& syntax() const { return syntax_; }
   int64_t pixel_bytes() const { return pixelBytes_; }
   int64_t pixel_offset() const { return pixelOffset_; }
+  int64_t pixel_head() const { return pixelHead_; }
   bool encapsulated() const { return encapsulated_; }
 
  private:
@@ -161,6 +165,7 @@ class Checker {
   std::string syntax_;
   int64_t pixelBytes_ = 0;
   int64_t pixelOffset_ = -1;
+  int64_t pixelHead_ = -1;
   bool encapsulated_ = false;
 };
 
@@ -180,6 +185,7 @@ struct Layout {
   std::string syntax;  // as the meta group names it, or empty
   int64_t pixelBytes = 0;
   int64_t pixelOffset = -1;  // in the file's bytes
+  int64_t pixelHead = -1;    // where the pixel element's head starts
   bool encapsulated = false;
 };
 
@@ -229,6 +235,7 @@ bool check_file(const uint8_t* bytes, size_t size, Layout* out) {
   out->syntax = syntax;
   out->pixelBytes = body.pixel_bytes();
   out->pixelOffset = body.pixel_offset();
+  out->pixelHead = body.pixel_head();
   out->encapsulated = body.encapsulated();
   return true;
 }
@@ -250,7 +257,8 @@ bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size, int64_t* pi
   return true;
 }
 
-bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* out, PcdDicomPixelSpan* pixels) {
+bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* out, PcdDicomPixelSpan* pixels,
+                               bool headerOnly) {
   Layout layout;
   if (!check_file(bytes, size, &layout)) return false;
   std::string syntax = !layout.syntax.empty() ? layout.syntax
@@ -266,11 +274,23 @@ bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* o
   put_element(out, 0x0000, "UL", length);
   out->append(meta);
   const size_t head = out->size();
-  out->append(reinterpret_cast<const char*>(bytes) + layout.dataSet, size - layout.dataSet);
+  if (headerOnly) {
+    // the elements before the pixel data, then an empty pixel element where a reader
+    // looking for it stops (instead of meeting the end of its stream)
+    const size_t end = layout.pixelHead >= 0 ? static_cast<size_t>(layout.pixelHead) : size;
+    out->append(reinterpret_cast<const char*>(bytes) + layout.dataSet, end - layout.dataSet);
+    const char empty[12] = {'\xE0', '\x7F', 0x10, 0x00, 'O', 'W', 0, 0, 0, 0, 0, 0};
+    const char emptyImplicit[8] = {'\xE0', '\x7F', 0x10, 0x00, 0, 0, 0, 0};
+    if (layout.explicitVr) out->append(empty, 12);
+    else out->append(emptyImplicit, 8);
+  } else {
+    out->append(reinterpret_cast<const char*>(bytes) + layout.dataSet, size - layout.dataSet);
+  }
   if (pixels != nullptr) {
     *pixels = PcdDicomPixelSpan{};
     if (layout.pixelOffset >= 0) {
       pixels->offset = layout.pixelOffset - static_cast<int64_t>(layout.dataSet) + static_cast<int64_t>(head);
+      pixels->fileOffset = layout.pixelOffset;
       pixels->length = layout.pixelBytes;
       pixels->encapsulated = layout.encapsulated;
     }

@@ -26,10 +26,14 @@ bool pcd_dicom_structure_is_sound(const uint8_t* bytes, size_t size, int64_t* pi
 #include <string>
 struct PcdDicomPixelSpan {
   int64_t offset = -1;        // of the value in the rebuilt bytes, -1 without pixel data
+  int64_t fileOffset = -1;    // of the value in the given bytes
   int64_t length = 0;         // of the value; for encapsulated data the bytes of its items
   bool encapsulated = false;  // undefined length: compressed fragments
 };
-bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* out, PcdDicomPixelSpan* pixels);
+// With headerOnly the data set is cut before its pixel data, which an empty pixel element
+// replaces (offset then points past the rebuilt bytes; fileOffset still holds).
+bool pcd_dicom_canonical_bytes(const uint8_t* bytes, size_t size, std::string* out, PcdDicomPixelSpan* pixels,
+                               bool headerOnly = false);
 
 // A read-only stream over bytes that stay alive elsewhere, seekable (GDCM seeks).
 class PcdMemoryStreamBuf : public std::streambuf {

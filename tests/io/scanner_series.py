@@ -207,7 +207,7 @@ def main():
         for c in range(C):
             for a in range(Z):
                 instance += 1
-                name = os.path.join(out, "IM%05d" % (1000 + 7 * instance % 997))
+                name = os.path.join(out, "IM%07d" % (instance * 7919 % 1000003))  # not in instance order
                 ds = base_dataset(o, name, MR, series, study, 5, "ep2d_diff")
                 ds.InstanceNumber = str(instance)
                 ds.ImagePositionPatient = ["%.4f" % v for v in pos(a)]
