@@ -180,6 +180,9 @@ struct FileMeta {
   double sliceSpacing = 0.0;
   int32_t bitsAllocated = 0, bitsStored = 0, samplesPerPixel = 0, pixelRepresentation = 0;
   std::vector<Frame> frames;
+  // where the structure check found the pixel data, in a file of fileSize bytes
+  PcdDicomPixelSpan pixels;
+  size_t fileSize = 0;
   std::string institution, date, patientName, patientId, model;
 };
 
@@ -461,8 +464,10 @@ bool take_mosaic_frames(const CsaFields& csa, const Vec3& position, const Frame&
 
 // Reads the header of one file (up to its pixel data). False for what is no DICOM image
 // we can use.
-// A file's bytes, mapped read-only while they are needed: nothing is zeroed or copied for
-// the pixel data that a pass does not use.
+// A file's bytes while they are needed: small files (one slice) are read into a buffer
+// kept from file to file, large ones (mosaics, multi-frame) mapped read-only, so that
+// nothing is zeroed or copied for pixel data a pass does not use. The buffer is the
+// thread's own: one object at a time per thread.
 class MappedBytes {
  public:
   explicit MappedBytes(const std::string& name) {
@@ -470,13 +475,30 @@ class MappedBytes {
     if (fd < 0) return;
     struct stat st {};
     if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 && st.st_size <= kMaxFileBytes) {
-      void* p = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
-      if (p != MAP_FAILED) data_ = static_cast<const uint8_t*>(p), size_ = static_cast<size_t>(st.st_size);
+      const auto size = static_cast<size_t>(st.st_size);
+      if (size <= kReadLimit) {
+        thread_local std::unique_ptr<uint8_t[]> buffer;
+        thread_local size_t capacity = 0;
+        if (capacity < size) {
+          buffer.reset(new uint8_t[kReadLimit]);
+          capacity = kReadLimit;
+        }
+        size_t got = 0;
+        while (got < size) {
+          const ssize_t n = ::read(fd, buffer.get() + got, size - got);
+          if (n <= 0) break;
+          got += static_cast<size_t>(n);
+        }
+        if (got == size) data_ = buffer.get(), size_ = size;
+      } else {
+        void* p = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+        if (p != MAP_FAILED) data_ = static_cast<const uint8_t*>(p), size_ = size, mapped_ = true;
+      }
     }
     ::close(fd);
   }
   ~MappedBytes() {
-    if (data_ != nullptr) munmap(const_cast<uint8_t*>(data_), size_);
+    if (mapped_) munmap(const_cast<uint8_t*>(data_), size_);
   }
   MappedBytes(const MappedBytes&) = delete;
   MappedBytes& operator=(const MappedBytes&) = delete;
@@ -484,8 +506,10 @@ class MappedBytes {
   size_t size() const { return size_; }
 
  private:
+  static constexpr size_t kReadLimit = size_t{1} << 20;
   const uint8_t* data_ = nullptr;
   size_t size_ = 0;
+  bool mapped_ = false;
 };
 
 // The bytes of one file, rebuilt for GDCM, when their structure is sound.
@@ -496,7 +520,12 @@ bool read_sound_bytes(const MappedBytes& file, std::string* bytes, PcdDicomPixel
 bool read_file_meta(const std::string& name, FileMeta* f) {
   std::string bytes;
   PcdDicomPixelSpan span;
-  if (!read_sound_bytes(MappedBytes(name), &bytes, &span, true)) return false;
+  {
+    const MappedBytes file(name);
+    if (!read_sound_bytes(file, &bytes, &span, true)) return false;
+    f->pixels = span;
+    f->fileSize = file.size();
+  }
   const int64_t pixelBytes = span.length;
   PcdMemoryStreamBuf buffer(bytes.data(), bytes.size());
   std::istream stream(&buffer);
@@ -735,9 +764,11 @@ struct Pixels {
 std::string read_pixels(const FileMeta& f, Pixels* out) {
   const MappedBytes file(f.name);
   std::string bytes;
-  PcdDicomPixelSpan span;
+  PcdDicomPixelSpan span = f.pixels;
   const bool plain = is_plain_syntax(f.syntax);
-  if (!read_sound_bytes(file, &bytes, &span, plain)) return "it changed while it was read";
+  // uncompressed pixels lie where the header pass found them, in a file of the same size
+  if (file.data() == nullptr || file.size() != f.fileSize) return "it changed while it was read";
+  if (!plain && !read_sound_bytes(file, &bytes, &span, false)) return "it changed while it was read";
   if (span.offset < 0) return "it has no pixel data";
   if (f.samplesPerPixel > 1) return "its pixels are not monochrome";
   const int32_t bits = f.bitsAllocated == 0 ? 16 : f.bitsAllocated;
