@@ -66,7 +66,8 @@ q="$batch convert $work/dcm/ -o $work/q.raw"
 d="dcm2niix -z n -w 1 -f d -o $work/d $work/dcm"
 cat "$work"/dcm/* >/dev/null  # both read from the page cache
 tq=""; td=""
-for ((r = 0; r < rounds; ++r)); do tq+="$(run "$q") "; td+="$(run "$d") "; done
+# run prints "WALL CPU"; the medians are of the wall times
+for ((r = 0; r < rounds; ++r)); do tq+="$(run "$q" | cut -d" " -f1) "; td+="$(run "$d" | cut -d" " -f1) "; done
 mq=$(echo "$tq" | median); md=$(echo "$td" | median)
 printf "quorix-batch convert  median %.3f s  (%s)\n" "$mq" "$tq"
 printf "dcm2niix              median %.3f s  (%s)\n" "$md" "$td"

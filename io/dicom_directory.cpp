@@ -16,6 +16,7 @@
 
 #include "io/c_locale.h"
 #include "io/dicom_element.h"
+#include "io/dicom_scanner.h"
 #include "io/file_util.h"
 
 namespace {
@@ -90,6 +91,9 @@ struct FileScan {
       case tag(0x0028, 0x0011): if (first(15)) f.columns = us_value(bytes, head); break;
       case tag(0x0028, 0x0030): if (first(16)) f.pixelSpacing = text_value(bytes, head); break;
       case tag(0x0028, 0x0100): if (first(17)) f.bitsAllocated = us_value(bytes, head); break;
+      case tag(0x0028, 0x0103):
+        if (first(18) && head.length >= 2) f.pixelRepresentation = us_value(bytes, head);
+        break;
       default: take_pixels(head); break;
     }
     return PcdDicomVisit::kContinue;
@@ -372,23 +376,33 @@ std::vector<size_t> slice_order(const std::vector<std::vector<const SliceFile*>>
   return order;
 }
 
-void fill_geometry(const PcdDicomFileInfo& firstSlice, const Axes& axes, float voxelSize,
+void fill_geometry(const double position[3], const double axes[3][3], float voxelSize,
                    PcdWorldGeometry* geometry) {
   *geometry = PcdWorldGeometry{};
-  if (!axes.fromFile || !firstSlice.hasPosition || !(voxelSize > 0.0f)) return;
   // patient coordinates are LPS; the world of NIfTI is RAS
-  const Vec3 columns[3] = {axes.x, axes.y, axes.z};
   const double sign[3] = {-1.0, -1.0, 1.0};
   for (int row = 0; row < 3; ++row) {
-    for (int col = 0; col < 3; ++col) {
-      const Vec3& v = columns[col];
-      geometry->voxelToWorld[row][col] = sign[row] * (row == 0 ? v.x : row == 1 ? v.y : v.z) * voxelSize;
-    }
-    geometry->voxelToWorld[row][3] = sign[row] * firstSlice.position[row];
+    for (int col = 0; col < 3; ++col) geometry->voxelToWorld[row][col] = sign[row] * axes[col][row] * voxelSize;
+    geometry->voxelToWorld[row][3] = sign[row] * position[row];
     geometry->voxelSize[row] = voxelSize;
   }
   geometry->voxelToWorld[3][3] = 1.0;
   geometry->xformCode = 1;  // scanner anatomical
+}
+
+// Pixel representation 0 declares unsigned pixels; the volume is signed, so values above
+// 32767 come out negative. Said once, naming the first file that holds such values.
+void warn_unsigned_wrap(const std::vector<std::vector<const SliceFile*>>& groups, size_t planeValues) {
+  for (const auto& group : groups)
+    for (const SliceFile* f : group) {
+      if (f->info.pixelRepresentation != 0) continue;
+      for (size_t v = 0; v < planeValues; ++v)
+        if (f->plane[2 * v + 1] & 0x80) {
+          std::fprintf(stderr, "Warning: %s holds unsigned pixel values above 32767; they wrap to negative values\n",
+                       f->name.c_str());
+          return;
+        }
+    }
 }
 
 // The b values and directions of the channels, from the files of one slice.
@@ -531,15 +545,10 @@ PcdRawVolumeData* PCD_ResampleDicomVolumeInZ(const PcdRawVolumeData* volume, dou
   return out;
 }
 
-PcdRawVolumeData* ReadDicomDirectory(const char* directory, std::string* information,
-                                     PcdDicomSeries* series) {
-  if (directory == nullptr) return nullptr;
-  PcdScopedCLocale cLocale;
-  PcdDicomSeries local;
-  PcdDicomSeries& out = series != nullptr ? *series : local;
-  out = PcdDicomSeries{};
-  std::string dir = directory;
-  if (dir.empty() || dir.back() != '/') dir += '/';
+namespace {
+
+// The reader of one series of one-slice-per-file uncompressed images.
+PcdRawVolumeData* read_slice_files(const std::string& dir, std::string* information, PcdDicomSeries& out) {
 
   // 1. the listing, 2. every file read once and ordered by instance number
   std::fprintf(stderr, "DICOM directory: %s\n", dir.c_str());
@@ -612,24 +621,73 @@ PcdRawVolumeData* ReadDicomDirectory(const char* directory, std::string* informa
     for (int32_t c = 0; c < channels; ++c)
       std::memcpy(static_cast<uint8_t*>(volume->data[c]) + planeBytes * z,
                   groups[order[z]][static_cast<size_t>(c)]->plane, planeBytes);
+  warn_unsigned_wrap(groups, static_cast<size_t>(size.x) * static_cast<size_t>(size.y));
   take_diffusion(groups[0], axes, volume, &out);
+  if (out.hasDiffusion) out.diffusionSource = "standard (0018,9087/9089)";
 
   // 9. cubic voxels
+  const PcdDicomFileInfo& lowest = groups[order[0]][0]->info;
+  const double axisRows[3][3] = {{axes.x.x, axes.x.y, axes.x.z}, {axes.y.x, axes.y.y, axes.y.z},
+                                 {axes.z.x, axes.z.y, axes.z.z}};
+  return pcd_finish_dicom_volume(volume, dir, spacing.slice, spacing.pixel, lowest.position, axisRows,
+                                 axes.fromFile && lowest.hasPosition, &out);
+}
+
+}  // namespace
+
+PcdRawVolumeData* pcd_finish_dicom_volume(PcdRawVolumeData* volume, const std::string& directory,
+                                          double sliceSpacing, double pixelSize,
+                                          const double position[3], const double axes[3][3],
+                                          bool hasOrientation, PcdDicomSeries* series) {
+  const int32_t slices = volume->matrixSize->z;
   double ratio = 1.0;
-  if (spacing.pixel > 0.0 && slices > 1) ratio = spacing.slice / spacing.pixel;
-  else if (!(spacing.pixel > 0.0)) std::fputs("Warning: no pixel size in DICOM; z is not resampled\n", stderr);
+  if (pixelSize > 0.0 && slices > 1) ratio = sliceSpacing / pixelSize;
+  else if (!(pixelSize > 0.0)) std::fputs("Warning: no pixel size in DICOM; z is not resampled\n", stderr);
+  // a resampled volume out of proportion to its files (a slice spacing far above the pixel
+  // size, as a wrong header gives) is refused before its memory is asked for
+  const double resampled = std::floor((slices - 1) * ratio + 1e-4) + 1;
+  if (ratio != 1.0 && std::isfinite(ratio) && resampled > double{kPcdDicomMaxResampleGrowth} * slices) {
+    std::fprintf(stderr,
+                 "Err: resampling the %d slices of %s to cubic voxels (ratio %.3f) would make %.0f slices, more than %d times "
+                 "the files' pixel data; refused\n",
+                 slices, directory.c_str(), ratio, resampled, kPcdDicomMaxResampleGrowth);
+    PCD_DeleteRawVolumeData(volume);
+    return nullptr;
+  }
   std::fprintf(stderr, "Interpolating in z direction (ratio:%3.3f)...", ratio);
   // at ratio 1 every slice comes back as it is: the copy is not made
-  PcdRawVolumeData* resampled = ratio == 1.0 ? volume : PCD_ResampleDicomVolumeInZ(volume, ratio);
-  if (resampled != volume) PCD_DeleteRawVolumeData(volume);
-  if (resampled == nullptr) {
-    std::fprintf(stderr, "\nErr: the slices of %s cannot be resampled at ratio %f\n", dir.c_str(), ratio);
+  PcdRawVolumeData* out = ratio == 1.0 ? volume : PCD_ResampleDicomVolumeInZ(volume, ratio);
+  if (out != volume) PCD_DeleteRawVolumeData(volume);
+  if (out == nullptr) {
+    std::fprintf(stderr, "\nErr: the slices of %s cannot be resampled at ratio %f\n", directory.c_str(), ratio);
     return nullptr;
   }
   std::fputs("done\n", stderr);
-  out.voxelSize = static_cast<float>(spacing.pixel);
-  fill_geometry(groups[order[0]][0]->info, axes, out.voxelSize, &out.geometry);
-  return resampled;
+  series->voxelSize = static_cast<float>(pixelSize);
+  series->geometry = PcdWorldGeometry{};
+  if (hasOrientation && series->voxelSize > 0.0f) fill_geometry(position, axes, series->voxelSize, &series->geometry);
+  return out;
+}
+
+PcdRawVolumeData* ReadDicomDirectorySeries(const char* directory, int32_t seriesIndex,
+                                           std::string* information, PcdDicomSeries* series) {
+  if (directory == nullptr) return nullptr;
+  PcdScopedCLocale cLocale;
+  PcdDicomSeries local;
+  PcdDicomSeries& out = series != nullptr ? *series : local;
+  out = PcdDicomSeries{};
+  std::string dir = directory;
+  if (dir.empty() || dir.back() != '/') dir += '/';
+  // every header read once; the minimal reader reads its files itself
+  const std::shared_ptr<const PcdDicomDirectoryScan> scan = pcd_scan_dicom_directory(dir);
+  if (seriesIndex > 1 || pcd_dicom_scan_needs_scanner(*scan))
+    return pcd_read_scanner_dicom(*scan, seriesIndex, information, &out);
+  return read_slice_files(dir, information, out);
+}
+
+PcdRawVolumeData* ReadDicomDirectory(const char* directory, std::string* information,
+                                     PcdDicomSeries* series) {
+  return ReadDicomDirectorySeries(directory, 0, information, series);
 }
 
 int PCD_SetDicomMpgSetting(PcdDtiData* dti, const PcdDicomSeries& series) {
@@ -642,8 +700,12 @@ int PCD_SetDicomMpgSetting(PcdDtiData* dti, const PcdDicomSeries& series) {
   }
   PCDdti_SetPropertiesOfDiffusionTensorImageData(dti, count, series.soCount, series.bValues.data(),
                                                  series.directions.data());
-  std::fprintf(stderr, "MPG setting from the DICOM diffusion elements: %d b=0 and %d diffusion-weighted channels\n",
-               series.soCount, count - series.soCount);
+  if (series.diffusionSource.empty() || series.diffusionSource == "standard (0018,9087/9089)")
+    std::fprintf(stderr, "MPG setting from the DICOM diffusion elements: %d b=0 and %d diffusion-weighted channels\n",
+                 series.soCount, count - series.soCount);
+  else
+    std::fprintf(stderr, "MPG setting from the DICOM diffusion fields of %s: %d b=0 and %d diffusion-weighted channels\n",
+                 series.diffusionSource.c_str(), series.soCount, count - series.soCount);
   if (dti->isReady != 1)
     std::fputs("Warning: the DICOM diffusion elements do not make a ready MPG setting\n", stderr);
   return dti->isReady == 1 ? 1 : 0;

@@ -33,13 +33,23 @@ struct PcdDicomSeries {
   int32_t soCount = 0;          // leading b = 0 channels
   std::vector<float> bValues;   // per channel, 0 for b = 0 channels
   std::vector<PcdVector3D> directions;  // per channel, in the volume's axes
+  std::string diffusionSource;  // where the b values and directions came from
 };
 
 // Imports the directory (a trailing separator is added when missing). Null when no volume
 // can be made, with an "Err: " line; every step prints its console line. information
 // receives the data-source text.
+//
+// This is the one entry point for DICOM: a directory that holds one series of single-slice
+// uncompressed files is read as above; anything else (several series, Siemens mosaic,
+// enhanced multi-frame, vendor diffusion fields, compressed pixels) goes to the scanner
+// reader of dicom_scanner.h, which picks a series as ReadDicomDirectorySeries says.
 PcdRawVolumeData* ReadDicomDirectory(const char* directory, std::string* information,
                                      PcdDicomSeries* series);
+// The same for series seriesIndex of the directory (1-based, as `quorix-batch info DIR`
+// lists them); 0 picks the only series, else the diffusion series with most channels.
+PcdRawVolumeData* ReadDicomDirectorySeries(const char* directory, int32_t seriesIndex,
+                                           std::string* information, PcdDicomSeries* series);
 
 // Replaces the MPG setting of dti (made over the imported volume) with the series' own and
 // says so on stderr. Returns 1 when the setting was applied and is ready, 0 otherwise.
@@ -51,6 +61,17 @@ int PCD_SetDicomMpgSetting(PcdDtiData* dti, const PcdDicomSeries& series);
 // the first and last slices keep their places; at ratio 1 every slice comes back unchanged.
 // Null for a ratio that is not finite and positive, or a result over 65535 slices.
 PcdRawVolumeData* PCD_ResampleDicomVolumeInZ(const PcdRawVolumeData* volume, double ratio);
+
+// The last steps of both readers: the z resampling to cubic voxels at ratio sliceSpacing /
+// pixelSize, refused (null, with an "Err: " line) when it would make more than
+// kPcdDicomMaxResampleGrowth times the slices of the files; then the voxel-to-world
+// geometry from the lowest slice's position and the axes (row, column, normal; patient
+// coordinates), kept only when hasOrientation. Takes the volume (deleted on failure).
+constexpr int32_t kPcdDicomMaxResampleGrowth = 8;
+PcdRawVolumeData* pcd_finish_dicom_volume(PcdRawVolumeData* volume, const std::string& directory,
+                                          double sliceSpacing, double pixelSize,
+                                          const double position[3], const double axes[3][3],
+                                          bool hasOrientation, PcdDicomSeries* series);
 
 // ---- one file -------------------------------------------------------------------------
 
@@ -64,6 +85,7 @@ struct PcdDicomFileInfo {
   double orientation[6] = {};
   int32_t rows = 0, columns = 0;  // 0 when missing
   int32_t bitsAllocated = 0;      // 0 when missing
+  int32_t pixelRepresentation = -1;  // (0028,0103): 0 unsigned, 1 signed, -1 when missing
   std::string pixelSpacing, sliceSpacing, fieldOfView, transferSyntax;
   std::string institution, date, patientName, patientId, maker, model;
   bool hasBValue = false;

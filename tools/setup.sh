@@ -6,6 +6,7 @@ pkgs=(build-essential cmake pkg-config git libgtest-dev libgmock-dev libbenchmar
       libgtk-3-dev libcairo2-dev libpng-dev libfontconfig-dev libnifti2-dev zlib1g-dev xvfb xauth clang libclang-rt-14-dev)
 pkgs+=(chromium)  # the report tests load the pages in a headless browser
 pkgs+=(python3-pydicom dcm2niix python3-nibabel)  # DICOM series and tract positions by other tools
+pkgs+=(libgdcm-dev libgdcm-tools)  # scanner DICOM; gdcmconv compresses test series
 if [ "${1:-}" = "--peers" ]; then pkgs+=(mrtrix3 python3-dipy hyperfine python3-scipy); fi
 missing=()
 for p in "${pkgs[@]}"; do

@@ -4,7 +4,8 @@
 Usage: dicom_series.py DIR '{"x": 4, "y": 3, ...}'   (options as JSON, all optional)
 
 Voxel (x, y) of the slice at anatomical index a (0 = lowest along the slice normal) in
-channel c holds  c*1000 + a*100 + y*10 + x - 500.  Exit status 77 without pydicom.
+channel c holds  c*1000 + a*100 + y*10 + x - 500 + value_offset (as unsigned 16-bit words
+with pixel_representation 0).  Exit status 77 without pydicom.
 """
 import json
 import os
@@ -24,7 +25,8 @@ MR_IMAGE_STORAGE = "1.2.840.10008.5.1.4.1.1.4"
 
 def voxel_values(o, a, c):
     y, x = np.mgrid[0:o["y"], 0:o["x"]]
-    return (c * 1000 + a * 100 + y * 10 + x - 500).astype("<i2")
+    v = c * 1000 + a * 100 + y * 10 + x - 500 + o["value_offset"]
+    return v.astype("<u2" if o["pixel_representation"] == 0 else "<i2")
 
 
 def cross(r, c):
@@ -37,13 +39,14 @@ def main():
          "pixel": 2.0, "spacing": 2.0, "dbs": True, "fov": True, "implicit": False,
          "preamble": True, "dicm_at_0": False, "skip_instance": 0, "orientation": [1, 0, 0, 0, 1, 0],
          "origin": [-10.0, 20.0, 30.0], "bvalues": None, "directions": None, "ob": False,
-         "sequence": False, "pixel_spacing": True}
+         "sequence": False, "pixel_spacing": True, "series_uid": None, "pixel_representation": 1,
+         "value_offset": 0}
     o.update(json.loads(sys.argv[2]) if len(sys.argv) > 2 else {})
     os.makedirs(out, exist_ok=True)
     orientation = o["orientation"] or [1, 0, 0, 0, 1, 0]  # null: no orientation element
     r, cdir = orientation[:3], orientation[3:]
     n = cross(r, cdir)
-    study, series = generate_uid(), generate_uid()
+    study, series = generate_uid(), o["series_uid"] or generate_uid()
     Z, C = o["slices"], o["channels"]
     files = []  # (anatomical slice, channel) in instance order
     slice_order = list(range(Z)) if o["z_direction"] > 0 else list(reversed(range(Z)))
@@ -105,7 +108,8 @@ def main():
             ds.PixelSpacing = ["%g" % o["pixel"], "%g" % o["pixel"]]
         ds.SamplesPerPixel = 1
         ds.PhotometricInterpretation = "MONOCHROME2"
-        ds.BitsAllocated, ds.BitsStored, ds.HighBit, ds.PixelRepresentation = 16, 16, 15, 1
+        ds.BitsAllocated, ds.BitsStored, ds.HighBit = 16, 16, 15
+        ds.PixelRepresentation = o["pixel_representation"]
         if o["ob"]:
             ds.add_new(0x00291010, "OB", bytes(range(7)) + b"\x41\x42\x00" * 40)  # private bytes
         ds.add_new(0x7FE00010, "OW", voxel_values(o, a, c).tobytes())

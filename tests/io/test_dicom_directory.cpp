@@ -14,8 +14,10 @@
 
 #include "dti/dti_data.h"
 #include "io/dicom_directory.h"
+#include "io/dicom_element.h"
 #include "io/nifti_file.h"
 #include "io/raw_volume_file.h"
+#include "io/dicom_world.h"
 #include "support/test_support.h"
 
 namespace {
@@ -38,10 +40,9 @@ bool WriteSeries(const std::string& dir, const std::string& json) {
 // The value the writer puts at (x, y) of anatomical slice a in channel c.
 int Written(int x, int y, int a, int c) { return c * 1000 + a * 100 + y * 10 + x - 500; }
 
-int16_t Voxel(const PcdRawVolumeData* v, int c, int x, int y, int z) {
-  const PcdIntSize4D& s = *v->matrixSize;
-  return static_cast<const int16_t*>(v->data[c])[(static_cast<size_t>(z) * s.y + y) * s.x + x];
-}
+using quorix_test::Voxel;
+using quorix_test::VoxelOf;
+using quorix_test::WorldDirection;
 
 // Every voxel equals what was written for channel writtenChannel[c].
 void ExpectWrittenVoxels(const PcdRawVolumeData* v, const std::vector<int>& writtenChannel) {
@@ -220,30 +221,6 @@ TEST(DicomDirectory, DiffusionElementsBuildTheMpgSettingInTheImageAxes) {
   EXPECT_TRUE(quorix_test::HasLine(partial.console, "Warning: channel 2 has b=1000 but no gradient direction (0018,9089)"));
 }
 
-// (i, j, k) of the voxel at world point w, from the inverse of a geometry's 3x3 part.
-void VoxelOf(const PcdWorldGeometry& g, const double w[3], double out[3]) {
-  const auto& m = g.voxelToWorld;
-  const double d[3] = {w[0] - m[0][3], w[1] - m[1][3], w[2] - m[2][3]};
-  const double det = PCD_WorldGeometryDeterminant(&g);
-  for (int i = 0; i < 3; ++i) {
-    // Cramer's rule: column i replaced by d
-    double c[3][3];
-    for (int r = 0; r < 3; ++r)
-      for (int k = 0; k < 3; ++k) c[r][k] = k == i ? d[r] : m[r][k];
-    out[i] = (c[0][0] * (c[1][1] * c[2][2] - c[1][2] * c[2][1]) - c[0][1] * (c[1][0] * c[2][2] - c[1][2] * c[2][0]) +
-              c[0][2] * (c[1][0] * c[2][1] - c[1][1] * c[2][0])) / det;
-  }
-}
-
-// An MPG direction (volume axes) in the world.
-void WorldDirection(const PcdWorldGeometry& g, const PcdVector3D& v, double out[3]) {
-  const double in[3] = {v.x, v.y, v.z};
-  for (int r = 0; r < 3; ++r) {
-    out[r] = 0.0;
-    for (int k = 0; k < 3; ++k) out[r] += g.voxelToWorld[r][k] / g.voxelSize[k] * in[k];
-  }
-}
-
 // dcm2niix, an independent converter, read back through the NIfTI reader: the same voxel
 // values at the same world points and the same gradient directions in the world.
 TEST(DicomDirectory, AgreesWithDcm2niixInTheWorld) {
@@ -359,9 +336,13 @@ TEST(DicomDirectory, ForeignTruncatedAndGarbageFilesGiveClearLines) {
     EXPECT_EQ(in.volume, nullptr) << keep;
   }
 
-  // a slice of another matrix (same columns, more rows) is refused, not read as this one's
+  // a slice of another matrix (same columns, more rows) in the same series is refused,
+  // not read as this one's
   quorix_test::WriteFileBytes(first, whole);
-  WRITE_SERIES_OR_SKIP(dir.file("taller"), R"({"slices": 2, "y": 5})");
+  std::string seriesUid;
+  ASSERT_GE(FindDicomElement((d + "IM01007").c_str(), 0x0020, 0x000E, &seriesUid), 0);
+  while (!seriesUid.empty() && (seriesUid.back() == '\0' || seriesUid.back() == ' ')) seriesUid.pop_back();
+  WRITE_SERIES_OR_SKIP(dir.file("taller"), R"({"slices": 2, "y": 5, "series_uid": ")" + seriesUid + R"("})");
   std::filesystem::copy_file(dir.file("taller") + "/IM01007", d + "IM01007",
                              std::filesystem::copy_options::overwrite_existing);
   {

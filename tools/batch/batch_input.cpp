@@ -12,14 +12,17 @@
 #include "io/raw_volume_file.h"
 
 const char kBatchInputOptionsHelp[] =
-    "INPUT may also be a directory of DICOM files (one file per slice and channel).\n"
+    "INPUT may also be a directory of DICOM files: one file per slice and channel, Siemens\n"
+    "mosaics, enhanced multi-frame files; `quorix-batch info DIR` lists its series.\n"
     "\n"
     "Input options:\n"
     "  --mpg FILE          replace the MPG setting with an MPG description file\n"
     "  --bval FILE         b values of a NIfTI input (default: <stem>.bval beside it)\n"
     "  --bvec FILE         directions of a NIfTI input (default: <stem>.bvec beside it)\n"
     "  --voxel-size MM     voxel size for inputs that carry none (raw volume files, DTI\n"
-    "                      files without one); otherwise 1.0 is used with a warning\n";
+    "                      files without one); otherwise 1.0 is used with a warning\n"
+    "  --series N          series N of a DICOM directory (as `info DIR` numbers them;\n"
+    "                      default: the only series, else the diffusion series)\n";
 
 BatchInputOptions TakeBatchInputOptions(BatchArgs& args) {
   BatchInputOptions options;
@@ -27,6 +30,7 @@ BatchInputOptions TakeBatchInputOptions(BatchArgs& args) {
   options.bvalFile = args.TakeValue({"--bval"});
   options.bvecFile = args.TakeValue({"--bvec"});
   options.voxelSize = args.TakeNumber({"--voxel-size"}, 1e-6, 1e6);
+  options.series = args.TakeInteger({"--series"}, 1, 1000000);
   return options;
 }
 
@@ -116,9 +120,10 @@ bool load_nifti(const std::string& path, const BatchInputOptions& options, Batch
   return true;
 }
 
-bool load_dicom(const std::string& path, BatchDataSet* set) {
+bool load_dicom(const std::string& path, const BatchInputOptions& options, BatchDataSet* set) {
   PcdDicomSeries series;
-  set->volume = ReadDicomDirectory(path.c_str(), &set->information, &series);
+  set->volume = ReadDicomDirectorySeries(path.c_str(), static_cast<int32_t>(options.series.value_or(0)),
+                                         &set->information, &series);
   if (set->volume == nullptr) {
     std::fprintf(stderr, "Err: cannot import the DICOM directory %s\n", path.c_str());
     return false;
@@ -169,11 +174,15 @@ std::unique_ptr<BatchDataSet> LoadBatchInput(const std::string& path,
     std::fprintf(stderr, "Err: --bval and --bvec only apply to NIfTI inputs\n");
     return nullptr;
   }
+  if (*kind != BatchInputKind::kDicom && options.series) {
+    std::fprintf(stderr, "Err: --series only applies to DICOM directories\n");
+    return nullptr;
+  }
   auto set = std::make_unique<BatchDataSet>();
   set->kind = *kind;
   const bool loaded = *kind == BatchInputKind::kRawVolume ? load_raw_volume(path, options.mapRawBody, set.get())
                       : *kind == BatchInputKind::kDtiFile ? load_dti_file(path, set.get())
-                      : *kind == BatchInputKind::kDicom   ? load_dicom(path, set.get())
+                      : *kind == BatchInputKind::kDicom   ? load_dicom(path, options, set.get())
                                                           : load_nifti(path, options, set.get());
   if (!loaded) return nullptr;
   settle_voxel_size(path, options, set.get());

@@ -19,6 +19,7 @@ struct BatchInputOptions {
   std::optional<std::string> bvalFile;  // --bval FILE (NIfTI only)
   std::optional<std::string> bvecFile;  // --bvec FILE (NIfTI only)
   std::optional<double> voxelSize;      // --voxel-size MM, for inputs that carry none
+  std::optional<long long> series;      // --series N: which series of a DICOM directory
   // map the body of a raw volume file instead of reading it (ReadRawVolumeFileMapped); the
   // command must not write to the input file then
   bool mapRawBody = false;

@@ -1,14 +1,37 @@
 // quorix-batch info: what a data set holds and how its channels are set up.
 #include <cstdio>
+#include <filesystem>
 
+#include "io/dicom_scanner.h"
 #include "tools/batch/batch_input.h"
 
 namespace {
+
+// The series of a DICOM directory, one line each, numbered as --series takes them.
+void list_dicom_series(const std::string& path) {
+  const std::vector<PcdDicomSeriesSummary> all = PCD_ListDicomSeries(path.c_str());
+  for (size_t i = 0; i < all.size(); ++i) {
+    const PcdDicomSeriesSummary& s = all[i];
+    std::printf("Series %zu: number %d, \"%s\", %s, %d files, ", i + 1, s.seriesNumber, s.description.c_str(),
+                s.layout.c_str(), s.files);
+    if (s.channels > 0) std::printf("%d x %d x %d x %d", s.columns, s.rows, s.slices, s.channels);
+    else std::printf("no volume");
+    if (!s.bValues.empty()) {
+      std::printf(", b =");
+      for (float b : s.bValues) std::printf(" %g", static_cast<double>(b));
+      std::printf(" (%s)", s.diffusionSource.c_str());
+    }
+    std::printf("\n");
+  }
+  std::fflush(stdout);
+}
 
 int run_info(BatchArgs& args) {
   const BatchInputOptions options = TakeBatchInputOptions(args);
   if (!args.Finish(1, 1)) return kBatchUsageError;
   const std::string& path = args.positional()[0];
+  std::error_code error;
+  if (std::filesystem::is_directory(path, error)) list_dicom_series(path);
   std::unique_ptr<BatchDataSet> set = LoadBatchInput(path, options);
   if (!set) return kBatchFailed;
 
@@ -31,9 +54,11 @@ int run_info(BatchArgs& args) {
 static const std::string kInfoUsage = std::string(
     "Usage: quorix-batch info INPUT [options]\n"
     "\n"
-    "Loads INPUT (raw volume file with header, DTI file, or NIfTI image) as the desktop\n"
-    "program does and prints its matrix size, voxel size and channel types on standard\n"
-    "output, then the MPG setting on standard error.\n"
+    "Loads INPUT (raw volume file with header, DTI file, NIfTI image or DICOM directory)\n"
+    "as the desktop program does and prints its matrix size, voxel size and channel types\n"
+    "on standard output, then the MPG setting on standard error. For a DICOM directory it\n"
+    "first lists the series it holds (number, description, layout, files, matrix x y z\n"
+    "channels, b values and where they come from).\n"
     "\n") +
     kBatchInputOptionsHelp;
 
