@@ -5,6 +5,8 @@ set -euo pipefail
 pkgs=(build-essential cmake pkg-config git libgtest-dev libgmock-dev libbenchmark-dev
       libgtk-3-dev libnifti2-dev zlib1g-dev xvfb xauth clang libclang-rt-14-dev)
 pkgs+=(python3-pydicom dcm2niix)  # the DICOM import tests write series and compare
+pkgs+=(libssl-dev nlohmann-json3-dev)  # cohorts: SHA-256 of inputs and outputs, done markers
+pkgs+=(slurm-wlm munge)  # the cohort test starts a one-node Slurm cluster of its own
 if [ "${1:-}" = "--peers" ]; then pkgs+=(mrtrix3 python3-dipy hyperfine python3-scipy); fi
 missing=()
 for p in "${pkgs[@]}"; do

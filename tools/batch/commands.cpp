@@ -25,6 +25,7 @@ extern const BatchCommand kBatchProfileCommand;
 extern const BatchCommand kBatchSessionCommand;
 extern const BatchCommand kBatchRoiCommand;
 extern const BatchCommand kBatchStudyCommand;
+extern const BatchCommand kBatchBidsCommand;
 
 namespace {
 
@@ -41,6 +42,7 @@ const BatchCommand* const kCommands[] = {
     &kBatchSessionCommand,
     &kBatchRoiCommand,
     &kBatchStudyCommand,
+    &kBatchBidsCommand,
 };
 
 }  // namespace
