@@ -1,6 +1,7 @@
 // quorix-batch bids as a user runs it: its outputs, what it prints and its exit statuses.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -75,6 +76,34 @@ TEST(BidsCommand, RunsParticipantsAndGroupAndSaysWhatWentWrongByItsExitStatus) {
   EXPECT_TRUE(HasLine(output, "#SBATCH --time=20"));
   EXPECT_TRUE(HasLine(output, "#SBATCH --cpus-per-task=2"));
   EXPECT_TRUE(HasLine(output, "subjects=( 01 02 )"));
+}
+
+TEST(BidsCommand, TwoRunsOnOneOutputFolderShareTheSubjectsAndAgreeWithOneRun) {
+  TempDir dir;
+  const std::string bids = dir.file("bids"), atlas = dir.file("atlas.nii.gz");
+  for (int i = 1; i <= 4; ++i)
+    cohort_test::WriteSubject(bids, "sub-0" + std::to_string(i) + "/dwi", "sub-0" + std::to_string(i),
+                              static_cast<uint32_t>(i));
+  cohort_test::WriteAtlas(atlas);
+  const std::string args = " participant --threads 1 --atlas " + atlas;
+  std::string output;
+  ASSERT_EQ(RunCommand(Bids(bids + " " + dir.file("one") + args), &output), 0) << output;
+  ASSERT_EQ(RunCommand(Bids(bids + " " + dir.file("one") + " group"), &output), 0) << output;
+  // two at once on the same folder, whichever gets a subject first does it
+  const std::string two = dir.file("two");
+  ASSERT_EQ(RunCommand("(" + Bids(bids + " " + two + args) + " > " + dir.file("a.txt") + " & " +
+                       Bids(bids + " " + two + args) + " > " + dir.file("b.txt") + "; wait $!)"), 0);
+  RunCommand(Bids(bids + " " + two + args), &output);  // after both: everything is done
+  for (int i = 1; i <= 4; ++i)
+    EXPECT_TRUE(HasLine(output, "sub-0" + std::to_string(i) + "\tskipped\tdone before with the same inputs and version"))
+        << output;
+  ASSERT_EQ(RunCommand(Bids(bids + " " + two + " group"), &output), 0) << output;
+  for (const char* table : {"group/qc.tsv", "group/atlas-atlas_roistats.tsv",
+                            "sub-04/dwi/sub-04_model-tensor_alg-det_streamlines.tck", "sub-02/sub-02_done.json"})
+    EXPECT_EQ(quorix_test::ReadFileBytes(dir.file("one") + "/quorix/" + table),
+              quorix_test::ReadFileBytes(two + "/quorix/" + table))
+        << table;
+  EXPECT_TRUE(fs::is_empty(two + "/quorix/.work"));
 }
 
 }  // namespace
