@@ -2,6 +2,7 @@
 // rerun, locks, leftovers of killed runs, status, group tables and the Slurm job script.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <zlib.h>
 
@@ -272,6 +273,24 @@ TEST(CohortUnit, LocksLeftoversFailuresAndStatus) {
   RecordCohortUnitKilled(units[2], out, 9);
   EXPECT_EQ(ReadCohortUnitStatus(out, "sub-03_ses-x").status, "failed");
   EXPECT_NE(ReadCohortUnitStatus(out, "sub-03_ses-x").reason.find("killed by signal 9"), std::string::npos);
+}
+
+TEST(CohortUnit, AWorkFolderOnAnotherFileSystemIsCopiedBesideTheOutputsBeforeTheLastRename) {
+  Cohort c;
+  const std::string out = c.dir.file("out");
+  const std::string work = "/dev/shm/quorix-cohort-test-" + std::to_string(getpid());
+  struct stat shm {}, tmp {};
+  if (stat("/dev/shm", &shm) != 0 || stat(c.dir.path().c_str(), &tmp) != 0 || shm.st_dev == tmp.st_dev)
+    GTEST_SKIP() << "no second file system (/dev/shm) beside " << c.dir.path();
+  CohortRunOptions options = c.Options(out);
+  options.workDir = work;
+  const std::vector<BidsUnit> units = Units(c.bids);
+  EXPECT_EQ(RunCohortUnit(units[2], options).status, "done");
+  EXPECT_TRUE(CohortUnitIsDone(units[2], options));
+  EXPECT_TRUE(fs::is_empty(work));
+  EXPECT_FALSE(fs::exists(out + "/quorix/sub-03/ses-x.new." + std::to_string(getpid())));
+  std::error_code ignored;
+  fs::remove_all(work, ignored);
 }
 
 TEST(CohortGroup, TablesAreTheSameWhateverOrderAndThreadsTheParticipantsRanWith) {
