@@ -8,7 +8,8 @@
 #   MRtrix  dwi2tensor -ols -iter 0 in the same brain mask, tensor2metric (the same five
 #           maps), mrthreshold FA > 0.3, tckgen -algorithm Tensor_Det with one seed per
 #           voxel of it (cutoff 0.18, step 0.7 voxel, at most 159 steps each way), and per
-#           label mrcalc + mrstats of FA and MD (mean, std, min, max)
+#           label (inside the brain mask, as quorix) mrcalc + mrstats of FA and MD (mean,
+#           std, min, max)
 # The brain masks MRtrix gets are made before timing (quorix makes its own inside).
 # Equal work: the tracks' points per fiber must agree within 10 % and the FA mean of a
 # label within 0.01. Prints subjects per hour of both, quorix's time split per stage
@@ -58,7 +59,7 @@ mrthreshold -quiet -force -nthreads $t "$o/fa.nii.gz" -abs 0.3 "$o/seed.mif"
 tckgen -quiet -force -nthreads $t $g -algorithm Tensor_Det -seed_grid_per_voxel "$o/seed.mif" 1 -select 0 \
   -cutoff 0.18 -step 1.4 -angle 90 -minlength 0 -maxlength 445 "$s.nii.gz" "$o/tracks.tck"
 for l in 1 2 3 4 5 6 7 8; do
-  mrcalc -quiet -force -nthreads $t "$work/atlas.nii.gz" $l -eq "$o/label.mif"
+  mrcalc -quiet -force -nthreads $t "$work/atlas.nii.gz" $l -eq "$work/mask$i.nii" -mult "$o/label.mif"
   for m in fa md; do
     echo "$l $m $(mrstats -quiet "$o/$m.nii.gz" -mask "$o/label.mif" -output mean -output std -output min -output max)"
   done

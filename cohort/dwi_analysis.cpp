@@ -277,7 +277,9 @@ std::string StatsRow(int32_t label, const PcdDiffusionTensorStatistics& s) {
   return line;
 }
 
-bool AtlasStats(const PcdDtiData* dti, const CohortAtlas& atlas, const std::string& dir,
+// Statistics per label over the label's voxels inside the brain mask (the voxels the maps
+// hold), so that the air around the head does not count.
+bool AtlasStats(const PcdDtiData* dti, const CohortAtlas& atlas, int16_t threshold, const std::string& dir,
                 const std::string& prefix, std::vector<std::string>* written) {
   const PcdIntSize4D& s = *dti->volume->matrixSize;
   const PcdIntSize4D& a = *atlas.labels->matrixSize;
@@ -295,10 +297,11 @@ bool AtlasStats(const PcdDtiData* dti, const CohortAtlas& atlas, const std::stri
   const PcdScopedCLocale cLocale;
   std::string table = std::string(kCohortRoiStatsHeader) + "\n";
   const auto* labels = static_cast<const int16_t*>(atlas.labels->data[0]);
+  const auto* so = static_cast<const int16_t*>(dti->volume->data[0]);
   auto* bytes = static_cast<uint8_t*>(mask.volume->data[0]);
   const size_t voxels = static_cast<size_t>(s.x) * s.y * s.z;
   for (int32_t label : atlas.values) {
-    for (size_t i = 0; i < voxels; ++i) bytes[i] = labels[i] == label ? 1 : 0;
+    for (size_t i = 0; i < voxels; ++i) bytes[i] = labels[i] == label && so[i] > threshold ? 1 : 0;
     PcdDiffusionTensorStatistics* stats = PCDdti_GetDiffusionTensorStatistics(dti, mask.volume);
     if (stats == nullptr) return false;
     std::string row = StatsRow(label, *stats);
@@ -360,7 +363,7 @@ bool AnalyseCohortDwiRun(const BidsDwiRun& run, const CohortAnalyses& analyses,
   }
   if (analyses.stats && atlas != nullptr) {
     start = Clock::now();
-    if (!AtlasStats(set.dti, *atlas, dir, run.prefix, written)) return false;
+    if (!AtlasStats(set.dti, *atlas, threshold, dir, run.prefix, written)) return false;
     times->stats += SecondsSince(start);
   }
 

@@ -146,19 +146,33 @@ TEST(CohortUnit, WritesTheMapsOnceSkipsWhenUnchangedAndRedoesWhatChanged) {
   EXPECT_GT(bundle, 50);
   EXPECT_GT(fitted, 1000);
 
-  // atlas table: voxel counts per label as the label rule gives them
-  std::map<int, int> counts;
+  // atlas table: per label the voxels inside the brain mask, which the labels cover
+  // together; the phantom's head (where the true FA is defined) lies inside it
+  std::map<int, int> counts, head;
   for (int z = 0; z < kZ; ++z)
     for (int y = 0; y < kY; ++y)
-      for (int x = 0; x < kX; ++x) ++counts[cohort_test::AtlasLabel(x, y, z)];
+      for (int x = 0; x < kX; ++x) {
+        ++counts[cohort_test::AtlasLabel(x, y, z)];
+        if (c.truth.adc[(static_cast<size_t>(z) * kY + y) * kX + x] > 0) ++head[cohort_test::AtlasLabel(x, y, z)];
+      }
   const std::string roi = ReadFileText(d + "_atlas-atlas_roistats.tsv");
+  const auto qc = TsvRow(ReadFileText(d + "_desc-qc_dwi.tsv"), 0);
+  int inMask = 0, valid = 0;
   for (size_t row = 0; row < counts.size(); ++row) {
     const auto cells = TsvRow(roi, row);
-    EXPECT_EQ(cells.at("label"), std::to_string(row + 1));
-    EXPECT_EQ(cells.at("voxels"), std::to_string(counts[static_cast<int>(row) + 1]));
-    EXPECT_LE(std::stoi(cells.at("valid_tensors")), counts[static_cast<int>(row) + 1]);
+    const int label = static_cast<int>(row) + 1;
+    EXPECT_EQ(cells.at("label"), std::to_string(label));
+    EXPECT_LE(std::stoi(cells.at("voxels")), counts[label]);
+    EXPECT_GE(std::stoi(cells.at("voxels")), head[label]);
+    EXPECT_LE(std::stoi(cells.at("valid_tensors")), std::stoi(cells.at("voxels")));
+    inMask += std::stoi(cells.at("voxels"));
+    valid += std::stoi(cells.at("valid_tensors"));
   }
-  const auto qc = TsvRow(ReadFileText(d + "_desc-qc_dwi.tsv"), 0);
+  // the QC's own pass over the mask and the statistics per label agree on validity; without
+  // noise the perfectly isotropic tissue has an undefined FA (equal eigenvalues) and fails
+  EXPECT_EQ(std::to_string(inMask), qc.at("mask_voxels"));
+  EXPECT_NEAR(std::stod(qc.at("valid_tensor_fraction")), static_cast<double>(valid) / inMask, 1e-6);
+  EXPECT_LT(valid, inMask);
   EXPECT_EQ(qc.at("volumes"), "13");
   EXPECT_EQ(qc.at("b_values"), "0,1000");
   EXPECT_EQ(qc.at("gradcheck"), "n/a");
