@@ -2,9 +2,9 @@
 
 #include <fcntl.h>
 #include <openssl/evp.h>
-#include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -72,11 +72,26 @@ std::optional<std::string> CohortReadFile(const std::string& path, size_t limit)
   return text;
 }
 
+namespace {
+
+// An open-file-description lock over the whole file: exclusive between any two opens (also
+// within one process), dropped by the kernel when the file is closed or the process ends,
+// and it can be queried without being taken.
+struct flock WholeFileLock(short type) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  return lock;
+}
+
+}  // namespace
+
 CohortLock::CohortLock(const std::string& path, bool wait) {
   fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   if (fd_ < 0) return;
+  struct flock lock = WholeFileLock(F_WRLCK);
   int result;
-  do result = flock(fd_, wait ? LOCK_EX : LOCK_EX | LOCK_NB);
+  do result = fcntl(fd_, wait ? F_OFD_SETLKW : F_OFD_SETLK, &lock);
   while (result != 0 && errno == EINTR);
   locked_ = result == 0;
 }
@@ -86,10 +101,13 @@ CohortLock::~CohortLock() {
 }
 
 bool CohortLockIsHeld(const std::string& path) {
-  std::error_code error;
-  if (!std::filesystem::exists(path, error)) return false;
-  const CohortLock probe(path);
-  return !probe.locked();
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  // asks without taking it, so that a unit starting just now is never turned away
+  struct flock lock = WholeFileLock(F_WRLCK);
+  const bool held = fcntl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+  close(fd);
+  return held;
 }
 
 std::string CohortJsonString(const std::string& text) {

@@ -31,7 +31,7 @@ class CohortLock {
   bool locked_ = false;
 };
 
-// True when someone holds the lock on path now (tested by taking and dropping it).
+// True when someone holds the lock on path now (asked without taking it).
 bool CohortLockIsHeld(const std::string& path);
 
 // A string as a JSON string literal (quotes included).
