@@ -195,7 +195,12 @@ std::string WhoRuns() {
   char host[256] = "?";
   gethostname(host, sizeof host - 1);
   std::string who = std::string("pid ") + std::to_string(getpid()) + " on " + host;
-  if (const char* job = std::getenv("SLURM_JOB_ID")) who += ", Slurm job " + std::string(job);
+  const char* array = std::getenv("SLURM_ARRAY_JOB_ID");
+  const char* task = std::getenv("SLURM_ARRAY_TASK_ID");
+  const char* job = std::getenv("SLURM_JOB_ID");
+  // the array task's name is the one its output file carries (slurm-<array>_<task>.out)
+  if (array != nullptr && task != nullptr) who += ", Slurm job " + std::string(array) + "_" + task;
+  else if (job != nullptr) who += ", Slurm job " + std::string(job);
   return who;
 }
 
@@ -323,6 +328,20 @@ bool ControlGroupSawOomKill() {
   return false;
 }
 
+// True when the output file of the Slurm task named in a "running" reason ("..., Slurm job
+// 12_3") holds Slurm's word that the task went over its memory: the only trace left when
+// Slurm's accounting poller kills the whole task, job script and all.
+bool SlurmSawOutOfMemory(const std::string& outputDir, const std::string& reason) {
+  const size_t at = reason.rfind("Slurm job ");
+  if (at == std::string::npos) return false;
+  const std::string job = reason.substr(at + 10);
+  if (job.empty() || job.find_first_not_of("0123456789_") != std::string::npos) return false;
+  const auto text = CohortReadFile(LogsDir(outputDir) + "/slurm-" + job + ".out", 16u << 20);
+  return text && (text->find("exceeded memory limit") != std::string::npos ||
+                  text->find("Exceeded job memory limit") != std::string::npos ||
+                  text->find("oom-kill") != std::string::npos);
+}
+
 }  // namespace
 
 CohortUnitResult RecordCohortUnitKilled(const BidsUnit& unit, const std::string& outputDir, int signal) {
@@ -342,8 +361,10 @@ CohortUnitResult ReadCohortUnitStatus(const std::string& outputDir, const std::s
   if (!std::getline(rows, subject, '\t') || !std::getline(rows, session, '\t') ||
       !std::getline(rows, status, '\t') || !std::getline(rows, reason))
     return {};
-  if (status == kCohortRunning && !CohortLockIsHeld(LockFile(outputDir, unitName)))
-    return {kCohortFailed, "stopped before finishing (killed, out of memory or crashed; " + reason + ")"};
+  if (status == kCohortRunning && !CohortLockIsHeld(LockFile(outputDir, unitName))) {
+    const std::string stopped = "stopped before finishing (killed, out of memory or crashed; " + reason + ")";
+    return {kCohortFailed, SlurmSawOutOfMemory(outputDir, reason) ? "out of memory: " + stopped : stopped};
+  }
   return {status, reason};
 }
 

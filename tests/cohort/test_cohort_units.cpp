@@ -283,6 +283,16 @@ TEST(CohortUnit, LocksLeftoversFailuresAndStatus) {
             "02\tn/a\tfailed\t" + failed.reason + "\n"
             "04\tn/a\tfailed\t" + flat.reason + "\n");
 
+  // a Slurm task killed whole by the accounting poller: its output file says why
+  WriteFileText(root + "/logs/sub-03_ses-x_status.tsv",
+                "subject\tsession\tstatus\treason\n03\tx\trunning\tpid 7 on n1, Slurm job 77_2\n");
+  WriteFileText(root + "/logs/slurm-77_2.out",
+                "slurmstepd: error: Job 79 exceeded memory limit (52000 > 40960), being killed\n");
+  EXPECT_EQ(ReadCohortUnitStatus(out, "sub-03_ses-x").reason,
+            "out of memory: stopped before finishing (killed, out of memory or crashed; pid 7 on n1, Slurm job 77_2)");
+  WriteFileText(root + "/logs/slurm-77_2.out", "slurmstepd: error: *** JOB 79 CANCELLED ***\n");
+  EXPECT_EQ(ReadCohortUnitStatus(out, "sub-03_ses-x").reason.rfind("stopped before finishing", 0), 0u);
+
   // a signal recorded by the job script
   RecordCohortUnitKilled(units[2], out, 9);
   EXPECT_EQ(ReadCohortUnitStatus(out, "sub-03_ses-x").status, "failed");
