@@ -7,6 +7,8 @@ pkgs=(build-essential cmake pkg-config git libgtest-dev libgmock-dev libbenchmar
 pkgs+=(chromium)  # the report tests load the pages in a headless browser
 pkgs+=(python3-pydicom dcm2niix python3-nibabel)  # DICOM series and tract positions by other tools
 pkgs+=(libgdcm-dev libgdcm-tools)  # scanner DICOM; gdcmconv compresses test series
+pkgs+=(libssl-dev nlohmann-json3-dev)  # cohorts: SHA-256 of inputs and outputs, done markers
+pkgs+=(slurm-wlm munge)  # the cohort test starts a one-node Slurm cluster of its own
 if [ "${1:-}" = "--peers" ]; then pkgs+=(mrtrix3 python3-dipy hyperfine python3-scipy); fi
 missing=()
 for p in "${pkgs[@]}"; do

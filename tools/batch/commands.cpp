@@ -27,6 +27,7 @@ extern const BatchCommand kBatchRoiCommand;
 extern const BatchCommand kBatchStudyCommand;
 extern const BatchCommand kBatchGradcheckCommand;
 extern const BatchCommand kBatchReportCommand;
+extern const BatchCommand kBatchBidsCommand;
 
 namespace {
 
@@ -45,6 +46,7 @@ const BatchCommand* const kCommands[] = {
     &kBatchStudyCommand,
     &kBatchGradcheckCommand,
     &kBatchReportCommand,
+    &kBatchBidsCommand,
 };
 
 }  // namespace
