@@ -13,6 +13,7 @@
 #include "cohort/cohort_files.h"
 #include "dti/channels.h"
 #include "dti/dti_check.h"
+#include "dti/gradient_check.h"
 #include "dti/statistics.h"
 #include "dti/tensor.h"
 #include "fiber/tracking.h"
@@ -321,9 +322,12 @@ bool AtlasStats(const PcdDtiData* dti, const CohortAtlas& atlas, int16_t thresho
 
 }  // namespace
 
-std::string RunCohortExtraSteps(const BidsDwiRun& run, const std::string& dir,
+std::string RunCohortExtraSteps(const PcdDtiData* dti, const BidsDwiRun& run, const std::string& dir,
                                 std::vector<std::string>* written) {
-  return "n/a";
+  // the gradient table's verdict (fiber coherence of its axis permutations and flips)
+  PcdGradientCheck check;
+  if (dti == nullptr || !PCDdti_CheckGradientTable(dti, PcdGradientCheckOptions{}, &check)) return "n/a";
+  return PCDdti_GradientVerdict(check);
 }
 
 bool AnalyseCohortDwiRun(const BidsDwiRun& run, const CohortAnalyses& analyses,
@@ -367,7 +371,7 @@ bool AnalyseCohortDwiRun(const BidsDwiRun& run, const CohortAnalyses& analyses,
     times->stats += SecondsSince(start);
   }
 
-  const std::string gradcheck = RunCohortExtraSteps(run, dir, written);
+  const std::string gradcheck = RunCohortExtraSteps(set.dti, run, dir, written);
   std::string warnings;
   const double validFraction =
       eigen.maskVoxels > 0 ? static_cast<double>(eigen.validFa.size()) / static_cast<double>(eigen.maskVoxels) : 0.0;

@@ -55,6 +55,7 @@ bool AnalyseCohortDwiRun(const BidsDwiRun& run, const CohortAnalyses& analyses,
 
 // Hook for further per-image steps that other commands provide (gradient-table check,
 // reports): called after the analyses, writing into the same folder; returns the value of
-// the QC table's "gradcheck" column ("n/a" while no check is wired in).
-std::string RunCohortExtraSteps(const BidsDwiRun& run, const std::string& dir,
+// the QC table's "gradcheck" column: the gradient-table check's verdict ("as given", or
+// the corrected axes), "n/a" when it could not run (no high-FA voxels).
+std::string RunCohortExtraSteps(const PcdDtiData* dti, const BidsDwiRun& run, const std::string& dir,
                                 std::vector<std::string>* written);
