@@ -16,7 +16,7 @@
 
 // How far (voxels, along each axis) the control region reaches beyond the seed and
 // target regions.
-constexpr int kPcdModelingNeighbourhood = 10;
+constexpr int kPcdModelingNeighbourhood = 16;
 
 // Otsu's threshold of the values: the smallest t that maximises the between-class
 // variance of {v <= t} and {v > t}. The foreground is v > t; when all values are equal

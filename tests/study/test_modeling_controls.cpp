@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -123,4 +124,47 @@ TEST(ModelingControls, BoundedRegionIsTissueNearTheSeeds) {
   EXPECT_EQ(PCD_NewBoundedModelingControlVolume(p.s.dti, &limits, wrongSize), nullptr);
   EXPECT_TRUE(quorix_test::HasLine(testing::internal::GetCapturedStderr(),
                                    "Err: the seed and target regions do not have the size of the volume\n"));
+}
+
+// A modeling study with its default settings on a noisy phantom: no control voxel
+// outside the head or far from the seeds, and its fibers follow the phantom's true
+// directions wherever one exists (segments within 30 degrees of it).
+TEST(ModelingControls, DefaultStudyOnNoisyDataStaysOnTheBundle) {
+  PhantomSession p(40, 40, 16, 0.05f);
+  PcdStudyObject* study = PCD_NewStudyObject(&p.s.studies, PCD_STUDY_FIBER_MODELING, nullptr);
+  study->tract->regions[0].shape->centre = {8.5f, 19.5f, 7.5f};  // in the bundle along x
+  study->tract->regions[0].shape->radius = 1.5f;
+  int lines = 0, along = 0, across = 0;
+  PcdStudyRunOptions options;
+  options.drawFibers = [&](const PcdStudyObject*, const PcdFibeTrakBuffer* result, int) {
+    lines = result->lineCount;
+    for (int i = 0; i < result->lineCount; ++i)
+      for (const PcdTrakLineBuffer* l : {result->pairs[i]->forward, result->pairs[i]->backward})
+        for (int k = 0; l != nullptr && k + 1 < l->nodeCount; ++k) {
+          size_t at = 0;
+          if (!PCDdti_VoxelIndexOfPoint(l->x[k], l->y[k], l->z[k], {40, 40, 16}, &at)) continue;
+          const PcdVector3D d = p.truth.direction[at];
+          const double sx = l->x[k + 1] - l->x[k], sy = l->y[k + 1] - l->y[k], sz = l->z[k + 1] - l->z[k];
+          const double length = std::sqrt(sx * sx + sy * sy + sz * sz);
+          if (d.x == 0 && d.y == 0 && d.z == 0) continue;
+          (std::fabs(sx * d.x + sy * d.y + sz * d.z) >= 0.866 * length ? along : across) += 1;
+        }
+  };
+  testing::internal::CaptureStderr();
+  const int status = PCD_RunStudy(&p.s, study, options);
+  const std::string console = testing::internal::GetCapturedStderr();
+  ASSERT_EQ(status, 0) << console;
+  EXPECT_GT(lines, 10);
+  EXPECT_GT(along, 500);
+  EXPECT_EQ(across, 0);
+  // fewer controls than the limits alone give
+  PcdDiffusionTensorLimits limits;
+  testing::internal::CaptureStderr();
+  VolumePtr all(PCD_NewModelingControlVolume(p.s.dti, &limits), PCD_DeleteRawVolumeData);
+  testing::internal::GetCapturedStderr();
+  const auto* a = static_cast<const uint8_t*>(all->data[0]);
+  const long everywhere = std::count(a, a + 40 * 40 * 16, 1);
+  const size_t at = console.find("Originally ");
+  ASSERT_NE(at, std::string::npos);
+  EXPECT_LT(std::atol(console.c_str() + at + 11), everywhere * 3 / 4) << console;
 }

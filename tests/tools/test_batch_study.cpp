@@ -250,10 +250,10 @@ TEST(BatchStudy, ModelingStudyAndModelCommandShareTheDefaultControlsAndRefusals)
   EXPECT_NE(out.find("Seed Points:   1\n"), std::string::npos) << out;
   ASSERT_EQ(RunBatch(dir, model, &out, &err), 0) << err;
   EXPECT_EQ(controlLine(err), fromStudy);
-  // tissue within 10 voxels of one voxel: at most 21^3, and some
+  // tissue within 16 voxels of one voxel: at most 33^3, and some
   const int count = std::atoi(fromStudy.c_str() + 13);
   EXPECT_GT(count, 10) << fromStudy;
-  EXPECT_LE(count, 21 * 21 * 21) << fromStudy;
+  EXPECT_LE(count, 33 * 33 * 33) << fromStudy;
 
   const std::string refusal = "Err: " + std::to_string(count) + " control tensors need about ";
   for (const std::string& command : {studyRun, model}) {

@@ -176,7 +176,7 @@ extern const BatchCommand kBatchModelCommand = {
     "  --control-mask MASK raw volume or NIfTI image of the data set's matrix size;\n"
     "                      default, as a modeling study: the voxels passing the stop\n"
     "                      criteria inside the head (So above its Otsu threshold) and\n"
-    "                      within 10 voxels of a seed voxel\n"
+    "                      within 16 voxels of a seed voxel\n"
     "  --seed-mask MASK    likewise; every non-zero voxel seeds\n"
     "  --seed-box ...      the voxels X0..X1, Y0..Y1, Z0..Z1 (inclusive) seed\n"
     "  --seeds-per-voxel K seeds per voxel, spread evenly inside it (default 1: the centre)\n"
