@@ -55,7 +55,7 @@ int64_t available_memory_bytes() {
 
 // Three (n + 4)^2-float matrices are filled at once: the shared system, the
 // decomposition's copy and the inverse (the other five systems are allocated but never
-// written); the decomposition and the inverse take about 8/3 (n + 4)^3 operations.
+// written); forming the inverse takes about 2 (n + 4)^3 operations.
 // Refused before anything is allocated when that is more than the machine's memory (or
 // the QUORIX_MEMORY_LIMIT_MB share) or the time budget allows.
 bool systems_fit_the_machine(int32_t n) {
@@ -148,7 +148,7 @@ float SQR(float x) { return x == 0.0f ? 0.0f : x * x; }
 
 PcdModelingCost PCDdti_EstimateModelingCost(int32_t n) {
   const double side = static_cast<double>(n) + 4.0;
-  return {3.0 * side * side * sizeof(float), 8.0 / 3.0 * side * side * side / kPcdModelingOperationsPerSecond};
+  return {3.0 * side * side * sizeof(float), 2.0 * side * side * side / kPcdModelingOperationsPerSecond};
 }
 
 int PCDdti_ModelingPitch(int32_t width) {

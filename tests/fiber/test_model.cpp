@@ -183,21 +183,21 @@ TEST(FiberModeling, RefusesAControlRegionWhoseSystemsExceedMemory) {
   EXPECT_EQ(run.said.find("Component-wise"), std::string::npos);
 }
 
-// Past the time budget (2 slices of 64 x 64 = 8192 controls: 8196^3 * 8/3 = 1.5e12
-// operations, more than the budget at the assumed speed) and, with memory limited to 1 MB,
+// Past the time budget (4 slices of 64 x 64 = 16384 controls: 2 * 16388^3 = 8.8e12
+// operations, 440 s at the assumed speed) and, with memory limited to 1 MB,
 // past memory (300 controls: 3 * 304^2 floats = 1.1 MB): one line naming the count and
 // how to narrow it, nothing allocated.
 TEST(FiberModeling, RefusesAControlCountPastTheMachinesBudget) {
-  Phantom p(64, 64, 2, 6);
+  Phantom p(64, 64, 4, 6);
   VolumePtr all = Controls(p, [](int, int, int) { return true; });
   ModelingRun slow;
   slow.Model(p.dti, all.get(), 2);
   EXPECT_EQ(slow.result, nullptr);
-  EXPECT_TRUE(quorix_test::HasLine(slow.said, ">>>>>>>>>>>> 8192 control tensors (pitch:1)<<<<<<<<<<<<<\n"
-                                              "Err: 8192 control tensors need about ")) << slow.said;
+  EXPECT_TRUE(quorix_test::HasLine(slow.said, ">>>>>>>>>>>> 16384 control tensors (pitch:1)<<<<<<<<<<<<<\n"
+                                              "Err: 16384 control tensors need about ")) << slow.said;
   EXPECT_NE(slow.said.find("; narrow the control region ("), std::string::npos) << slow.said;
   EXPECT_EQ(slow.said.find("Component-wise"), std::string::npos);
-  EXPECT_GT(PCDdti_EstimateModelingCost(8192).seconds, kPcdModelingSecondsBudget);
+  EXPECT_GT(PCDdti_EstimateModelingCost(16384).seconds, kPcdModelingSecondsBudget);
 
   Phantom q(10, 10, 3, 6);
   VolumePtr box = Controls(q, [](int, int, int) { return true; });
@@ -212,7 +212,7 @@ TEST(FiberModeling, RefusesAControlCountPastTheMachinesBudget) {
   EXPECT_NE(small.result, nullptr) << small.said;  // the same region with memory to spare
   EXPECT_EQ(limited.result, nullptr);
   EXPECT_TRUE(quorix_test::HasLine(limited.said, "Err: 300 control tensors need about 0.00 GB and 0 s to solve, "
-                                                 "more than the 0.00 GB and 120 s allowed here; narrow the "
+                                                 "more than the 0.00 GB and 180 s allowed here; narrow the "
                                                  "control region (a smaller seed or target region, or a control "
                                                  "mask or ROI of the tissue the fibers run through)\n"
                                                  "WARNING: Tensor field is NOT created\n")) << limited.said;

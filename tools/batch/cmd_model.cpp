@@ -170,7 +170,7 @@ extern const BatchCommand kBatchModelCommand = {
     "principal direction of the interpolated field from every seed, forward and backward.\n"
     "Prints the seed, line and node counts; every fiber is kept. The dense systems take\n"
     "about 12 (n + 4)^2 bytes and time growing as n^3 for n control voxels: a region\n"
-    "past what the machine solves in two minutes is refused, as is one lying in a plane.\n"
+    "past what the machine solves in three minutes is refused, as is one lying in a plane.\n"
     "\n"
     "Regions:\n"
     "  --control-mask MASK raw volume or NIfTI image of the data set's matrix size;\n"
