@@ -168,3 +168,34 @@ TEST(ModelingControls, DefaultStudyOnNoisyDataStaysOnTheBundle) {
   ASSERT_NE(at, std::string::npos);
   EXPECT_LT(std::atol(console.c_str() + at + 11), everywhere * 3 / 4) << console;
 }
+
+// The target region widens the default region as the seed region does: with the seed at
+// one end of a 40-voxel-wide volume and the target at the other, their neighbourhoods
+// (x 0..17 and 22..39) do not meet, so the control count with the target is the sum of
+// the counts of the seed alone and of the target taken as the seed.
+TEST(ModelingControls, TargetRegionsWidenTheDefaultRegion) {
+  PhantomSession p(40, 16, 8, 0.0f);
+  PcdStudyObject* study = PCD_NewStudyObject(&p.s.studies, PCD_STUDY_FIBER_MODELING, nullptr);
+  PcdTractSettings& t = *study->tract;
+  t.regions[0].shape->centre = {1.5f, 8.5f, 4.5f};
+  t.regions[0].shape->radius = 0.5f;
+  auto originally = [&]() {
+    testing::internal::CaptureStderr();
+    PCD_RunStudy(&p.s, study, {});
+    const std::string said = testing::internal::GetCapturedStderr();
+    const size_t at = said.find("Originally ");
+    return at == std::string::npos ? -1 : std::atoi(said.c_str() + at + 11);
+  };
+  const int seedAlone = originally();
+  t.regions[0].shape->centre = {38.5f, 8.5f, 4.5f};
+  const int targetAlone = originally();
+  t.regions[0].shape->centre = {1.5f, 8.5f, 4.5f};
+  t.regions[1].use = kPcdRegionInUse;
+  t.regions[1].kind = kPcdRegionSphere;
+  t.regions[1].shape = std::make_unique<PcdRoiShape>(*t.regions[0].shape);
+  t.regions[1].shape->centre = {38.5f, 8.5f, 4.5f};
+  const int both = originally();
+  EXPECT_GT(seedAlone, 50);
+  EXPECT_GT(targetAlone, 50);
+  EXPECT_EQ(both, seedAlone + targetAlone) << seedAlone << " + " << targetAlone;
+}
