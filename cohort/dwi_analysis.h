@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cohort/bids_layout.h"
+#include "dti/dti_data.h"
 #include "vol/raw_volume.h"
 
 struct CohortAnalyses {

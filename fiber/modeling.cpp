@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -54,16 +55,44 @@ int64_t available_memory_bytes() {
 
 // Three (n + 4)^2-float matrices are filled at once: the shared system, the
 // decomposition's copy and the inverse (the other five systems are allocated but never
-// written). Refused before anything is allocated when they cannot fit.
-bool systems_fit_in_memory(int32_t n) {
-  const double side = static_cast<double>(n) + 4.0;
-  const double need = 3.0 * side * side * sizeof(float);
-  const double have = static_cast<double>(available_memory_bytes());
-  if (need <= have && n <= 46000) return true;
+// written); forming the inverse takes about 2 (n + 4)^3 operations.
+// Refused before anything is allocated when that is more than the machine's memory (or
+// the QUORIX_MEMORY_LIMIT_MB share) or the time budget allows.
+bool systems_fit_the_machine(int32_t n) {
+  const PcdModelingCost cost = PCDdti_EstimateModelingCost(n);
+  const double have = static_cast<double>(
+      std::min<int64_t>(available_memory_bytes(), static_cast<int64_t>(std::min<size_t>(PCD_MaxAllocationBytes(), INT64_MAX))));
+  if (cost.bytes <= have && cost.seconds <= kPcdModelingSecondsBudget) return true;
   std::fprintf(stderr,
-               "Err: %d control tensors need %.1f GB for their systems ((n + 4)^2 floats each), "
-               "more than the %.1f GB of memory available\n",
-               n, need / 1e9, have / 1e9);
+               "Err: %d control tensors need about %.2f GB and %.0f s to solve, more than the %.2f GB and "
+               "%.0f s allowed here; narrow the control region (a smaller seed or target region, or a "
+               "control mask or ROI of the tissue the fibers run through)\n",
+               n, cost.bytes / 1e9, cost.seconds, have / 1e9, kPcdModelingSecondsBudget);
+  return false;
+}
+
+// The system of phi(r) = r with its affine part is singular when the control points do
+// not span space: all on one plane (or one line, or fewer than four points).
+bool controls_span_space(const std::vector<PcdIntVector3D>& p) {
+  if (p.size() < 4) return false;
+  auto sub = [](const PcdIntVector3D& a, const PcdIntVector3D& b) {
+    return std::array<int64_t, 3>{int64_t{a.x} - b.x, int64_t{a.y} - b.y, int64_t{a.z} - b.z};
+  };
+  size_t i = 1;
+  while (i < p.size() && sub(p[i], p[0]) == std::array<int64_t, 3>{0, 0, 0}) ++i;
+  if (i == p.size()) return false;
+  const auto u = sub(p[i], p[0]);
+  std::array<int64_t, 3> normal{0, 0, 0};
+  size_t j = i + 1;
+  for (; j < p.size(); ++j) {
+    const auto v = sub(p[j], p[0]);
+    normal = {u[1] * v[2] - u[2] * v[1], u[2] * v[0] - u[0] * v[2], u[0] * v[1] - u[1] * v[0]};
+    if (normal != std::array<int64_t, 3>{0, 0, 0}) break;
+  }
+  for (size_t k = j + 1; k < p.size(); ++k) {
+    const auto w = sub(p[k], p[0]);
+    if (normal[0] * w[0] + normal[1] * w[1] + normal[2] * w[2] != 0) return true;
+  }
   return false;
 }
 
@@ -117,6 +146,11 @@ bool reconstruct_interpolator(TensorInterPolator* t, int threads) {
 
 float SQR(float x) { return x == 0.0f ? 0.0f : x * x; }
 
+PcdModelingCost PCDdti_EstimateModelingCost(int32_t n) {
+  const double side = static_cast<double>(n) + 4.0;
+  return {3.0 * side * side * sizeof(float), 2.0 * side * side * side / kPcdModelingOperationsPerSecond};
+}
+
 int PCDdti_ModelingPitch(int32_t width) {
   if (width <= 64) return 1;
   if (width <= 128) return 2;
@@ -163,7 +197,20 @@ TensorInterPolator* new_tensor_interpolator(const PcdDtiData* dti, const PcdRawV
     std::fputs("Control voxel NOT found\n", stderr);
     return nullptr;
   }
-  if (!systems_fit_in_memory(n)) return nullptr;
+  std::vector<PcdIntVector3D> grid;
+  grid.reserve(static_cast<size_t>(n));
+  for (int z = 0; z < s.z; z += pitch)
+    for (int y = 0; y < s.y; y += pitch)
+      for (int x = 0; x < s.x; x += pitch)
+        if (is_control_voxel(controls, x, y, z)) grid.push_back({x, y, z});
+  if (!controls_span_space(grid)) {
+    std::fprintf(stderr,
+                 "Err: the %d control tensors lie in one plane, which gives no tensor field; the control "
+                 "region must be more than one slice thick\n",
+                 n);
+    return nullptr;
+  }
+  if (!systems_fit_the_machine(n)) return nullptr;
 
   auto* t = new (std::nothrow) TensorInterPolator;
   if (t == nullptr) return nullptr;

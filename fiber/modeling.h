@@ -46,6 +46,20 @@ PcdFibeTrakBuffer* PCDdti_FiberModeling(const PcdDtiData* dti, PcdFibeModelConte
                                         const PcdRawVolumeData* controls, int threads,
                                         const char* dumpName, void* unused = nullptr);
 
+// What solving the systems of n control tensors takes: bytes of memory and seconds at
+// kPcdModelingOperationsPerSecond. Beyond kPcdModelingSecondsBudget (or the memory the
+// machine has) a run is refused with one "Err: " line naming the count, before anything
+// is allocated, rather than left to run for hours.
+struct PcdModelingCost {
+  double bytes = 0.0;
+  double seconds = 0.0;
+};
+// the explicit single-precision inverse runs at about 40e9 operations per CPU-second
+// here (bench/README.md); half of that allows for older processors and a loaded machine
+constexpr double kPcdModelingOperationsPerSecond = 2.0e10;
+constexpr double kPcdModelingSecondsBudget = 180.0;
+PcdModelingCost PCDdti_EstimateModelingCost(int32_t n);
+
 // The control grid's spacing for a volume w voxels wide: 1, 2, 4, and 6 beyond 256.
 int PCDdti_ModelingPitch(int32_t width);
 
@@ -54,7 +68,8 @@ int PCDdti_ModelingPitch(int32_t width);
 // The control voxels are the foreground voxels whose coordinates are all multiples of
 // pitch. Reconstruction forms one LU inverse for the six identical systems, its columns
 // on up to `threads` threads. Null, with its message, when no control voxel exists, the
-// systems would not fit in memory or an allocation fails.
+// control voxels lie in one plane (a singular system), the systems cost more than the
+// machine allows (PCDdti_EstimateModelingCost) or an allocation fails.
 TensorInterPolator* new_tensor_interpolator(const PcdDtiData* dti, const PcdRawVolumeData* controls,
                                             int pitch, int threads);
 void delete_tensor_interpolator(TensorInterPolator* interpolator);

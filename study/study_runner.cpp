@@ -11,6 +11,7 @@
 #include "fiber/tracking.h"
 #include "io/file_util.h"
 #include "study/fiber_dump.h"
+#include "study/modeling_controls.h"
 
 namespace {
 
@@ -250,7 +251,14 @@ int PCD_RunFiberModelingStudy(PcdWorkSession* session, PcdStudyObject* study,
   std::unique_ptr<PcdRawVolumeData, void (*)(PcdRawVolumeData*)> made(nullptr, PCD_DeleteRawVolumeData);
   const PcdRawVolumeData* controls = options.modelingControls;
   if (controls == nullptr) {
-    made.reset(PCD_NewModelingControlVolume(session->dti, &context.limits));
+    // tissue near the seeds and the targets: the voxels in between are what a fiber
+    // from one to the other runs through
+    const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
+    std::vector<uint8_t> near = PCD_MaskOfPoints(seeds, size);
+    for (const std::vector<uint8_t>& target :
+         PCD_GetRegionConditionMasks(&study->tract->regions[1], &session->rois, &size))
+      for (size_t i = 0; i < near.size() && i < target.size(); ++i) near[i] |= target[i];
+    made.reset(PCD_NewBoundedModelingControlVolume(session->dti, &context.limits, near));
     if (!made) return -1;
     controls = made.get();
   }

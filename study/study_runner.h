@@ -28,7 +28,8 @@
 //
 // Fiber modeling takes its control tensors where the caller says, or else at the voxels
 // whose tensor is valid and passes the study's own FA minimum, ADC maximum and So range
-// (each when enabled): the tissue a fiber may run through.
+// (each when enabled), that lie inside the head and near the seed and target regions
+// (study/modeling_controls.h): the tissue a fiber may run through.
 #pragma once
 
 #include <functional>
@@ -89,7 +90,7 @@ struct PcdStudyRunOptions {
   PcdIntVector3D boxOrigin{0, 0, 0};
   PcdIntSize3D boxSize{0, 0, 0};
   // Fiber modeling: where control tensors may be taken (one byte a voxel, 1 = yes, the
-  // data set's size); null for the voxels that pass the study's limits.
+  // data set's size); null for the bounded default (see above).
   const PcdRawVolumeData* modelingControls = nullptr;
 };
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -180,6 +181,69 @@ TEST(FiberModeling, RefusesAControlRegionWhoseSystemsExceedMemory) {
   EXPECT_TRUE(quorix_test::HasLine(run.said, ">>>>>>>>>>>> 65536 control tensors (pitch:1)<<<<<<<<<<<<<\nErr: 65536 control tensors need ")) << run.said;
   EXPECT_TRUE(quorix_test::HasLine(run.said, "WARNING: Tensor field is NOT created\n"));
   EXPECT_EQ(run.said.find("Component-wise"), std::string::npos);
+}
+
+// Past the time budget (4 slices of 64 x 64 = 16384 controls: 2 * 16388^3 = 8.8e12
+// operations, 440 s at the assumed speed) and, with memory limited to 1 MB,
+// past memory (300 controls: 3 * 304^2 floats = 1.1 MB): one line naming the count and
+// how to narrow it, nothing allocated.
+TEST(FiberModeling, RefusesAControlCountPastTheMachinesBudget) {
+  Phantom p(64, 64, 4, 6);
+  VolumePtr all = Controls(p, [](int, int, int) { return true; });
+  ModelingRun slow;
+  slow.Model(p.dti, all.get(), 2);
+  EXPECT_EQ(slow.result, nullptr);
+  EXPECT_TRUE(quorix_test::HasLine(slow.said, ">>>>>>>>>>>> 16384 control tensors (pitch:1)<<<<<<<<<<<<<\n"
+                                              "Err: 16384 control tensors need about ")) << slow.said;
+  EXPECT_NE(slow.said.find("; narrow the control region ("), std::string::npos) << slow.said;
+  EXPECT_EQ(slow.said.find("Component-wise"), std::string::npos);
+  EXPECT_GT(PCDdti_EstimateModelingCost(16384).seconds, kPcdModelingSecondsBudget);
+
+  Phantom q(10, 10, 3, 6);
+  VolumePtr box = Controls(q, [](int, int, int) { return true; });
+  const char* before = std::getenv("QUORIX_MEMORY_LIMIT_MB");
+  const std::string saved = before != nullptr ? before : "";
+  ModelingRun small;
+  ModelingRun limited;
+  small.Model(q.dti, box.get(), 1);
+  setenv("QUORIX_MEMORY_LIMIT_MB", "1", 1);
+  limited.Model(q.dti, box.get(), 1);
+  if (before != nullptr) setenv("QUORIX_MEMORY_LIMIT_MB", saved.c_str(), 1); else unsetenv("QUORIX_MEMORY_LIMIT_MB");
+  EXPECT_NE(small.result, nullptr) << small.said;  // the same region with memory to spare
+  EXPECT_EQ(limited.result, nullptr);
+  EXPECT_TRUE(quorix_test::HasLine(limited.said, "Err: 300 control tensors need about 0.00 GB and 0 s to solve, "
+                                                 "more than the 0.00 GB and 180 s allowed here; narrow the "
+                                                 "control region (a smaller seed or target region, or a control "
+                                                 "mask or ROI of the tissue the fibers run through)\n"
+                                                 "WARNING: Tensor field is NOT created\n")) << limited.said;
+}
+
+// Controls in one plane (one slice, or a line, or fewer than four points) make the
+// system singular: refused before solving, where a solve would give a field of nonsense.
+TEST(FiberModeling, RefusesControlsThatLieInOnePlane) {
+  Phantom p(16, 16, 6, 6);
+  const std::pair<const char*, std::function<bool(int, int, int)>> cases[] = {
+      {"256", [](int, int, int z) { return z == 2; }},  // one slice
+      {"16", [](int x, int y, int z) { return y == 5 && z == 3 && x >= 0; }},  // a line
+      {"3", [](int x, int y, int z) { return z == 1 && y == 1 && x < 3; }},
+      {"8", [](int x, int y, int z) { return x + y + z == 6 && x <= 2 && y <= 2; }},  // a tilted plane
+  };
+  for (const auto& [count, pick] : cases) {
+    VolumePtr flat = Controls(p, [&](int x, int y, int z) { return pick(x, y, z); });
+    ModelingRun run;
+    run.seeds = {{8, 8, 3}};
+    run.Model(p.dti, flat.get(), 1);
+    EXPECT_EQ(run.result, nullptr) << count;
+    EXPECT_TRUE(quorix_test::HasLine(run.said, std::string("Err: the ") + count +
+                                                   " control tensors lie in one plane, which gives no tensor "
+                                                   "field; the control region must be more than one slice thick\n"
+                                                   "WARNING: Tensor field is NOT created\n")) << run.said;
+  }
+  // two slices span space
+  VolumePtr thick = Controls(p, [](int, int, int z) { return z == 2 || z == 3; });
+  ModelingRun run;
+  run.Model(p.dti, thick.get(), 1);
+  EXPECT_NE(run.result, nullptr) << run.said;
 }
 
 // The interpolator's components against what they are made of: control points on the

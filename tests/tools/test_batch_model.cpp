@@ -56,8 +56,8 @@ TEST(BatchModel, ModelsFromAControlMaskAndDumpsTheFieldTheSameForAnyThreadCount)
   }
   EXPECT_EQ(RunCommand(Batch("model --help"), &out), 0);
   EXPECT_EQ(out.rfind("Usage: quorix-batch model ", 0), 0u);
-  EXPECT_EQ(RunCommand(Batch("model " + stem + ".raw --seed-box 1,1,1,2,2,2"), &out), 2);
-  EXPECT_TRUE(quorix_test::HasLine(out, "Err: model: needs --control-mask")) << out;
+  EXPECT_EQ(RunCommand(Batch("model " + stem + ".raw --control-mask " + dir.file("control.raw")), &out), 2);
+  EXPECT_TRUE(quorix_test::HasLine(out, "Err: model: needs exactly one of --seed-mask and --seed-box")) << out;
   WriteBoxMask(dir.file("wide.raw"), 0, 0, 0, 1, 1, 1, 40);
   EXPECT_EQ(RunCommand(Batch("model " + stem + ".raw --control-mask " + dir.file("wide.raw") + " --seed-box 1,1,1,2,2,2"),
                        &out), 1);

@@ -225,3 +225,43 @@ TEST(BatchStudy, ASessionOfSeveralStudiesNeedsStudyOrAll) {
   EXPECT_EQ(RunBatch(dir, "study run " + session + " --data " + session, &out, &err), 1);
   EXPECT_NE(err.find("Err: study run: a work session file brings its own data set"), std::string::npos) << err;
 }
+
+// A modeling study and "quorix-batch model" without a control mask take the same bounded
+// default (the same control count for the same seed voxel) and refuse alike when the
+// systems exceed what the machine allows.
+TEST(BatchStudy, ModelingStudyAndModelCommandShareTheDefaultControlsAndRefusals) {
+  TempDir dir;
+  std::string out, err;
+  ASSERT_EQ(RunBatch(dir, "phantom --size 32,32,12 --directions 12 --noise 0.05 --format raw --no-truth -o " +
+                              dir.file("n"), &out, &err), 0) << err;
+  std::unique_ptr<PcdStudyObject> study(new_study_object(PCD_STUDY_FIBER_MODELING));
+  study->tract->regions[0].shape->centre = {6.5f, 15.5f, 5.5f};
+  study->tract->regions[0].shape->radius = 0.5f;  // the voxel (6, 15, 5)
+  const PcdIntSize3D size{kNx, kNy, kNz};
+  ASSERT_EQ(PCD_SaveStudyObjectFile(study.get(), &size, dir.file("m.qso").c_str()), 0);
+  const std::string studyRun = "study run " + dir.file("m.qso") + " --data " + dir.file("n.raw");
+  const std::string model = "model " + dir.file("n.raw") + " --seed-box 6,15,5,6,15,5";
+  auto controlLine = [](const std::string& text) {
+    const size_t at = text.find(">>>>>>>>>>>> ");
+    return at == std::string::npos ? std::string() : text.substr(at, text.find('\n', at) - at);
+  };
+  ASSERT_EQ(RunBatch(dir, studyRun, &out, &err), 0) << err;
+  const std::string fromStudy = controlLine(err);
+  EXPECT_NE(out.find("Seed Points:   1\n"), std::string::npos) << out;
+  ASSERT_EQ(RunBatch(dir, model, &out, &err), 0) << err;
+  EXPECT_EQ(controlLine(err), fromStudy);
+  // tissue within 16 voxels of one voxel: at most 33^3, and some
+  const int count = std::atoi(fromStudy.c_str() + 13);
+  EXPECT_GT(count, 10) << fromStudy;
+  EXPECT_LE(count, 33 * 33 * 33) << fromStudy;
+
+  const std::string refusal = "Err: " + std::to_string(count) + " control tensors need about ";
+  for (const std::string& command : {studyRun, model}) {
+    EXPECT_EQ(RunBatch(dir, command, &out, &err), 0);
+    EXPECT_EQ(RunCommand("QUORIX_MEMORY_LIMIT_MB=1 " + quorix_test::BuiltProgram("quorix-batch") + " " + command +
+                             " 2>" + dir.file("e.txt"), &out), 1) << command;
+    err = ReadFileText(dir.file("e.txt"));
+    EXPECT_NE(err.find(refusal), std::string::npos) << err;
+    EXPECT_NE(err.find("narrow the control region"), std::string::npos) << err;
+  }
+}

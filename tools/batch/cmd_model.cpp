@@ -14,6 +14,7 @@
 #include "io/raw_volume_file.h"
 #include "io/tract_file.h"
 #include "study/fiber_dump.h"
+#include "study/modeling_controls.h"
 #include "study/study_runner.h"
 #include "tools/batch/batch_input.h"
 #include "tools/batch/batch_region.h"
@@ -76,7 +77,6 @@ int run_model(BatchArgs& args) {
   const auto dump = args.TakeValue({"--dump"});
   const auto tck = args.TakeValue({"--tck"});
   const auto trk = args.TakeValue({"--trk"});
-  if (!control) args.Fail("needs --control-mask");
   if (seedMask.has_value() == box.has_value()) args.Fail("needs exactly one of --seed-mask and --seed-box");
   if (!args.Finish(1, 1)) return kBatchUsageError;
   std::unique_ptr<BatchDataSet> set = LoadBatchInput(args.positional()[0], options);
@@ -84,8 +84,6 @@ int run_model(BatchArgs& args) {
   if (!PCDdti_CheckDataSetForAnalysis(set->dti, PCD_DTI_INTERPOLATED)) return kBatchFailed;
 
   const PcdIntSize4D& size = *set->volume->matrixSize;
-  VolumePtr controls = ReadMask(*control, "control mask", size);
-  if (!controls) return kBatchFailed;
   std::vector<PcdIntVector3D> voxels;
   if (seedMask) {
     VolumePtr seeds = ReadMask(*seedMask, "seed mask", size);
@@ -123,6 +121,20 @@ int run_model(BatchArgs& args) {
   context.seedCount = static_cast<int32_t>(seeds.size());
   context.seedPoints = seeds.data();
 
+  // without a mask, the default of a modeling study: tissue near the seeds
+  VolumePtr controls(nullptr, PCD_DeleteRawVolumeData);
+  if (control) {
+    controls = ReadMask(*control, "control mask", size);
+  } else {
+    const PcdIntSize3D size3{size.x, size.y, size.z};
+    std::vector<uint8_t> near(static_cast<size_t>(size.x) * static_cast<size_t>(size.y) * static_cast<size_t>(size.z), 0);
+    for (const PcdIntVector3D& v : voxels)
+      near[(static_cast<size_t>(v.z) * static_cast<size_t>(size3.y) + static_cast<size_t>(v.y)) * static_cast<size_t>(size3.x) +
+           static_cast<size_t>(v.x)] = 1;
+    controls.reset(PCD_NewBoundedModelingControlVolume(set->dti, &context.limits, near));
+  }
+  if (!controls) return kBatchFailed;
+
   if (fieldDump) std::remove(fieldDump->c_str());  // so that a file left from before cannot pass
   PcdFibeTrakBuffer* result =
       PCDdti_FiberModeling(set->dti, &context, controls.get(), static_cast<int>(threads.value_or(BatchDefaultThreads())),
@@ -155,18 +167,22 @@ int run_model(BatchArgs& args) {
 
 extern const BatchCommand kBatchModelCommand = {
     "model", "fiber modeling through an RBF-interpolated tensor field",
-    "Usage: quorix-batch model INPUT --control-mask MASK\n"
-    "                          (--seed-mask MASK | --seed-box X0,Y0,Z0,X1,Y1,Z1) [options]\n"
+    "Usage: quorix-batch model INPUT (--seed-mask MASK | --seed-box X0,Y0,Z0,X1,Y1,Z1)\n"
+    "                          [--control-mask MASK] [options]\n"
     "\n"
     "Measures the tensor at the control voxels (the mask's non-zero voxels on a grid of\n"
     "pitch 1, 2, 4 or 6 by the matrix width: up to 64, 128, 256, beyond), interpolates\n"
     "each of its six components by radial basis functions (phi(r) = r) and follows the\n"
     "principal direction of the interpolated field from every seed, forward and backward.\n"
     "Prints the seed, line and node counts; every fiber is kept. The dense systems take\n"
-    "about 32 (n + 4)^2 bytes for n control voxels; a region too large is refused.\n"
+    "about 12 (n + 4)^2 bytes and time growing as n^3 for n control voxels: a region\n"
+    "past what the machine solves in three minutes is refused, as is one lying in a plane.\n"
     "\n"
     "Regions:\n"
-    "  --control-mask MASK raw volume or NIfTI image of the data set's matrix size\n"
+    "  --control-mask MASK raw volume or NIfTI image of the data set's matrix size;\n"
+    "                      default, as a modeling study: the voxels passing the stop\n"
+    "                      criteria inside the head (So above its Otsu threshold) and\n"
+    "                      within 16 voxels of a seed voxel\n"
     "  --seed-mask MASK    likewise; every non-zero voxel seeds\n"
     "  --seed-box ...      the voxels X0..X1, Y0..Y1, Z0..Z1 (inclusive) seed\n"
     "  --seeds-per-voxel K seeds per voxel, spread evenly inside it (default 1: the centre)\n"
