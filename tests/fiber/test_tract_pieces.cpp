@@ -76,12 +76,13 @@ TEST(TckPieces, FibersLongerThanAPieceLandWhereTheFormatPutsThem) {
   for (int fiber = 0; fiber < 2; ++fiber) {
     const size_t first = offset + static_cast<size_t>(fiber) * 12 * (points + 1);
     for (size_t k = 0; k < points; ++k) {
-      // forward nodes 2999 .. 1, then backward nodes 0 .. 2999; world x = (x - 0.5) * 2 - 10
+      // forward nodes 2999 .. 1, then backward nodes 0 .. 2999; nodes are voxel index
+      // coordinates (voxel i sampled at i): world x = x * 2 - 10
       const double x = k < 2999 ? 1.0 + 0.5 * static_cast<double>(2999 - k)
                                 : 1.0 - 0.25 * static_cast<double>(k - 2999);
-      ASSERT_EQ(FloatAt(tck, first + 12 * k), static_cast<float>((x - 0.5) * 2.0 - 10.0)) << fiber << " " << k;
-      ASSERT_EQ(FloatAt(tck, first + 12 * k + 4), 3.0f);
-      ASSERT_EQ(FloatAt(tck, first + 12 * k + 8), 5.0f);
+      ASSERT_EQ(FloatAt(tck, first + 12 * k), static_cast<float>(x * 2.0 - 10.0)) << fiber << " " << k;
+      ASSERT_EQ(FloatAt(tck, first + 12 * k + 4), 4.0f);
+      ASSERT_EQ(FloatAt(tck, first + 12 * k + 8), 6.0f);
     }
     for (int c = 0; c < 3; ++c) EXPECT_TRUE(std::isnan(FloatAt(tck, first + 12 * points + 4 * c)));
   }

@@ -82,9 +82,9 @@ TEST(TractFiles, TckHoldsWorldMillimetresAndTrkItsHeader) {
   const size_t offset = std::stoul(head.substr(head.find("file: . ") + 8));
   ASSERT_EQ(tck.size(), offset + 12 * (4 + 1 + 1));
   EXPECT_EQ(std::string(tck.begin() + static_cast<long>(offset) - 4, tck.begin() + static_cast<long>(offset)), "END\n");
-  // the first node (2, 2, 3) is the centre of nothing: (2 - 0.5) * 2 - 10 = -7
-  EXPECT_EQ(PCD_GetFloat32LE(&tck[offset]), -7.0f);
-  EXPECT_EQ(PCD_GetFloat32LE(&tck[offset + 4]), 3.0f);
+  // the first node (2, 2, 3) is voxel (2, 2, 3)'s sample, its centre: 2 * 2 - 10 = -6
+  EXPECT_EQ(PCD_GetFloat32LE(&tck[offset]), -6.0f);
+  EXPECT_EQ(PCD_GetFloat32LE(&tck[offset + 4]), 4.0f);
   EXPECT_TRUE(std::isnan(PCD_GetFloat32LE(&tck[offset + 48])));
   EXPECT_TRUE(std::isinf(PCD_GetFloat32LE(&tck[offset + 60])));
 
@@ -98,7 +98,7 @@ TEST(TractFiles, TckHoldsWorldMillimetresAndTrkItsHeader) {
   EXPECT_EQ(PCD_GetInt32LE(&trk[988]), 1);        // tracks
   EXPECT_EQ(PCD_GetInt32LE(&trk[996]), 1000);     // header size
   EXPECT_EQ(PCD_GetInt32LE(&trk[1000]), 4);       // points of the fiber
-  EXPECT_EQ(PCD_GetFloat32LE(&trk[1004]), 4.0f);  // voxel mm from the corner: 2 * 2
+  EXPECT_EQ(PCD_GetFloat32LE(&trk[1004]), 5.0f);  // voxel mm from the corner: (2 + 0.5) * 2
 
   std::string out;
   if (quorix_test::RunCommand("command -v tckinfo >/dev/null 2>&1") != 0)
