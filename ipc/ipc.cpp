@@ -138,10 +138,12 @@ bool WriteProcessId() { return WriteWord(g_client.rb, kPcdIpcPidOffset, static_c
 // server that leaves the last type on the board must not see it beside the new parameters.
 // The ID's terminator of a 32-character ID falls on offset 40, which the request board does
 // not otherwise use.
-bool WriteRequest(int32_t type) {
+// A rewrite of the same request (while waiting for its acceptance) changes nothing on the
+// board and leaves the type in place.
+bool WriteRequest(int32_t type, bool rewrite = false) {
   uint8_t block[4 * kPcdIpcParameterWords];
   for (size_t i = 0; i < kPcdIpcParameterWords; ++i) PCD_PutInt32LE(block + 4 * i, g_client.parameters[i]);
-  return WriteWord(g_client.rb, kPcdIpcTypeOffset, 0) &&
+  return (rewrite || WriteWord(g_client.rb, kPcdIpcTypeOffset, 0)) &&
          WriteText(g_client.rb, kPcdIpcIdOffset, g_client.id, kPcdIpcIdLength + 1) && WriteProcessId() &&
          AccessBoard(g_client.rb, kPcdIpcParameterOffset, block, sizeof block, true) &&
          WriteWord(g_client.rb, kPcdIpcTypeOffset, type);
@@ -267,7 +269,7 @@ int PCDipc_SendRequest(int32_t type, bool wait) {
     return 0;
   }
   for (int64_t i = 0; i < g_retryLimit; ++i) {
-    WriteRequest(type);
+    WriteRequest(type, true);
     if (ReadWord(g_client.mb, kPcdIpcAcceptedOffset) != type) continue;
     // the acceptance, or the message that a server which did the work at once has
     // already written over it

@@ -31,4 +31,4 @@ TSAN_OPTIONS=halt_on_error=1 setarch "$(uname -m)" -R \
   ctest --test-dir build-tsan --output-on-failure -j"$jobs" -L '^(dti|fiber|study)$' --no-tests=error
 
 # every reader of untrusted bytes under libFuzzer, briefly (longer runs: tools/fuzz.sh 600)
-tools/fuzz.sh 20
+tools/fuzz.sh 15

@@ -131,6 +131,7 @@ class FakePeer {
         }
         PcdIpcRequest r;
         PCDipc_ParseRequestBoard(board, &r);
+        if (r.type <= 0) continue;  // a client writing its next request: not yet complete
         rb.SetWord(kPcdIpcTypeOffset, 0);
         bool repeat = false;
         {

@@ -75,6 +75,13 @@ int RunCommand(const std::string& command, std::string* output) {
   return WEXITSTATUS(status);
 }
 
+int RunBatchApart(const TempDir& dir, const std::string& arguments, std::string* out, std::string* err) {
+  const std::string errFile = dir.file("stderr.txt");
+  const int status = RunCommand(BuiltProgram("quorix-batch") + " " + arguments + " 2>" + errFile, out);
+  *err = ReadFileText(errFile);
+  return status;
+}
+
 std::string BatchCommandLine(const std::string& arguments) {
   return BuiltProgram("quorix-batch") + " " + arguments + " 2>&1";
 }

@@ -50,6 +50,10 @@ std::string BatchCommandLine(const std::string& arguments);
 // Runs a command through /bin/sh, returning its exit status (or -1) and its output.
 int RunCommand(const std::string& command, std::string* output = nullptr);
 
+// The built quorix-batch with these arguments, its standard output and standard error
+// apart (the latter through a file in dir); the exit status.
+int RunBatchApart(const TempDir& dir, const std::string& arguments, std::string* out, std::string* err);
+
 // pellucid-server as a child process on a server number of its own (chosen from the
 // test's process id and a counter), with extra arguments; its stderr is discarded. The
 // constructor returns once the boards exist; the destructor stops and reaps it.

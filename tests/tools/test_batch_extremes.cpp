@@ -21,10 +21,7 @@ using quorix_test::RunCommand;
 using quorix_test::TempDir;
 
 int RunBatch(const TempDir& dir, const std::string& arguments, std::string* out, std::string* err) {
-  const std::string errFile = dir.file("stderr.txt");
-  const int status = RunCommand(quorix_test::BuiltProgram("quorix-batch") + " " + arguments + " 2>" + errFile, out);
-  *err = ReadFileText(errFile);
-  return status;
+  return quorix_test::RunBatchApart(dir, arguments, out, err);
 }
 
 // A session of the small phantom with a sphere in its x bundle, a tracking study seeded

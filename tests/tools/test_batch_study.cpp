@@ -26,10 +26,7 @@ constexpr int kNx = 32, kNy = 32, kNz = 12;
 
 // The built program with stdout and stderr apart.
 int RunBatch(const TempDir& dir, const std::string& arguments, std::string* out, std::string* err) {
-  const std::string errFile = dir.file("stderr.txt");
-  const int status = RunCommand(quorix_test::BuiltProgram("quorix-batch") + " " + arguments + " 2>" + errFile, out);
-  *err = ReadFileText(errFile);
-  return status;
+  return quorix_test::RunBatchApart(dir, arguments, out, err);
 }
 
 // The crossing of the phantom's two bundles, as the sphere ROI of the session covers it.
