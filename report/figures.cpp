@@ -20,39 +20,39 @@ size_t VoxelIndex(const PcdIntSize4D& s, int32_t x, int32_t y, int32_t z) {
 }
 
 // The range of slices along an axis where the mask has voxels, or the whole axis.
-void Extent(const PcdMosaicSpec& spec, int axis, int32_t* lo, int32_t* hi) {
-  const PcdIntSize4D& s = *spec.volume->matrixSize;
+void Extent(const PcdMosaicLayout& layout, int axis, int32_t* lo, int32_t* hi) {
+  const PcdIntSize4D& s = *layout.volume->matrixSize;
   const int32_t n = axis == 0 ? s.x : axis == 1 ? s.y : s.z;
   *lo = 0, *hi = n - 1;
-  if (spec.outline == nullptr) return;
+  if (layout.outline == nullptr) return;
   int32_t first = n, last = -1;
   size_t at = 0;
   for (int32_t z = 0; z < s.z; ++z)
     for (int32_t y = 0; y < s.y; ++y)
       for (int32_t x = 0; x < s.x; ++x, ++at)
-        if ((*spec.outline)[at]) {
+        if ((*layout.outline)[at]) {
           const int32_t i = axis == 0 ? x : axis == 1 ? y : z;
           first = std::min(first, i), last = std::max(last, i);
         }
   if (last >= first) *lo = first, *hi = last;
 }
 
-PcdSliceScene SceneAt(const PcdMosaicSpec& spec, int32_t kind, int32_t slice, int* width, int* height) {
-  const PcdIntSize4D& s = *spec.volume->matrixSize;
+PcdSliceScene SceneAt(const PcdMosaicLayout& layout, int32_t kind, int32_t slice, int* width, int* height) {
+  const PcdIntSize4D& s = *layout.volume->matrixSize;
   PcdSliceScene scene;
-  scene.volume = spec.volume;
-  scene.channel = spec.channel;
-  scene.voxelMm = spec.voxelMm;
-  scene.greyLow = spec.greyLow;
-  scene.greyHigh = spec.greyHigh;
+  scene.volume = layout.volume;
+  scene.channel = layout.channel;
+  scene.voxelMm = layout.voxelMm;
+  scene.greyLow = layout.greyLow;
+  scene.greyHigh = layout.greyHigh;
   scene.cursor = {s.x / 2, s.y / 2, s.z / 2};
   const int axis = PCDview_PaneNormalAxis(kind);
   (axis == 0 ? scene.cursor.x : axis == 1 ? scene.cursor.y : scene.cursor.z) = slice;
   // the section's extent in units of the smallest voxel side, fitted to the tile size
-  const double minMm = std::min({spec.voxelMm.x, spec.voxelMm.y, spec.voxelMm.z});
-  const double ex = s.x * spec.voxelMm.x / minMm, ey = s.y * spec.voxelMm.y / minMm, ez = s.z * spec.voxelMm.z / minMm;
+  const double minMm = std::min({layout.voxelMm.x, layout.voxelMm.y, layout.voxelMm.z});
+  const double ex = s.x * layout.voxelMm.x / minMm, ey = s.y * layout.voxelMm.y / minMm, ez = s.z * layout.voxelMm.z / minMm;
   const double right = kind == PCD_PANE_SAGITTAL ? ey : ex, down = kind == PCD_PANE_AXIAL ? ey : ez;
-  const double perPixel = std::max(right, down) / std::max(spec.tileSize, 16);
+  const double perPixel = std::max(right, down) / std::max(layout.tileSize, 16);
   scene.voxelsPerPixel = static_cast<float>(perPixel);
   *width = std::max(1, static_cast<int>(std::ceil(right / perPixel - 1e-6)));
   *height = std::max(1, static_cast<int>(std::ceil(down / perPixel - 1e-6)));
@@ -60,9 +60,9 @@ PcdSliceScene SceneAt(const PcdMosaicSpec& spec, int32_t kind, int32_t slice, in
 }
 
 // The mask's edge in yellow and the painted voxels in red, pixel by pixel over a tile.
-void MarkPixels(cairo_surface_t* tile, const PcdPaneGeometry& g, const PcdMosaicSpec& spec) {
-  if (spec.outline == nullptr && spec.painted == nullptr) return;
-  const PcdIntSize4D& s = *spec.volume->matrixSize;
+void MarkPixels(cairo_surface_t* tile, const PcdPaneGeometry& g, const PcdMosaicLayout& layout) {
+  if (layout.outline == nullptr && layout.painted == nullptr) return;
+  const PcdIntSize4D& s = *layout.volume->matrixSize;
   const int w = g.width, h = g.height;
   std::vector<int64_t> voxelOf(static_cast<size_t>(w) * static_cast<size_t>(h), -1);
   for (int py = 0; py < h; ++py)
@@ -76,7 +76,7 @@ void MarkPixels(cairo_surface_t* tile, const PcdPaneGeometry& g, const PcdMosaic
   auto inMask = [&](int px, int py) {
     if (px < 0 || py < 0 || px >= w || py >= h) return false;
     const int64_t v = voxelOf[static_cast<size_t>(py) * static_cast<size_t>(w) + static_cast<size_t>(px)];
-    return v >= 0 && (*spec.outline)[static_cast<size_t>(v)] != 0;
+    return v >= 0 && (*layout.outline)[static_cast<size_t>(v)] != 0;
   };
   cairo_surface_flush(tile);
   unsigned char* data = cairo_image_surface_get_data(tile);
@@ -86,16 +86,16 @@ void MarkPixels(cairo_surface_t* tile, const PcdPaneGeometry& g, const PcdMosaic
     for (int px = 0; px < w; ++px) {
       const int64_t v = voxelOf[static_cast<size_t>(py) * static_cast<size_t>(w) + static_cast<size_t>(px)];
       if (v < 0) continue;
-      if (spec.blankOutside && spec.outline != nullptr && (*spec.outline)[static_cast<size_t>(v)] == 0) {
+      if (layout.blankOutside && layout.outline != nullptr && (*layout.outline)[static_cast<size_t>(v)] == 0) {
         row[px] = 0xff000000u;
         continue;
       }
-      if (spec.painted != nullptr && (*spec.painted)[static_cast<size_t>(v)] != 0) {
+      if (layout.painted != nullptr && (*layout.painted)[static_cast<size_t>(v)] != 0) {
         const uint32_t c = row[px];
         const uint32_t r = ((c >> 16) & 0xff) / 3 + 170, gr = ((c >> 8) & 0xff) / 3, b = (c & 0xff) / 3;
         row[px] = 0xff000000u | (r << 16) | (gr << 8) | b;
       }
-      if (spec.outline != nullptr && inMask(px, py) &&
+      if (layout.outline != nullptr && inMask(px, py) &&
           !(inMask(px - 1, py) && inMask(px + 1, py) && inMask(px, py - 1) && inMask(px, py + 1)))
         row[px] = kOutline;
     }
@@ -103,17 +103,17 @@ void MarkPixels(cairo_surface_t* tile, const PcdPaneGeometry& g, const PcdMosaic
   cairo_surface_mark_dirty(tile);
 }
 
-PcdSurface RenderTile(const PcdMosaicSpec& spec, int32_t kind, int32_t slice, PcdGreyTable* table,
+PcdSurface RenderTile(const PcdMosaicLayout& layout, int32_t kind, int32_t slice, PcdGreyTable* table,
                       PcdPaneGeometry* geometry) {
   int w = 0, h = 0;
-  const PcdSliceScene scene = SceneAt(spec, kind, slice, &w, &h);
+  const PcdSliceScene scene = SceneAt(layout, kind, slice, &w, &h);
   PcdSurface tile(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, w, h));
   PcdSlicePane pane;
   pane.kind = kind;
   PcdPaneOverlays overlays;
   overlays.showCursor = false;
   *geometry = PCDview_RenderPane(tile.get(), pane, scene, overlays, table);
-  MarkPixels(tile.get(), *geometry, spec);
+  MarkPixels(tile.get(), *geometry, layout);
   return tile;
 }
 
@@ -162,22 +162,22 @@ void DrawFibersFlat(cairo_surface_t* image, const PcdPaneGeometry& g, const PcdF
 
 }  // namespace
 
-std::vector<int32_t> PCDreport_MosaicSlices(const PcdMosaicSpec& spec, int32_t kind) {
+std::vector<int32_t> PCDreport_MosaicSlices(const PcdMosaicLayout& layout, int32_t kind) {
   int32_t lo = 0, hi = 0;
-  Extent(spec, PCDview_PaneNormalAxis(kind), &lo, &hi);
-  const int n = std::clamp(spec.tiles, 1, hi - lo + 1);
+  Extent(layout, PCDview_PaneNormalAxis(kind), &lo, &hi);
+  const int n = std::clamp(layout.tiles, 1, hi - lo + 1);
   std::vector<int32_t> slices;
   for (int i = 0; i < n; ++i)
     slices.push_back(lo + static_cast<int32_t>((hi - lo + 1) * (i + 0.5) / n));
   return slices;
 }
 
-PcdSurface PCDreport_Mosaic(const PcdMosaicSpec& spec, int32_t kind) {
-  const std::vector<int32_t> slices = PCDreport_MosaicSlices(spec, kind);
+PcdSurface PCDreport_Mosaic(const PcdMosaicLayout& layout, int32_t kind) {
+  const std::vector<int32_t> slices = PCDreport_MosaicSlices(layout, kind);
   PcdGreyTable table;
   std::vector<PcdSurface> tiles;
   PcdPaneGeometry g;
-  for (int32_t slice : slices) tiles.push_back(RenderTile(spec, kind, slice, &table, &g));
+  for (int32_t slice : slices) tiles.push_back(RenderTile(layout, kind, slice, &table, &g));
   const int w = cairo_image_surface_get_width(tiles[0].get()), h = cairo_image_surface_get_height(tiles[0].get());
   PcdSurface out(cairo_image_surface_create(CAIRO_FORMAT_RGB24, w * static_cast<int>(tiles.size()) + 2 * static_cast<int>(tiles.size() - 1), h + kLabelHeight));
   cairo_t* cr = cairo_create(out.get());
@@ -193,15 +193,15 @@ PcdSurface PCDreport_Mosaic(const PcdMosaicSpec& spec, int32_t kind) {
   return out;
 }
 
-PcdSurface PCDreport_TractPicture(const PcdMosaicSpec& spec, const PcdFiberLayer& layer) {
+PcdSurface PCDreport_TractPicture(const PcdMosaicLayout& layout, const PcdFiberLayer& layer) {
   const int32_t kinds[3] = {PCD_PANE_AXIAL, PCD_PANE_CORONAL, PCD_PANE_SAGITTAL};
   std::vector<PcdSurface> panels;
   PcdGreyTable table;
   for (int32_t kind : kinds) {
     int32_t lo = 0, hi = 0;
-    Extent(spec, PCDview_PaneNormalAxis(kind), &lo, &hi);
+    Extent(layout, PCDview_PaneNormalAxis(kind), &lo, &hi);
     PcdPaneGeometry g;
-    PcdSurface tile = RenderTile(spec, kind, (lo + hi) / 2, &table, &g);
+    PcdSurface tile = RenderTile(layout, kind, (lo + hi) / 2, &table, &g);
     cairo_t* cr = cairo_create(tile.get());
     // the section dimmed, so that the fibers stand out; then every fiber flattened onto it
     cairo_set_source_rgba(cr, 0, 0, 0, 0.55);

@@ -23,7 +23,7 @@ using PcdSurface = std::unique_ptr<cairo_surface_t, PcdSurfaceDeleter>;
 // What a mosaic shows: one channel of a volume through the grey mapping (or its colours),
 // and optionally per voxel (x fastest) a mask whose edge is drawn in yellow and a set of
 // voxels painted red.
-struct PcdMosaicSpec {
+struct PcdMosaicLayout {
   const PcdRawVolumeData* volume = nullptr;
   int32_t channel = 0;
   PcdVector3D voxelMm{1.0f, 1.0f, 1.0f};
@@ -37,10 +37,10 @@ struct PcdMosaicSpec {
 
 // A row of sections of one orientation (PCD_PANE_AXIAL, _SAGITTAL or _CORONAL), each
 // labelled with its slice number.
-PcdSurface PCDreport_Mosaic(const PcdMosaicSpec& spec, int32_t kind);
+PcdSurface PCDreport_Mosaic(const PcdMosaicLayout& layout, int32_t kind);
 // The middle section of each orientation (of the outline's extent), dimmed, with every
 // fiber of the layer projected onto it in its colours: three panels side by side.
-PcdSurface PCDreport_TractPicture(const PcdMosaicSpec& spec, const PcdFiberLayer& layer);
+PcdSurface PCDreport_TractPicture(const PcdMosaicLayout& layout, const PcdFiberLayer& layer);
 // The directions of the DWI channels seen from above (z >= 0) and from below (z <= 0):
 // each direction appears in both, as itself (filled) or as its opposite (hollow).
 PcdSurface PCDreport_GradientSphere(const PcdDtiData* dti);
@@ -55,4 +55,4 @@ int PCDreport_WritePng(cairo_surface_t* surface, const std::string& path);
 void PCDreport_ReleaseFontCaches();
 
 // The slices a mosaic of the given orientation shows.
-std::vector<int32_t> PCDreport_MosaicSlices(const PcdMosaicSpec& spec, int32_t kind);
+std::vector<int32_t> PCDreport_MosaicSlices(const PcdMosaicLayout& layout, int32_t kind);

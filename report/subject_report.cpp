@@ -326,10 +326,10 @@ bool PCDreport_WriteSubjectReport(PcdDtiData* dti, const PcdSubjectReportOptions
   std::unique_ptr<PcdFiberLayer> layer = Tracts(dti, fa, mask, o, r);
   if (!layer) return false;
 
-  PcdMosaicSpec spec;
-  spec.volume = dti->volume;
-  spec.voxelMm = r->voxelMm;
-  spec.outline = &mask;
+  PcdMosaicLayout layout;
+  layout.volume = dti->volume;
+  layout.voxelMm = r->voxelMm;
+  layout.outline = &mask;
   bool ok = true;
   const std::pair<const char*, int32_t> kinds[3] = {{"axial", PCD_PANE_AXIAL}, {"coronal", PCD_PANE_CORONAL}, {"sagittal", PCD_PANE_SAGITTAL}};
   float low = 0, high = 1;
@@ -337,18 +337,18 @@ bool PCDreport_WriteSubjectReport(PcdDtiData* dti, const PcdSubjectReportOptions
   const struct { const char* name; int32_t channel; float low, high; } maps[3] = {
       {"b0", 0, low, high}, {"fa", first + 1, 0.0f, 1000.0f}, {"colour", first, 0.0f, 1.0f}};
   for (const auto& m : maps) {
-    spec.channel = m.channel, spec.greyLow = m.low, spec.greyHigh = m.high;
-    spec.blankOutside = m.channel != 0;  // FA and colour of the background are noise
+    layout.channel = m.channel, layout.greyLow = m.low, layout.greyHigh = m.high;
+    layout.blankOutside = m.channel != 0;  // FA and colour of the background are noise
     for (const auto& [name, kind] : kinds)
-      ok = Write(PCDreport_Mosaic(spec, kind), dir, std::string(m.name) + "_" + name + ".png") && ok;
+      ok = Write(PCDreport_Mosaic(layout, kind), dir, std::string(m.name) + "_" + name + ".png") && ok;
   }
-  spec.channel = 0, spec.greyLow = low, spec.greyHigh = high, spec.painted = &failed, spec.blankOutside = false;
-  ok = ok && Write(PCDreport_Mosaic(spec, PCD_PANE_AXIAL), dir, "failed.png");
-  spec.painted = nullptr;
-  spec.channel = first + 1, spec.greyLow = 0, spec.greyHigh = 1000, spec.tileSize = 320, spec.blankOutside = true;
-  ok = ok && Write(PCDreport_TractPicture(spec, *layer), dir, "tracts.png");
-  spec.channel = first, spec.tiles = 1, spec.tileSize = 120, spec.blankOutside = true;
-  ok = ok && Write(PCDreport_Mosaic(spec, PCD_PANE_AXIAL), dir, "thumb.png");
+  layout.channel = 0, layout.greyLow = low, layout.greyHigh = high, layout.painted = &failed, layout.blankOutside = false;
+  ok = ok && Write(PCDreport_Mosaic(layout, PCD_PANE_AXIAL), dir, "failed.png");
+  layout.painted = nullptr;
+  layout.channel = first + 1, layout.greyLow = 0, layout.greyHigh = 1000, layout.tileSize = 320, layout.blankOutside = true;
+  ok = ok && Write(PCDreport_TractPicture(layout, *layer), dir, "tracts.png");
+  layout.channel = first, layout.tiles = 1, layout.tileSize = 120, layout.blankOutside = true;
+  ok = ok && Write(PCDreport_Mosaic(layout, PCD_PANE_AXIAL), dir, "thumb.png");
   ok = ok && Write(PCDreport_GradientSphere(dti), dir, "sphere.png");
   std::vector<double> b(r->bValues.begin(), r->bValues.end());
   ok = ok && Write(PCDreport_BarPlot(b, {}, "b value per volume (s/mm^2)"), dir, "bvalues.png");
