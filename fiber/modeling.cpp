@@ -15,6 +15,7 @@
 
 #include "dti/channels.h"
 #include "dti/dti_check.h"
+#include "fiber/half_lines.h"
 #include "io/raw_volume_file.h"
 
 namespace {
@@ -389,233 +390,45 @@ int dump_interpolator_as_volumedata(const PcdDtiData* dti, const TensorInterPola
 
 // ---- modeling ------------------------------------------------------------------------------
 
+namespace {
+
+// Modeling's tensor source: the tensor rebuilt from the six interpolated components; side
+// by side, a round's points share their distances to the control points.
+struct InterpolatedTensors {
+  static constexpr int kLanes = kPcdRbfLanes;
+  const TensorInterPolator* interpolator;
+
+  void At(const PcdVector3D& p, PcdDiffusionTensorData* t) {
+    get_interpolated_diffusion_tensor(interpolator, &p, t);
+  }
+  template <class Take>
+  void AtLanes(const PcdVector3D* points, int count, PcdDiffusionTensorData* t, const Take& take) {
+    interpolate_lanes(interpolator, points, count, t, take);
+  }
+};
+
+// Modeling always follows e1.
+PcdHalfLineRule RuleOf(const PcdDtiData* dti, const PcdFibeModelContext& context) {
+  return {dti, &context.limits, context.step, context.nodeLimit, context.seedPoints,
+          context.stopTest, get_tracking_direction_by_e1};
+}
+
+}  // namespace
+
 PcdTrakLineBuffer* do_fiber_modeling(const TensorInterPolator* t, const PcdDtiData* dti,
                                      const PcdFibeModelContext* context, PcdDiffusionTensorData* tensor,
                                      PcdTrakLineBuffer* work, float dx, float dy, float dz) {
-  const float h = context->step;
-  PcdVector3D c{work->x[0], work->y[0], work->z[0]};
-  int n = 1;
-  while (n < work->capacity) {
-    c = {dx * h + c.x, dy * h + c.y, dz * h + c.z};
-    work->x[n] = c.x;
-    work->y[n] = c.y;
-    work->z[n] = c.z;
-    if (precheck_by_pos_and_So(dti, &context->limits, &c)) break;
-    get_interpolated_diffusion_tensor(t, &c, tensor);
-    work->L1[n] = tensor->eigenvalues[3];
-    work->L2[n] = tensor->eigenvalues[2];
-    work->L3[n] = tensor->eigenvalues[1];
-    get_tracking_direction_by_e1(tensor, dx, dy, dz, &dx, &dy, &dz);
-    if (context->stopTest(tensor, &context->limits) == 1) break;
-    ++n;
-  }
-  work->nodeCount = static_cast<int16_t>(n);  // the node that stopped the line is not counted
-  return get_packed_trakline_buffer_of(work);
+  InterpolatedTensors source{t};
+  return PCDfiber_TraceHalfLine(RuleOf(dti, *context), source, tensor, work, dx, dy, dz);
 }
 
 namespace {
 
-// Node 0 of a half-line: the seed with the eigenvalues found there.
-void start_line(PcdTrakLineBuffer* line, const PcdVector3D& p, const float* seedL) {
-  line->x[0] = p.x;
-  line->y[0] = p.y;
-  line->z[0] = p.z;
-  line->L1[0] = seedL[0];
-  line->L2[0] = seedL[1];
-  line->L3[0] = seedL[2];
-  line->nodeCount = 1;
-}
-
-void store_pair(PcdModelingWork* w, int32_t seed, PcdTrakLinePair* pair) {
-  if (pair->forward == nullptr || pair->backward == nullptr) {
-    std::fputs("Insufficient memory: threaded_fiber_tracking()\n", stderr);
-    delete_trakline_pair(pair);
-    return;
-  }
-  w->buffer->pairs[seed] = pair;
-}
-
-// The tensor at a seed and whether lines start there: the So precheck, the tensor, a
-// turning cosine of 1 (so the angle test cannot fire) and the stop test.
-bool seed_tensor(const PcdModelingWork* w, PcdDiffusionTensorData* tensor, const PcdVector3D& p) {
-  if (precheck_by_So(w->dti, &w->context->limits, &p)) return false;
-  get_interpolated_diffusion_tensor(w->interpolator, &p, tensor);
-  tensor->turningAngle = 1.0f;
-  return w->context->stopTest(tensor, &w->context->limits) == 0;
-}
-
-void model_seeds_one_by_one(PcdModelingWork* w, PcdTrakLineBuffer* line, PcdDiffusionTensorData* tensor) {
-  const PcdFibeModelContext* context = w->context;
-  for (int32_t i = w->first; i <= w->last; ++i) {
-    const PcdVector3D p = context->seedPoints[i];
-    w->done.store(i - w->first, std::memory_order_relaxed);
-    if (!seed_tensor(w, tensor, p)) continue;
-    PcdTrakLinePair* pair = new_trakline_pair(&p);
-    if (pair == nullptr) continue;
-    const float d[3] = {tensor->tensor[1][3], tensor->tensor[2][3], tensor->tensor[3][3]};
-    const float seedL[3] = {tensor->eigenvalues[3], tensor->eigenvalues[2], tensor->eigenvalues[1]};
-    start_line(line, p, seedL);
-    pair->forward = do_fiber_modeling(w->interpolator, w->dti, context, tensor, line, d[0], d[1], d[2]);
-    start_line(line, p, seedL);
-    pair->backward = do_fiber_modeling(w->interpolator, w->dti, context, tensor, line, -d[0], -d[1], -d[2]);
-    store_pair(w, i, pair);
-  }
-}
-
-// Eight half-lines under way at once, one node each per round, so that the six sums of a
-// node share their distances with the nodes beside it. Every node is computed exactly as
-// do_fiber_modeling computes it; lines end in any order and each seed's pair is stored
-// once both halves have ended.
-class LaneModeler {
- public:
-  LaneModeler(PcdModelingWork* w, PcdDiffusionTensorData* tensor)
-      : w_(w), context_(w->context), tensor_(tensor), next_(w->first),
-        halvesLeft_(static_cast<size_t>(w->last - w->first + 1), 0) {}
-  ~LaneModeler() {
-    for (Lane& h : lanes_) delete_trakline_buffer(h.line);
-  }
-
-  bool Allocate() {
-    for (Lane& h : lanes_)
-      if ((h.line = new_trakline_buffer(context_->nodeLimit)) == nullptr) return false;
-    return true;
-  }
-
-  void Run() {
-    for (;;) {
-      Refill();
-      if (!Round()) break;
-    }
-  }
-
- private:
-  struct Lane {
-    int32_t seed = -1;  // -1: free
-    bool backward = false;
-    PcdTrakLinePair* pair = nullptr;
-    PcdTrakLineBuffer* line = nullptr;
-    PcdVector3D c{};
-    float dx = 0, dy = 0, dz = 0;
-    int n = 1;
-  };
-  struct Pending {
-    int32_t seed;
-    bool backward;
-    PcdTrakLinePair* pair;
-    float d[3];
-    float seedL[3];
-  };
-
-  void Refill() {
-    for (Lane& h : lanes_) {
-      if (h.seed >= 0) continue;
-      while (pending_.empty() && next_ <= w_->last) StartSeed(next_++);
-      if (pending_.empty()) return;
-      const Pending p = pending_.back();
-      pending_.pop_back();
-      const PcdVector3D& seed = context_->seedPoints[p.seed];
-      start_line(h.line, seed, p.seedL);
-      h.seed = p.seed;
-      h.backward = p.backward;
-      h.pair = p.pair;
-      h.c = seed;
-      h.dx = p.backward ? -p.d[0] : p.d[0];
-      h.dy = p.backward ? -p.d[1] : p.d[1];
-      h.dz = p.backward ? -p.d[2] : p.d[2];
-      h.n = 1;
-    }
-  }
-
-  void StartSeed(int32_t i) {
-    const PcdVector3D p = context_->seedPoints[i];
-    PcdTrakLinePair* pair = seed_tensor(w_, tensor_, p) ? new_trakline_pair(&p) : nullptr;
-    if (pair == nullptr) {
-      SeedDone();
-      return;
-    }
-    Pending half{i, false, pair, {tensor_->tensor[1][3], tensor_->tensor[2][3], tensor_->tensor[3][3]},
-                 {tensor_->eigenvalues[3], tensor_->eigenvalues[2], tensor_->eigenvalues[1]}};
-    halvesLeft_[static_cast<size_t>(i - w_->first)] = 2;
-    pending_.push_back(half);
-    half.backward = true;
-    pending_.push_back(half);
-  }
-
-  void SeedDone() { w_->done.store(++seedsDone_, std::memory_order_relaxed); }
-
-  void Finish(Lane& h) {
-    h.line->nodeCount = static_cast<int16_t>(h.n);
-    (h.backward ? h.pair->backward : h.pair->forward) = get_packed_trakline_buffer_of(h.line);
-    if (--halvesLeft_[static_cast<size_t>(h.seed - w_->first)] == 0) {
-      store_pair(w_, h.seed, h.pair);
-      SeedDone();
-    }
-    h.seed = -1;
-  }
-
-  bool Round() {
-    int lanesOfBatch[kPcdRbfLanes];
-    PcdVector3D points[kPcdRbfLanes];
-    int count = 0;
-    bool any = false;
-    const float step = context_->step;
-    for (int k = 0; k < kPcdRbfLanes; ++k) {
-      Lane& h = lanes_[k];
-      if (h.seed < 0) continue;
-      any = true;
-      if (h.n >= h.line->capacity) {
-        Finish(h);
-        continue;
-      }
-      h.c = {h.dx * step + h.c.x, h.dy * step + h.c.y, h.dz * step + h.c.z};
-      h.line->x[h.n] = h.c.x;
-      h.line->y[h.n] = h.c.y;
-      h.line->z[h.n] = h.c.z;
-      if (precheck_by_pos_and_So(w_->dti, &context_->limits, &h.c)) {
-        Finish(h);
-        continue;
-      }
-      points[count] = h.c;
-      lanesOfBatch[count++] = k;
-    }
-    if (count == 0) return any;
-    interpolate_lanes(w_->interpolator, points, count, tensor_, [&](int v, PcdDiffusionTensorData* t) {
-      Lane& h = lanes_[lanesOfBatch[v]];
-      h.line->L1[h.n] = t->eigenvalues[3];
-      h.line->L2[h.n] = t->eigenvalues[2];
-      h.line->L3[h.n] = t->eigenvalues[1];
-      get_tracking_direction_by_e1(t, h.dx, h.dy, h.dz, &h.dx, &h.dy, &h.dz);
-      if (context_->stopTest(t, &context_->limits) == 1)
-        Finish(h);
-      else
-        ++h.n;
-    });
-    return true;
-  }
-
-  PcdModelingWork* w_;
-  const PcdFibeModelContext* context_;
-  PcdDiffusionTensorData* tensor_;
-  int32_t next_;
-  int32_t seedsDone_ = 0;
-  std::vector<uint8_t> halvesLeft_;
-  std::vector<Pending> pending_;
-  Lane lanes_[kPcdRbfLanes];
-};
-
 bool model_seeds(PcdModelingWork* w, PcdDiffusionTensorData* tensor) {
-  if (w->sideBySide) {
-    LaneModeler lanes(w, tensor);
-    if (lanes.Allocate()) {
-      lanes.Run();
-      return true;
-    }
-  }
-  PcdTrakLineBuffer* line = new_trakline_buffer(w->context->nodeLimit);
-  if (line == nullptr) return false;
-  model_seeds_one_by_one(w, line, tensor);
-  delete_trakline_buffer(line);
-  return true;
+  InterpolatedTensors source{w->interpolator};
+  const PcdHalfLineRule rule = RuleOf(w->dti, *w->context);
+  const PcdHalfLineShare share{w->buffer, w->first, w->last, &w->done};
+  return PCDfiber_TraceSeeds(rule, share, source, tensor, w->sideBySide);
 }
 
 }  // namespace

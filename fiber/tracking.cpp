@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "dti/channels.h"
+#include "fiber/half_lines.h"
 
 // ---- stop tests ------------------------------------------------------------------------
 
@@ -123,262 +124,57 @@ void get_tracking_direction_by_anisotropic_composition(PcdDiffusionTensorData* t
 
 // ---- tracking --------------------------------------------------------------------------
 
+namespace {
+
+// Tracking's tensor source: the tensor refitted from the signals interpolated at a point;
+// side by side, the lanes' signals are fitted and diagonalised as one batch.
+struct SampledTensors {
+  static constexpr int kLanes = kPcdTensorLanes;
+  const PcdDtiData* dti;
+  PcdVoxelMajorSignals* voxelMajor;
+  PcdTensorBatch batch;
+
+  void At(const PcdVector3D& p, PcdDiffusionTensorData* t) {
+    PCDdti_CalcAndDiagnalizeDiffusionTensor(dti, t, &p);
+  }
+  template <class Take>
+  void AtLanes(const PcdVector3D* points, int count, PcdDiffusionTensorData* t, const Take& take) {
+    batch.count = 0;
+    for (int v = 0; v < count; ++v)
+      PCDdti_InterpolateIntoTensorBatch(dti, voxelMajor, &points[v], &batch, batch.count++);
+    PCDdti_EstimateTensorBatch(dti, t, &batch);
+    PCDdti_DiagonalizeTensorBatch(&batch);
+    for (int v = 0; v < count; ++v) {
+      PCDdti_TakeDiagonalizedFromTensorBatch(&batch, v, t);
+      take(v, t);
+    }
+  }
+};
+
+PcdHalfLineRule RuleOf(const PcdDtiData* dti, const PcdFibeTrakContext& context) {
+  return {dti, &context.limits, context.step, context.nodeLimit, context.seedPoints,
+          context.stopTest, context.directionRule};
+}
+
+// The work's seeds with the record: side by side when the pseudo-inverse can be formed up
+// front (otherwise every node reports the failure itself, node after node).
+bool TrackSeeds(PcdTrackingWork* w, PcdDiffusionTensorData* tensor) {
+  SampledTensors source{w->dti, w->voxelMajor, {}};
+  const PcdHalfLineRule rule = RuleOf(w->dti, *w->context);
+  const PcdHalfLineShare share{w->buffer, w->first, w->last, &w->done};
+  const bool sideBySide = PCDdti_PreparePseudoInverse(w->dti, tensor);
+  if (sideBySide) PCDdti_ResizeTensorBatch(w->dti, &source.batch);
+  return PCDfiber_TraceSeeds(rule, share, source, tensor, sideBySide);
+}
+
+}  // namespace
 
 PcdTrakLineBuffer* do_fiber_tracking(const PcdDtiData* dti, const PcdFibeTrakContext* context,
                                      PcdDiffusionTensorData* tensor, PcdTrakLineBuffer* work,
                                      float dx, float dy, float dz) {
-  const float h = context->step;
-  PcdVector3D c{work->x[0], work->y[0], work->z[0]};
-  int n = 1;
-  while (n < work->capacity) {
-    c = {dx * h + c.x, dy * h + c.y, dz * h + c.z};
-    work->x[n] = c.x;
-    work->y[n] = c.y;
-    work->z[n] = c.z;
-    if (precheck_by_pos_and_So(dti, &context->limits, &c)) break;
-    PCDdti_CalcAndDiagnalizeDiffusionTensor(dti, tensor, &c);
-    work->L1[n] = tensor->eigenvalues[3];
-    work->L2[n] = tensor->eigenvalues[2];
-    work->L3[n] = tensor->eigenvalues[1];
-    context->directionRule(tensor, dx, dy, dz, &dx, &dy, &dz);
-    if (context->stopTest(tensor, &context->limits) == 1) break;
-    ++n;
-  }
-  work->nodeCount = static_cast<int16_t>(n);  // the node that stopped the line is not counted
-  return get_packed_trakline_buffer_of(work);
+  SampledTensors source{dti, nullptr, {}};
+  return PCDfiber_TraceHalfLine(RuleOf(dti, *context), source, tensor, work, dx, dy, dz);
 }
-
-namespace {
-
-// The tensor at a seed, and whether lines start there at all.
-bool SeedTensor(const PcdTrackingWork* w, PcdDiffusionTensorData* tensor, const PcdVector3D& p) {
-  const PcdFibeTrakContext* context = w->context;
-  if (precheck_by_So(w->dti, &context->limits, &p)) return false;
-  PCDdti_CalcAndDiagnalizeDiffusionTensor(w->dti, tensor, &p);
-  tensor->turningAngle = 1.0f;
-  return context->stopTest(tensor, &context->limits) == 0;
-}
-
-// Node 0 of a half-line: the seed with the eigenvalues found there.
-void StartLine(PcdTrakLineBuffer* line, const PcdVector3D& p, const float* seedL) {
-  line->x[0] = p.x;
-  line->y[0] = p.y;
-  line->z[0] = p.z;
-  line->L1[0] = seedL[0];
-  line->L2[0] = seedL[1];
-  line->L3[0] = seedL[2];
-  line->nodeCount = 1;
-}
-
-// Both halves in place: the pair joins the buffer; a half that could not be packed
-// costs the whole pair.
-void StorePair(PcdTrackingWork* w, int32_t seed, PcdTrakLinePair* pair) {
-  if (pair->forward == nullptr || pair->backward == nullptr) {
-    std::fputs("Insufficient memory: threaded_fiber_tracking()\n", stderr);
-    delete_trakline_pair(pair);
-    return;
-  }
-  w->buffer->pairs[seed] = pair;
-}
-
-// Seed after seed, each half-line node after node: the path taken when the pseudo-inverse
-// cannot be formed up front (every node then reports the failure itself).
-void TrackSeedsOneByOne(PcdTrackingWork* w, PcdTrakLineBuffer* line,
-                        PcdDiffusionTensorData* tensor) {
-  const PcdFibeTrakContext* context = w->context;
-  for (int32_t i = w->first; i <= w->last; ++i) {
-    const PcdVector3D p = context->seedPoints[i];
-    w->done.store(i - w->first, std::memory_order_relaxed);
-    if (!SeedTensor(w, tensor, p)) continue;
-    PcdTrakLinePair* pair = new_trakline_pair(&p);
-    if (pair == nullptr) continue;
-    const float d[3] = {tensor->tensor[1][3], tensor->tensor[2][3], tensor->tensor[3][3]};
-    const float seedL[3] = {tensor->eigenvalues[3], tensor->eigenvalues[2], tensor->eigenvalues[1]};
-    StartLine(line, p, seedL);
-    pair->forward = do_fiber_tracking(w->dti, context, tensor, line, d[0], d[1], d[2]);
-    StartLine(line, p, seedL);
-    pair->backward = do_fiber_tracking(w->dti, context, tensor, line, -d[0], -d[1], -d[2]);
-    StorePair(w, i, pair);
-  }
-}
-
-// A half-line under way in one lane of the batch.
-struct HalfLine {
-  int32_t seed = -1;  // -1: the lane is free
-  bool backward = false;
-  PcdTrakLinePair* pair = nullptr;
-  PcdTrakLineBuffer* line = nullptr;  // the lane's own work line
-  PcdVector3D c{};
-  float dx = 0, dy = 0, dz = 0;
-  int n = 1;
-};
-
-// Many half-lines at once, one node each per round: every node is computed exactly as
-// do_fiber_tracking computes it, but the fits and eigen-systems of a round's nodes run
-// side by side. Lines end in any order; each seed's pair is stored once both halves end.
-class LaneTracker {
- public:
-  LaneTracker(PcdTrackingWork* w, PcdDiffusionTensorData* tensor)
-      : w_(w), context_(w->context), tensor_(tensor), next_(w->first),
-        halvesLeft_(static_cast<size_t>(w->last - w->first + 1), 0) {
-    PCDdti_ResizeTensorBatch(w->dti, &batch_);
-  }
-  ~LaneTracker() {
-    for (HalfLine& h : lanes_) delete_trakline_buffer(h.line);
-  }
-
-  bool Allocate() {
-    for (HalfLine& h : lanes_) {
-      h.line = new_trakline_buffer(context_->nodeLimit);
-      if (h.line == nullptr) return false;
-    }
-    return true;
-  }
-
-  void Run() {
-    for (;;) {
-      Refill();
-      if (!Round()) break;
-    }
-  }
-
- private:
-  struct Pending {
-    int32_t seed;
-    bool backward;
-    PcdTrakLinePair* pair;
-    float d[3];
-    float seedL[3];
-  };
-
-  // Free lanes take waiting halves, then the halves of further seeds.
-  void Refill() {
-    for (HalfLine& h : lanes_) {
-      if (h.seed >= 0) continue;
-      while (pending_.empty() && next_ <= w_->last) StartSeed(next_++);
-      if (pending_.empty()) return;
-      const Pending p = pending_.back();
-      pending_.pop_back();
-      const PcdVector3D& seed = context_->seedPoints[p.seed];
-      StartLine(h.line, seed, p.seedL);
-      h.seed = p.seed;
-      h.backward = p.backward;
-      h.pair = p.pair;
-      h.c = seed;
-      h.dx = p.backward ? -p.d[0] : p.d[0];
-      h.dy = p.backward ? -p.d[1] : p.d[1];
-      h.dz = p.backward ? -p.d[2] : p.d[2];
-      h.n = 1;
-    }
-  }
-
-  void StartSeed(int32_t i) {
-    const PcdVector3D p = context_->seedPoints[i];
-    PcdTrakLinePair* pair = SeedTensor(w_, tensor_, p) ? new_trakline_pair(&p) : nullptr;
-    if (pair == nullptr) {
-      SeedDone();
-      return;
-    }
-    Pending half{i, false, pair, {tensor_->tensor[1][3], tensor_->tensor[2][3], tensor_->tensor[3][3]},
-                 {tensor_->eigenvalues[3], tensor_->eigenvalues[2], tensor_->eigenvalues[1]}};
-    halvesLeft_[static_cast<size_t>(i - w_->first)] = 2;
-    pending_.push_back(half);
-    half.backward = true;
-    pending_.push_back(half);
-  }
-
-  void SeedDone() { w_->done.store(++seedsDone_, std::memory_order_relaxed); }
-
-  // The work line of a lane ends with n nodes (the node that stopped it not counted).
-  void Finish(HalfLine& h) {
-    h.line->nodeCount = static_cast<int16_t>(h.n);
-    PcdTrakLineBuffer* packed = get_packed_trakline_buffer_of(h.line);
-    (h.backward ? h.pair->backward : h.pair->forward) = packed;
-    if (--halvesLeft_[static_cast<size_t>(h.seed - w_->first)] == 0) {
-      StorePair(w_, h.seed, h.pair);
-      SeedDone();
-    }
-    h.seed = -1;
-  }
-
-  // One node for every lane under way; false when no lane is.
-  bool Round() {
-    int32_t lanesOfBatch[kPcdTensorLanes];
-    batch_.count = 0;
-    bool any = false;
-    const float step = context_->step;
-    for (int32_t k = 0; k < kPcdTensorLanes; ++k) {
-      HalfLine& h = lanes_[k];
-      if (h.seed < 0) continue;
-      any = true;
-      if (h.n >= h.line->capacity) {
-        Finish(h);
-        continue;
-      }
-      h.c = {h.dx * step + h.c.x, h.dy * step + h.c.y, h.dz * step + h.c.z};
-      h.line->x[h.n] = h.c.x;
-      h.line->y[h.n] = h.c.y;
-      h.line->z[h.n] = h.c.z;
-      if (precheck_by_pos_and_So(w_->dti, &context_->limits, &h.c)) {
-        Finish(h);
-        continue;
-      }
-      PCDdti_InterpolateIntoTensorBatch(w_->dti, w_->voxelMajor, &h.c, &batch_, batch_.count);
-      lanesOfBatch[batch_.count++] = k;
-    }
-    if (batch_.count > 0) {
-      PCDdti_EstimateTensorBatch(w_->dti, tensor_, &batch_);
-      PCDdti_DiagonalizeTensorBatch(&batch_);
-    }
-    for (int32_t v = 0; v < batch_.count; ++v) {
-      HalfLine& h = lanes_[lanesOfBatch[v]];
-      PCDdti_TakeDiagonalizedFromTensorBatch(&batch_, v, tensor_);
-      h.line->L1[h.n] = tensor_->eigenvalues[3];
-      h.line->L2[h.n] = tensor_->eigenvalues[2];
-      h.line->L3[h.n] = tensor_->eigenvalues[1];
-      context_->directionRule(tensor_, h.dx, h.dy, h.dz, &h.dx, &h.dy, &h.dz);
-      if (context_->stopTest(tensor_, &context_->limits) == 1)
-        Finish(h);
-      else
-        ++h.n;
-    }
-    return any;
-  }
-
-  PcdTrackingWork* w_;
-  const PcdFibeTrakContext* context_;
-  PcdDiffusionTensorData* tensor_;
-  int32_t next_;
-  int32_t seedsDone_ = 0;
-  std::vector<uint8_t> halvesLeft_;
-  std::vector<Pending> pending_;
-  HalfLine lanes_[kPcdTensorLanes];
-  PcdTensorBatch batch_;
-};
-
-}  // namespace
-
-namespace {
-
-// The work's seeds with the record: side by side when the pseudo-inverse can be formed up
-// front and the lanes' work lines allocated, seed after seed otherwise. False when even
-// the one work line cannot be had.
-bool TrackSeeds(PcdTrackingWork* w, PcdDiffusionTensorData* tensor) {
-  if (PCDdti_PreparePseudoInverse(w->dti, tensor)) {
-    LaneTracker lanes(w, tensor);
-    if (lanes.Allocate()) {
-      lanes.Run();
-      return true;
-    }
-  }
-  PcdTrakLineBuffer* line = new_trakline_buffer(w->context->nodeLimit);
-  if (line == nullptr) return false;
-  TrackSeedsOneByOne(w, line, tensor);
-  delete_trakline_buffer(line);
-  return true;
-}
-
-}  // namespace
 
 void* threaded_fiber_tracking(void* argument) {
   auto* w = static_cast<PcdTrackingWork*>(argument);
