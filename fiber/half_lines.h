@@ -20,7 +20,7 @@
 
 #include "dti/dti_data.h"
 #include "dti/tensor.h"
-#include "fiber/tracking.h"
+#include "fiber/stop_rules.h"
 #include "fiber/trakline.h"
 
 using PcdStopTest = int (*)(const PcdDiffusionTensorData*, const PcdDiffusionTensorLimits*);

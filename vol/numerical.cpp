@@ -16,6 +16,12 @@
 
 using pcd_numerical_detail::is_usable;
 
+bool pcd_numerical_detail::is_usable(const PcdMatrix* a) {
+  return a != nullptr && a->m != nullptr && a->rows > 0 && a->cols > 0;
+}
+
+bool pcd_numerical_detail::is_usable(const PcdVector* x) { return x != nullptr && x->data != nullptr && x->n > 0; }
+
 namespace {
 
 // ---- product accumulation --------------------------------------------------------------

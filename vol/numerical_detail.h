@@ -1,14 +1,13 @@
 // Small helpers the matrix files share (not part of the interface).
 #pragma once
 
-#include "vol/numerical.h"
+struct PcdMatrix;
+struct PcdVector;
 
 namespace pcd_numerical_detail {
 
-inline bool is_usable(const PcdMatrix* a) {
-  return a != nullptr && a->m != nullptr && a->rows > 0 && a->cols > 0;
-}
-
-inline bool is_usable(const PcdVector* x) { return x != nullptr && x->data != nullptr && x->n > 0; }
+// A record with storage and a positive size.
+bool is_usable(const PcdMatrix* a);
+bool is_usable(const PcdVector* x);
 
 }  // namespace pcd_numerical_detail

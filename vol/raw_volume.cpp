@@ -32,7 +32,11 @@ const char* PCD_NameOfDataType(int32_t type) {
 #include "vol/raw_volume_detail.h"
 
 using pcd_raw_volume_detail::HasChannel;
-using pcd_raw_volume_detail::TruncToInt64;
+
+bool pcd_raw_volume_detail::HasChannel(const PcdRawVolumeData* v, int32_t channel) {
+  return v != nullptr && v->matrixSize != nullptr && channel >= 0 &&
+         channel < v->matrixSize->channels;
+}
 
 namespace {
 

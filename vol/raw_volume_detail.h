@@ -5,14 +5,12 @@
 #include <cstdint>
 #include <limits>
 
-#include "vol/raw_volume.h"
+struct PcdRawVolumeData;
 
 namespace pcd_raw_volume_detail {
 
-inline bool HasChannel(const PcdRawVolumeData* v, int32_t channel) {
-  return v != nullptr && v->matrixSize != nullptr && channel >= 0 &&
-         channel < v->matrixSize->channels;
-}
+// The volume has a record of its size and the channel is one of its channels.
+bool HasChannel(const PcdRawVolumeData* v, int32_t channel);
 
 // Truncation of a blended value to the 64-bit integer every integer reader returns
 // through; values beyond the range saturate instead of being undefined.
