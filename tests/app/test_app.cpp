@@ -24,6 +24,7 @@
 #include "app/startup.h"
 #include "io/raw_volume_file.h"
 #include "ipc/ipc.h"
+#include "support/gui_support.h"
 #include "support/test_support.h"
 #include "view/views_window.h"
 #include "tools/phantom/phantom.h"
@@ -37,10 +38,6 @@ namespace {
 
 using quorix_test::TempDir;
 
-// The file chooser keeps its settings; without a session bus they stay in memory. The
-// accessibility bridge is not wanted in tests.
-const bool kQuietDesktop =
-    setenv("GSETTINGS_BACKEND", "memory", 1) == 0 && setenv("NO_AT_BRIDGE", "1", 1) == 0;
 
 // The viewer server with a volume, saving what it receives.
 struct Server : quorix_test::ServerProcess {
@@ -74,70 +71,23 @@ std::string WritePhantom(const TempDir& dir) {
   return path;
 }
 
-std::vector<PcdDialogSeen> g_seen;
-std::vector<PcdDialogAnswer> g_answers;  // given in order; then the defaults
+quorix_test::DialogScript g_dialogs;
+std::vector<PcdDialogSeen>& g_seen = g_dialogs.seen;
+std::vector<PcdDialogAnswer>& g_answers = g_dialogs.answers;  // given in order; then the defaults
 
-void RecordDialogs() {
-  PCD_SetDialogResponder([](const PcdDialogSeen& seen) {
-    g_seen.push_back(seen);
-    if (!g_answers.empty()) {
-      PcdDialogAnswer a = g_answers.front();
-      g_answers.erase(g_answers.begin());
-      return a;
-    }
-    return PcdDialogAnswer{kPcdDialogCancel, ""};
-  });
-}
+void RecordDialogs() { quorix_test::AnswerDialogsFrom(&g_dialogs); }
 
 // A key pressed while the main window has the input focus, as the X server delivers it.
-void PressKey(guint keyval, guint modifiers = 0) {
-  GdkEvent* event = gdk_event_new(GDK_KEY_PRESS);
-  event->key.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(pcd_app->window)));
-  event->key.send_event = FALSE;
-  event->key.time = GDK_CURRENT_TIME;
-  event->key.state = modifiers;
-  event->key.keyval = keyval;
-  GdkKeymapKey* keys = nullptr;
-  gint count = 0;
-  GdkDisplay* display = gtk_widget_get_display(pcd_app->window);
-  if (gdk_keymap_get_entries_for_keyval(gdk_keymap_get_for_display(display), keyval, &keys, &count) &&
-      count > 0) {
-    event->key.hardware_keycode = static_cast<guint16>(keys[0].keycode);
-    event->key.group = static_cast<guint8>(keys[0].group);
-  }
-  g_free(keys);
-  gdk_event_set_device(event, gdk_seat_get_keyboard(gdk_display_get_default_seat(display)));
-  gtk_main_do_event(event);
-  gdk_event_free(event);
-}
+void PressKey(guint keyval, guint modifiers = 0) { quorix_test::PressKey(pcd_app->window, keyval, modifiers); }
 
 std::string PageLabel(int page) {
   GtkWidget* child = gtk_notebook_get_nth_page(GTK_NOTEBOOK(pcd_app->notebook), page);
   return gtk_notebook_get_tab_label_text(GTK_NOTEBOOK(pcd_app->notebook), child);
 }
 
-// Lets the X server send its expose events and the toolkit draw them (a closed dialog
-// leaves its picture on the window beneath until then).
-void DrainEvents() {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(400);
-  while (std::chrono::steady_clock::now() < until) {
-    gdk_display_sync(gdk_display_get_default());
-    while (gtk_events_pending()) gtk_main_iteration();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-}
+void DrainEvents() { quorix_test::DrainEvents(400, 20); }
 
-// The window as it is on screen, into BINARY_DIR/screenshots/name.
-void SaveScreenshot(GtkWidget* widget, const std::string& name) {
-  GdkWindow* w = gtk_widget_get_window(widget);
-  if (w == nullptr) return;
-  GdkPixbuf* shot = gdk_pixbuf_get_from_window(w, 0, 0, gdk_window_get_width(w), gdk_window_get_height(w));
-  if (shot == nullptr) return;
-  const std::string dir = std::string(QUORIX_BINARY_DIR) + "/screenshots";
-  std::filesystem::create_directories(dir);
-  gdk_pixbuf_save(shot, (dir + "/" + name).c_str(), "png", nullptr, nullptr);
-  g_object_unref(shot);
-}
+using quorix_test::SaveScreenshot;
 
 TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
   ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";

@@ -16,6 +16,7 @@
 #include "app/menu.h"
 #include "app/startup.h"
 #include "io/raw_volume_file.h"
+#include "support/gui_support.h"
 #include "support/test_support.h"
 #include "tools/phantom/phantom.h"
 
@@ -23,27 +24,17 @@ namespace {
 
 using quorix_test::TempDir;
 
-const bool kQuietDesktop =
-    setenv("GSETTINGS_BACKEND", "memory", 1) == 0 && setenv("NO_AT_BRIDGE", "1", 1) == 0;
-
 bool WriteSeries(const std::string& dir, const std::string& json) {
   const int status = quorix_test::RunCommand(std::string("/usr/bin/python3 ") + QUORIX_SOURCE_DIR +
                                              "/tests/io/dicom_series.py '" + dir + "' '" + json + "'");
   return status == 0;
 }
 
-std::vector<PcdDialogSeen> g_seen;
-std::vector<PcdDialogAnswer> g_answers;
+quorix_test::DialogScript g_dialogs;
+std::vector<PcdDialogSeen>& g_seen = g_dialogs.seen;
+std::vector<PcdDialogAnswer>& g_answers = g_dialogs.answers;
 
-void RecordDialogs() {
-  PCD_SetDialogResponder([](const PcdDialogSeen& seen) {
-    g_seen.push_back(seen);
-    if (g_answers.empty()) return PcdDialogAnswer{kPcdDialogCancel, ""};
-    PcdDialogAnswer a = g_answers.front();
-    g_answers.erase(g_answers.begin());
-    return a;
-  });
-}
+void RecordDialogs() { quorix_test::AnswerDialogsFrom(&g_dialogs); }
 
 // The menu command as the user starts it (Ctrl+D runs the same item). The program's own
 // lines come on stdout, the import's on stderr.

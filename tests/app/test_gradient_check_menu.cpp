@@ -18,6 +18,7 @@
 #include "app/gradient_check_menu.h"
 #include "app/startup.h"
 #include "io/raw_volume_file.h"
+#include "support/gui_support.h"
 #include "support/test_support.h"
 #include "tools/phantom/phantom.h"
 
@@ -25,21 +26,11 @@ namespace {
 
 using quorix_test::TempDir;
 
-const bool kQuiet = setenv("GSETTINGS_BACKEND", "memory", 1) == 0 && setenv("NO_AT_BRIDGE", "1", 1) == 0;
+quorix_test::DialogScript g_dialogs;
+std::vector<PcdDialogSeen>& g_seen = g_dialogs.seen;
+std::vector<PcdDialogAnswer>& g_answers = g_dialogs.answers;
 
-std::vector<PcdDialogSeen> g_seen;
-std::vector<PcdDialogAnswer> g_answers;
-
-void Screenshot(GtkWidget* widget, const std::string& name) {
-  GdkWindow* w = gtk_widget_get_window(widget);
-  if (w == nullptr) return;
-  GdkPixbuf* shot = gdk_pixbuf_get_from_window(w, 0, 0, gdk_window_get_width(w), gdk_window_get_height(w));
-  if (shot == nullptr) return;
-  const std::string dir = std::string(QUORIX_BINARY_DIR) + "/screenshots";
-  std::filesystem::create_directories(dir);
-  gdk_pixbuf_save(shot, (dir + "/" + name).c_str(), "png", nullptr, nullptr);
-  g_object_unref(shot);
-}
+using quorix_test::SaveScreenshot;
 
 TEST(GradientCheckMenu, KeepsTheTrueTableAndOffersToUndoASwap) {
   ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
@@ -54,14 +45,11 @@ TEST(GradientCheckMenu, KeepsTheTrueTableAndOffersToUndoASwap) {
   PCD_DeleteRawVolumeData(phantom->volume);
   std::free(phantom);
   quorix_test::ServerProcess server({"--volume", dir.file("phantom.raw"), "--save-dir", dir.file("saved")});
-  PCD_SetDialogResponder([](const PcdDialogSeen& seen) {
-    g_seen.push_back(seen);
-    if (seen.title == kPcdGradientCheckTitle) Screenshot(seen.window, seen.kind == PcdDialogKind::Notice ? "gradient-check-kept.png" : "gradient-check-offer.png");
-    if (g_answers.empty()) return PcdDialogAnswer{kPcdDialogCancel, ""};
-    PcdDialogAnswer a = g_answers.front();
-    g_answers.erase(g_answers.begin());
-    return a;
-  });
+  g_dialogs.onSeen = [](const PcdDialogSeen& seen) {
+    if (seen.title == kPcdGradientCheckTitle)
+      SaveScreenshot(seen.window, seen.kind == PcdDialogKind::Notice ? "gradient-check-kept.png" : "gradient-check-offer.png");
+  };
+  quorix_test::AnswerDialogsFrom(&g_dialogs);
   std::string number = std::to_string(server.number);
   char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
   testing::internal::CaptureStderr();

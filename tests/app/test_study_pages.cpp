@@ -23,6 +23,7 @@
 #include "study/gui/gui_util.h"
 #include "study/gui/roi_editor.h"
 #include "study/gui/study_performer.h"
+#include "support/gui_support.h"
 #include "support/test_support.h"
 #include "tools/phantom/phantom.h"
 
@@ -30,8 +31,6 @@
 namespace {
 
 using quorix_test::TempDir;
-
-const bool kQuiet = setenv("GSETTINGS_BACKEND", "memory", 1) == 0 && setenv("NO_AT_BRIDGE", "1", 1) == 0;
 
 // 32 x 32 x 12 with a straight bundle along x through y 13..18, z 4..7.
 std::string WriteBundlePhantom(const TempDir& dir) {
@@ -43,32 +42,22 @@ std::string WriteBundlePhantom(const TempDir& dir) {
   return path;
 }
 
-std::vector<PcdDialogSeen> g_seen;
-std::vector<PcdDialogAnswer> g_answers;
+quorix_test::DialogScript g_dialogs;
+std::vector<PcdDialogSeen>& g_seen = g_dialogs.seen;
+std::vector<PcdDialogAnswer>& g_answers = g_dialogs.answers;
 std::vector<std::string> g_summaryAtDialog;  // the selected study's summary when each dialog came
 
 void AnswerDialogs() {
-  PCD_SetDialogResponder([](const PcdDialogSeen& seen) {
-    g_seen.push_back(seen);
+  g_dialogs.onSeen = [](const PcdDialogSeen&) {
     const PcdStudyObject* selected = pcd_app ? PCD_GetSelectedStudyObject(&pcd_app->session.studies) : nullptr;
     g_summaryAtDialog.push_back(selected ? PCD_GetStudySummary(selected) : "");
-    if (g_answers.empty()) return PcdDialogAnswer{kPcdDialogCancel, ""};
-    PcdDialogAnswer a = g_answers.front();
-    g_answers.erase(g_answers.begin());
-    return a;
-  });
+  };
+  quorix_test::AnswerDialogsFrom(&g_dialogs);
 }
 
 PcdDialogAnswer Chosen(const std::string& path) { return {kPcdFileChosen, path}; }
 
-void Drain(int ms = 150) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (std::chrono::steady_clock::now() < until) {
-    gdk_display_sync(gdk_display_get_default());
-    while (gtk_events_pending()) gtk_main_iteration();
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-}
+void Drain(int ms = 150) { quorix_test::DrainEvents(ms); }
 
 // The application with the console captured; the console of each step is returned.
 struct Console {
@@ -104,56 +93,16 @@ void Activate(const PcdMenuBar& menu, const char* path) {
   gtk_menu_item_activate(GTK_MENU_ITEM(item));
 }
 
-// The first widget under root (internal children included) that satisfies the test.
 GtkWidget* Find(GtkWidget* root, const std::function<bool(GtkWidget*)>& test) {
-  if (test(root)) return root;
-  if (!GTK_IS_CONTAINER(root)) return nullptr;
-  GList* children = nullptr;
-  gtk_container_forall(GTK_CONTAINER(root), [](GtkWidget* w, gpointer list) {
-    *static_cast<GList**>(list) = g_list_append(*static_cast<GList**>(list), w);
-  }, &children);
-  GtkWidget* found = nullptr;
-  for (GList* c = children; c && !found; c = c->next) found = Find(GTK_WIDGET(c->data), test);
-  g_list_free(children);
-  return found;
+  return quorix_test::FindWidget(root, test);
 }
 
-GtkWidget* Button(GtkWidget* root, const char* label) {
-  return Find(root, [label](GtkWidget* w) {
-    return GTK_IS_BUTTON(w) && gtk_widget_is_visible(w) && gtk_button_get_label(GTK_BUTTON(w)) &&
-           std::string(gtk_button_get_label(GTK_BUTTON(w))) == label;
-  });
-}
+GtkWidget* Button(GtkWidget* root, const char* label) { return quorix_test::FindButton(root, label); }
 
-// The notebook page whose tab reads label, made current as a click on the tab does.
-void ShowTab(GtkWidget* notebook, const char* label) {
-  for (int i = 0; i < gtk_notebook_get_n_pages(GTK_NOTEBOOK(notebook)); ++i) {
-    GtkWidget* page = gtk_notebook_get_nth_page(GTK_NOTEBOOK(notebook), i);
-    if (std::string(gtk_notebook_get_tab_label_text(GTK_NOTEBOOK(notebook), page)) == label) {
-      gtk_notebook_set_current_page(GTK_NOTEBOOK(notebook), i);
-      return;
-    }
-  }
-  ADD_FAILURE() << "no tab " << label;
-}
+using quorix_test::ShowTab;
 
 // The rows of a list as "number|type|vis|status|label".
-std::vector<std::string> Rows(GtkListStore* store) {
-  std::vector<std::string> rows;
-  GtkTreeModel* model = GTK_TREE_MODEL(store);
-  GtkTreeIter iter;
-  for (gboolean ok = gtk_tree_model_get_iter_first(model, &iter); ok; ok = gtk_tree_model_iter_next(model, &iter)) {
-    std::string row;
-    for (int c = 0; c < 5; ++c) {
-      gchar* text = nullptr;
-      gtk_tree_model_get(model, &iter, c, &text, -1);
-      row += (c ? "|" : "") + std::string(text ? text : "");
-      g_free(text);
-    }
-    rows.push_back(row);
-  }
-  return rows;
-}
+std::vector<std::string> Rows(GtkListStore* store) { return quorix_test::ListRows(store, 5); }
 
 std::string Column(GtkListStore* store, int column) {
   std::string out;
@@ -165,18 +114,10 @@ std::string Column(GtkListStore* store, int column) {
   return out;
 }
 
-// A click on row n of a list.
-void ClickRow(GtkWidget* list, int n) {
-  GtkTreePath* path = gtk_tree_path_new_from_indices(n, -1);
-  gtk_tree_view_set_cursor(GTK_TREE_VIEW(list), path, nullptr, FALSE);
-  gtk_tree_path_free(path);
-}
+using quorix_test::ClickRow;
 
 // Typing into a spin button and pressing Enter.
-void Type(GtkWidget* entry, const char* text) {
-  gtk_entry_set_text(GTK_ENTRY(entry), text);
-  gtk_widget_activate(entry);
-}
+void Type(GtkWidget* entry, const char* text) { quorix_test::TypeInto(entry, text); }
 
 std::string TextOf(GtkWidget* view) { return PCD_GetTextViewText(view); }
 
@@ -190,13 +131,7 @@ GtkWidget* SummaryView() {
 
 void Screenshot(GtkWidget* widget, const std::string& name) {
   Drain(250);
-  GdkWindow* w = gtk_widget_get_window(widget);
-  GdkPixbuf* shot = gdk_pixbuf_get_from_window(w, 0, 0, gdk_window_get_width(w), gdk_window_get_height(w));
-  if (shot == nullptr) return;
-  const std::string dir = std::string(QUORIX_BINARY_DIR) + "/screenshots";
-  std::filesystem::create_directories(dir);
-  gdk_pixbuf_save(shot, (dir + "/" + name).c_str(), "png", nullptr, nullptr);
-  g_object_unref(shot);
+  quorix_test::SaveScreenshot(widget, name);
 }
 
 std::string ServerObjects(const TempDir& dir) {

@@ -21,6 +21,7 @@
 #include "ipc/ipc.h"
 #include "study/gui/study_performer.h"
 #include "study/study_runner.h"
+#include "support/gui_support.h"
 #include "support/test_support.h"
 #include "tools/phantom/phantom.h"
 #include "view/fiber_overlay.h"
@@ -32,20 +33,10 @@ namespace {
 
 using quorix_test::TempDir;
 
-const bool kQuietDesktop =
-    setenv("GSETTINGS_BACKEND", "memory", 1) == 0 && setenv("NO_AT_BRIDGE", "1", 1) == 0;
-
 constexpr int kX = 32, kY = 32, kZ = 12;  // the phantom; 8 pixels a voxel at the first scale
 constexpr double kPixels = 256.0 / kX;
 
-void Drain() {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(250);
-  while (std::chrono::steady_clock::now() < until) {
-    gdk_display_sync(gdk_display_get_default());
-    while (gtk_events_pending()) gtk_main_iteration();
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-}
+void Drain() { quorix_test::DrainEvents(250); }
 
 // The program on a phantom with its computed maps, the views window open.
 struct ViewsSession {
@@ -105,65 +96,17 @@ uint32_t PixelAt(cairo_surface_t* image, double px, double py) {
   return *reinterpret_cast<const uint32_t*>(data + int(py) * stride + int(px) * 4);
 }
 
-void SendButton(GtkWidget* area, GdkEventType type, double x, double y, guint state = 0, guint button = 1) {
-  GdkEvent* e = gdk_event_new(type);
-  e->button.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(area)));
-  e->button.send_event = FALSE;
-  e->button.time = GDK_CURRENT_TIME;
-  e->button.x = x, e->button.y = y;
-  e->button.state = state;
-  e->button.button = button;
-  GdkDisplay* display = gtk_widget_get_display(area);
-  gdk_event_set_device(e, gdk_seat_get_pointer(gdk_display_get_default_seat(display)));
-  gtk_main_do_event(e);
-  gdk_event_free(e);
-}
+using quorix_test::Click;
+using quorix_test::SendButton;
+using quorix_test::SendMotion;
 
-void SendMotion(GtkWidget* area, double x, double y, guint state = GDK_BUTTON1_MASK) {
-  GdkEvent* e = gdk_event_new(GDK_MOTION_NOTIFY);
-  e->motion.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(area)));
-  e->motion.time = GDK_CURRENT_TIME;
-  e->motion.x = x, e->motion.y = y;
-  e->motion.state = state;
-  gdk_event_set_device(e, gdk_seat_get_pointer(gdk_display_get_default_seat(gtk_widget_get_display(area))));
-  gtk_main_do_event(e);
-  gdk_event_free(e);
-}
 
-void Click(GtkWidget* area, double x, double y, guint state = 0) {
-  SendButton(area, GDK_BUTTON_PRESS, x, y, state);
-  SendButton(area, GDK_BUTTON_RELEASE, x, y, state);
-}
 
 void PressKeyOn(GtkWidget* window, guint keyval, guint modifiers = 0) {
-  GdkEvent* event = gdk_event_new(GDK_KEY_PRESS);
-  event->key.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(window)));
-  event->key.time = GDK_CURRENT_TIME;
-  event->key.state = modifiers;
-  event->key.keyval = keyval;
-  GdkKeymapKey* keys = nullptr;
-  gint count = 0;
-  GdkDisplay* display = gtk_widget_get_display(window);
-  if (gdk_keymap_get_entries_for_keyval(gdk_keymap_get_for_display(display), keyval, &keys, &count) && count > 0) {
-    event->key.hardware_keycode = static_cast<guint16>(keys[0].keycode);
-    event->key.group = static_cast<guint8>(keys[0].group);
-  }
-  g_free(keys);
-  gdk_event_set_device(event, gdk_seat_get_keyboard(gdk_display_get_default_seat(display)));
-  gtk_main_do_event(event);
-  gdk_event_free(event);
+  quorix_test::PressKey(window, keyval, modifiers);
 }
 
-void SaveShot(GtkWidget* widget, const std::string& name) {
-  GdkWindow* w = gtk_widget_get_window(widget);
-  if (w == nullptr) return;
-  GdkPixbuf* shot = gdk_pixbuf_get_from_window(w, 0, 0, gdk_window_get_width(w), gdk_window_get_height(w));
-  if (shot == nullptr) return;
-  const std::string dir = std::string(QUORIX_BINARY_DIR) + "/screenshots";
-  std::filesystem::create_directories(dir);
-  gdk_pixbuf_save(shot, (dir + "/" + name).c_str(), "png", nullptr, nullptr);
-  g_object_unref(shot);
-}
+void SaveShot(GtkWidget* widget, const std::string& name) { quorix_test::SaveScreenshot(widget, name); }
 
 int CountVoxels(const PcdRoiObject* roi) {
   const PcdIntSize3D size{kX, kY, kZ};
