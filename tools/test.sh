@@ -5,6 +5,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/setup.sh
+# the include layers first: an upward include or a circle fails before anything is built
+tools/check_layers.sh
 jobs=$(nproc)
 
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORIX_WERROR=ON >/dev/null
