@@ -5,12 +5,12 @@
 #include <cstdio>
 #include <string>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
+#include "app/services/app_state.h"
+#include "app/services/dialogs.h"
 #include "app/loading.h"
-#include "app/main_window.h"
-#include "app/viewer_link.h"
-#include "app/viewer_objects.h"
+#include "app/services/status_line.h"
+#include "app/services/viewer_link.h"
+#include "app/services/viewer_objects.h"
 #include "dti/channels.h"
 #include "dti/dti_check.h"
 #include "dti/gradient_vectors.h"

@@ -3,19 +3,12 @@
 
 #include <gtk/gtk.h>
 
-#include "app/menu.h"
+#include "app/loading.h"
+#include "app/services/menu.h"
 
 constexpr int kPcdMainMenuEntryCount = 66;
 extern const PcdMenuEntry kPcdMainMenu[kPcdMainMenuEntryCount];
 
-constexpr char kPcdNotImplemented[] = "Not implemented yet.";
-
-// Import kinds of the loading workflow (the action number of the import entries).
-enum PcdImportKind : guint {
-  PCD_IMPORT_DICOM = 1,
-  PCD_IMPORT_DTI_FILE = 2,
-  PCD_IMPORT_RAW_VOLUME = 3,
-};
 
 // The three "Manual set" values (action number).
 enum PcdManualSetKind : guint {

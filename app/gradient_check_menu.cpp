@@ -6,9 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
-#include "app/main_window.h"
+#include "app/services/app_state.h"
+#include "app/services/dialogs.h"
+#include "app/services/status_line.h"
 #include "dti/gradient_check.h"
 
 namespace {

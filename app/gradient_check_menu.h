@@ -6,7 +6,7 @@
 
 #include <gtk/gtk.h>
 
-#include "app/menu.h"
+#include "app/services/menu.h"
 
 constexpr char kPcdGradientCheckTitle[] = "Gradient table check";
 constexpr char kPcdGradientCheckLabel[] = "Check gradient table ...";

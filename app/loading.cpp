@@ -4,13 +4,13 @@
 #include <cstdlib>
 #include <string>
 
-#include "app/app_state.h"
-#include "app/commands.h"
-#include "app/dialogs.h"
-#include "app/main_window.h"
-#include "app/viewer_link.h"
+#include "app/services/app_state.h"
+#include "view/view_context.h"
+#include "app/services/dialogs.h"
+#include "app/services/status_line.h"
+#include "app/services/viewer_link.h"
 #include "app/object_commands.h"
-#include "app/viewer_objects.h"
+#include "app/services/viewer_objects.h"
 #include "study/gui/roi_editor.h"
 #include "study/gui/study_performer.h"
 #include "io/dicom_directory.h"
@@ -26,7 +26,6 @@ std::string PCD_RecognitionText(const PcdDtiData* dti) {
   return text;
 }
 
-bool PCD_MpgReady() { return pcd_app && pcd_app->session.dti && pcd_app->session.dti->isReady == 1; }
 
 void PCD_CreateDtiData() {
   PcdAppState* app = pcd_app;
@@ -62,13 +61,6 @@ void PCD_UpdatePanels() {
   if (PCD_MpgReady()) PCD_ShowRecognitionNotice();
 }
 
-void PCD_CleanUpObjects() {
-  PCD_CleanUpStudyObjects(&pcd_app->session.studies);  // studies before the ROIs they list
-  PCD_CleanUpRoiObjects(&pcd_app->session.rois);
-  PCD_ForgetRemovedStudyResults();
-  PCD_ForgetShownObjects();  // ids restart at 0: the pages must not store into a new object
-  std::fputs("Clean-up old objects OK\n", stderr);
-}
 
 namespace {
 

@@ -2,9 +2,18 @@
 // notices that tell the user what was recognised, and the panels brought up to date.
 #pragma once
 
+#include <glib.h>
+
 #include <string>
 
 #include "dti/dti_data.h"
+
+// Import kinds of the loading workflow (the action number of the import entries).
+enum PcdImportKind : guint {
+  PCD_IMPORT_DICOM = 1,
+  PCD_IMPORT_DTI_FILE = 2,
+  PCD_IMPORT_RAW_VOLUME = 3,
+};
 
 constexpr char kPcdRecognitionFormat[] =
     "Quorix.II recognized DTI data as bellow.                                     \n \n"
@@ -35,11 +44,6 @@ void PCD_ShowMpgNotReadyNotice();
 // and, when the MPG setting is ready, the recognition notice.
 void PCD_UpdatePanels();
 
-// Deletes every study and every ROI, resets their counters and says so on the console.
-void PCD_CleanUpObjects();
-
 // The loading workflow of the import commands: importKind is a PcdImportKind; fileName
 // null lets the user choose. A refused or cancelled file leaves the data set as it was.
 void PCD_LoadVolume(int importKind, const char* fileName);
-// True when the DTI data's MPG setting is ready.
-bool PCD_MpgReady();

@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
+#include "app/services/app_state.h"
+#include "app/services/dialogs.h"
 #include "app/main_window.h"
 #include "app/startup.h"
 

@@ -1,8 +1,8 @@
 #include "app/main_window.h"
 
-#include "app/app_state.h"
+#include "app/services/app_state.h"
 #include "app/commands.h"
-#include "app/dialogs.h"
+#include "app/services/dialogs.h"
 #include "app/gradient_check_menu.h"
 #include "study/gui/roi_editor.h"
 #include "study/gui/study_performer.h"
@@ -129,25 +129,4 @@ bool PCD_BuildMainWindow() {
   gtk_widget_show_all(app->window);
   PCD_SetDialogParent(app->window);
   return true;
-}
-
-void PCD_SetStatus(const char* text) {
-  if (pcd_app && pcd_app->statusLabel) {
-    gtk_label_set_text(GTK_LABEL(pcd_app->statusLabel), text);
-    gtk_widget_set_tooltip_text(pcd_app->statusLabel, text);
-  }
-}
-
-void PCD_RefreshMemo() {
-  if (!pcd_app || !pcd_app->memoView) return;
-  std::string text = pcd_app->memo;  // the change handler writes pcd_app->memo back
-  GtkTextBuffer* buffer = gtk_text_view_get_buffer(GTK_TEXT_VIEW(pcd_app->memoView));
-  // file names from other systems need not be UTF-8; show them mangled rather than not at all
-  char* valid = g_utf8_make_valid(text.c_str(), static_cast<gssize>(text.size()));
-  gtk_text_buffer_set_text(buffer, valid, -1);
-  g_free(valid);
-}
-
-void PCD_LeaveMainLoop() {
-  if (gtk_main_level() > 0) gtk_main_quit();
 }

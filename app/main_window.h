@@ -3,6 +3,8 @@
 
 #include <gtk/gtk.h>
 
+#include "app/services/status_line.h"
+
 constexpr char kPcdWindowTitle[] = "Quorix.II (Linux Edition) 2025";
 constexpr int kPcdWindowWidth = 320;
 constexpr int kPcdWindowHeight = 712;
@@ -11,17 +13,7 @@ constexpr char kPcdStudyPageLabel[] = " Study performer ";
 constexpr char kPcdRoiPageLabel[] = " ROI editor ";
 constexpr char kPcdUtilityPageLabel[] = " Utility ";
 constexpr char kPcdMemoFrameLabel[] = " - Editable Memo - ";
-constexpr char kPcdAnalyzeButtonLabel[] = " Analyze and Display ";
 
 // Builds the window into pcd_app (widgets, menu bar from the main table, accelerators)
 // and shows it. False when the menu table cannot be built.
 bool PCD_BuildMainWindow();
-
-// Replaces the text of the status line.
-void PCD_SetStatus(const char* text);
-
-// Replaces the memo widget's content with pcd_app->memo.
-void PCD_RefreshMemo();
-
-// Leaves the toolkit's main loop if one is running.
-void PCD_LeaveMainLoop();

@@ -4,12 +4,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
-#include "app/loading.h"
-#include "app/main_window.h"
-#include "app/viewer_link.h"
-#include "app/viewer_objects.h"
+#include "app/services/app_state.h"
+#include "app/services/dialogs.h"
+#include "app/services/status_line.h"
+#include "app/services/viewer_link.h"
+#include "app/services/viewer_objects.h"
 #include "dti/tensor.h"
 #include "io/object_files.h"
 #include "io/session_file.h"
@@ -189,4 +188,12 @@ void PCD_ServiceRealtimeAnalysis() {
   if (pcd_app->realtimeAnalysis != 1 || pcd_viewer_get_position(&position) != 0) return;
   const std::string text = PCD_DescribeTensorAtVoxel(session()->dti, position);
   if (!text.empty()) PCD_SetStatus(text.c_str());
+}
+
+void PCD_CleanUpObjects() {
+  PCD_CleanUpStudyObjects(&pcd_app->session.studies);  // studies before the ROIs they list
+  PCD_CleanUpRoiObjects(&pcd_app->session.rois);
+  PCD_ForgetRemovedStudyResults();
+  PCD_ForgetShownObjects();  // ids restart at 0: the pages must not store into a new object
+  std::fputs("Clean-up old objects OK\n", stderr);
 }

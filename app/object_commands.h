@@ -41,3 +41,6 @@ std::string PCD_DescribeTensorAtVoxel(const PcdDtiData* dti, const PcdIntVector3
 // Timer work while the realtime analysis flag is 1: the viewer's broadcast position is
 // read and the tensor there shown in the status line.
 void PCD_ServiceRealtimeAnalysis();
+
+// Deletes every study and every ROI, resets their counters and says so on the console.
+void PCD_CleanUpObjects();

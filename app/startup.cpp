@@ -3,14 +3,16 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
+#include "app/services/app_state.h"
+#include "view/view_context.h"
+#include "app/services/dialogs.h"
 #include "app/loading.h"
 #include "app/main_window.h"
 #include "app/object_commands.h"
 #include "study/gui/roi_editor.h"
 #include "study/gui/study_performer.h"
-#include "app/viewer_link.h"
+#include "app/services/viewer_link.h"
+#include "view/palette_frame.h"
 #include "view/views_window.h"
 
 namespace {
@@ -89,6 +91,18 @@ int PCD_InitializeApplication(int argc, char** argv) {
   // what the mouse draws in the views shows at once in the ROI editor's list and controls
   pcd_view_roi_edited = [](PcdRoiObject*) { PCD_RefreshRoiEditor(); };
   pcd_view_rois_added = [] { PCD_RefreshRoiEditor(); };
+  // a study's fibers and glyphs show in the slice views; "Box VOI" regions take the
+  // views' box (the whole volume until one is dragged)
+  pcd_notice_study_result = [] { PCDview_Redraw(); };
+  pcd_notice_box_voi = [](PcdIntVector3D* origin, PcdIntSize3D* size) {
+    if (pcd_views == nullptr || pcd_views->boxSize.x <= 0 || pcd_views->boxSize.y <= 0 || pcd_views->boxSize.z <= 0)
+      return false;
+    *origin = pcd_views->boxOrigin;
+    *size = pcd_views->boxSize;
+    return true;
+  };
+  // the palette frame rides along with the views window
+  pcd_views_palette = {[] { PCDview_OpenPaletteFrame(); }, PCDview_ClosePaletteFrame, PCDview_RedrawPaletteFrame};
   PCD_ConnectCoreNotices();
   PCD_RefreshMemo();
   PCD_RefreshStudyPerformer();

@@ -4,9 +4,9 @@
 #include <cmath>
 #include <cstdio>
 
-#include "app/app_state.h"
-#include "app/main_window.h"
-#include "app/viewer_link.h"
+#include "app/services/app_state.h"
+#include "app/services/status_line.h"
+#include "app/services/viewer_link.h"
 #include "view/roi_drawing.h"
 #include "view/roi_overlay.h"
 #include "view/views_window.h"

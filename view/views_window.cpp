@@ -1,20 +1,19 @@
 #include "view/views_window.h"
+#include "view/view_context.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
-#include "app/main_window.h"
-#include "app/viewer_link.h"
+#include "app/services/app_state.h"
+#include "app/services/dialogs.h"
+#include "app/services/status_line.h"
+#include "app/services/viewer_link.h"
 #include "dti/tensor.h"
-#include "view/palette_frame.h"
 
 PcdViewsState* pcd_views = nullptr;
-std::function<void(PcdRoiObject*)> pcd_view_roi_edited;
-std::function<void()> pcd_view_rois_added;
+PcdPaletteFrameHooks pcd_views_palette;
 
 namespace {
 
@@ -147,7 +146,7 @@ void QueueDraw() {
   if (!pcd_views) return;
   for (PcdViewPane& p : pcd_views->panes)
     if (p.area) gtk_widget_queue_draw(p.area);
-  PCDview_RedrawPaletteFrame();
+  if (pcd_views_palette.redraw) pcd_views_palette.redraw();
 }
 
 gboolean on_pane_draw(GtkWidget* area, cairo_t* cr, gpointer data) {
@@ -440,7 +439,9 @@ void on_views_destroy(GtkWidget*, gpointer) {
   pcd_views = nullptr;
 }
 
-void on_palette_clicked(GtkButton*, gpointer) { PCDview_OpenPaletteFrame(); }
+void on_palette_clicked(GtkButton*, gpointer) {
+  if (pcd_views_palette.open) pcd_views_palette.open();
+}
 
 // The tensor at a voxel when the data set is ready for it (quietly: the status line asks
 // on every click, the console is not the place for the answer).
@@ -511,7 +512,7 @@ bool PCDview_OpenViewsWindow() {
 }
 
 void PCDview_CloseViewsWindow() {
-  PCDview_ClosePaletteFrame();
+  if (pcd_views_palette.close) pcd_views_palette.close();
   if (pcd_views && pcd_views->window) gtk_widget_destroy(pcd_views->window);
   PCDview_DropAllStudyFibers();
 }

@@ -10,7 +10,8 @@
 #include <functional>
 #include <string>
 
-#include "app/menu.h"
+#include "app/services/menu.h"
+#include "app/services/notices.h"
 #include "view/pane_render.h"
 #include "view/roi_drawing.h"
 #include "view/slice_pane.h"
@@ -88,7 +89,12 @@ bool PCDview_Redo();
 // Writes what a pane shows as a PNG file; false when it cannot be written.
 bool PCDview_SavePanePng(const PcdViewPane* pane, const char* path);
 
-// Called after the mouse changed a ROI (the ROI editor refreshes its controls) and after
-// ROIs were added (its list); may be empty.
-extern std::function<void(PcdRoiObject*)> pcd_view_roi_edited;
-extern std::function<void()> pcd_view_rois_added;
+// The palette frame stands on the views (view/palette_frame.h); the views open it from
+// their button, redraw it with the panes and close it with the window through these,
+// which start-up connects. Each may be empty.
+struct PcdPaletteFrameHooks {
+  std::function<void()> open;
+  std::function<void()> close;
+  std::function<void()> redraw;
+};
+extern PcdPaletteFrameHooks pcd_views_palette;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "app/app_state.h"
+#include "app/services/app_state.h"
 #include "study/gui/study_performer.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <string>
 
-#include "app/app_state.h"
-#include "app/viewer_objects.h"
+#include "app/services/app_state.h"
+#include "app/services/viewer_objects.h"
 #include "study/roi_edit.h"
 
 namespace {

@@ -12,7 +12,7 @@
 
 #include <cstdint>
 
-#include "app/menu.h"
+#include "app/services/menu.h"
 #include "study/gui/gui_util.h"
 #include "study/roi_object.h"
 

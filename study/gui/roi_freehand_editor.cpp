@@ -1,6 +1,6 @@
 // " Freehand ROI ": clearing the drawn region and one step of erosion or dilation in its
 // planes. The drawing itself happens in the slice views.
-#include "app/app_state.h"
+#include "app/services/app_state.h"
 #include "study/gui/roi_editor.h"
 #include "study/roi_edit.h"
 

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "app/app_state.h"
+#include "app/services/app_state.h"
 #include "study/gui/roi_editor.h"
 #include "study/roi_edit.h"
 

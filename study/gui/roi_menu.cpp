@@ -1,7 +1,7 @@
 // The "/ROI" menu: one row per item-factory entry, separators included, and its commands.
-#include "app/app_state.h"
-#include "app/viewer_link.h"
-#include "app/viewer_objects.h"
+#include "app/services/app_state.h"
+#include "app/services/viewer_link.h"
+#include "app/services/viewer_objects.h"
 #include "study/gui/roi_editor.h"
 #include "study/roi_edit.h"
 

@@ -1,5 +1,5 @@
 // " Spherical ROI ": the centre and radius of a spherical ROI by spin buttons.
-#include "app/app_state.h"
+#include "app/services/app_state.h"
 #include "study/gui/roi_editor.h"
 
 namespace {

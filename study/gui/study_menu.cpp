@@ -3,12 +3,12 @@
 // study object files.
 #include <cstring>
 
-#include "app/app_state.h"
-#include "app/viewer_objects.h"
+#include "app/services/app_state.h"
+#include "app/services/viewer_objects.h"
 #include "study/gui/study_performer.h"
 #include "view/fiber_overlay.h"
 #include "view/glyph_overlay.h"
-#include "view/views_window.h"
+#include "app/services/notices.h"
 
 namespace {
 
@@ -41,7 +41,7 @@ void cmd_study_delete(gpointer, guint, GtkWidget*) {
   if (PCD_FindStudyObject(studies(), id) == nullptr) {  // gone from the slice views too
     PCDview_DropStudyFibers(id);
     PCDview_DropStudyGlyphs(id);
-    PCDview_Redraw();
+    PCD_NoticeStudyResult();
   }
   PCD_RefreshStudyPerformer();
 }

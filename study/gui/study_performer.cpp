@@ -4,16 +4,16 @@
 
 #include <string>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
-#include "app/main_window.h"
-#include "app/viewer_objects.h"
+#include "app/services/app_state.h"
+#include "app/services/dialogs.h"
+#include "app/services/status_line.h"
+#include "app/services/viewer_objects.h"
 #include "study/gui/gui_util.h"
 #include "study/gui/roi_editor.h"
 #include "study/study_runner.h"
 #include "view/fiber_overlay.h"
 #include "view/glyph_overlay.h"
-#include "view/views_window.h"
+#include "app/services/notices.h"
 
 namespace {
 
@@ -223,11 +223,7 @@ void PCD_AnalyzeSelectedStudy(bool dump) {
     options.dump = dump;
   }
   // "Box VOI" regions take the box the user dragged in the views (the whole volume until then)
-  if (pcd_views != nullptr && pcd_views->boxSize.x > 0 && pcd_views->boxSize.y > 0 && pcd_views->boxSize.z > 0) {
-    options.hasBoxVoi = true;
-    options.boxOrigin = pcd_views->boxOrigin;
-    options.boxSize = pcd_views->boxSize;
-  }
+  options.hasBoxVoi = PCD_NoticeBoxVoi(&options.boxOrigin, &options.boxSize);
   options.drawFibers = [](const PcdStudyObject* s, const PcdFibeTrakBuffer* buffer, int drawn) {
     PCD_TakeStudyFiberResult(s, buffer);  // the viewer's 3D objects
     PCDview_SetStudyFibers(s, buffer, drawn);  // the slice views
@@ -238,7 +234,7 @@ void PCD_AnalyzeSelectedStudy(bool dump) {
                                    const PcdDiffusionTensorData* tensor) { collect(point, tensor); };
   if (PCD_RunStudy(&pcd_app->session, study, options) == 0 && study->type == PCD_STUDY_DIFFUSION_PROFILE)
     PCDview_SetStudyGlyphs(study, std::move(glyphs));
-  PCDview_Redraw();
+  PCD_NoticeStudyResult();
   PCD_RefreshStudyPerformer();
   PcdStudyPerformer* p = PCD_GetStudyPerformer();
   if (PcdStudyPanel* panel = p ? panel_of(p, study) : nullptr)  // its "Summary" page is the last

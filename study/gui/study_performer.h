@@ -12,8 +12,10 @@
 #include <functional>
 #include <memory>
 
-#include "app/menu.h"
+#include "app/services/menu.h"
 #include "study/study_object.h"
+
+constexpr char kPcdAnalyzeButtonLabel[] = " Analyze and Display ";
 
 constexpr int kPcdStudyMenuEntryCount = 43;
 extern const PcdMenuEntry kPcdStudyMenu[kPcdStudyMenuEntryCount];

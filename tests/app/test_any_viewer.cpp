@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
+#include "app/services/app_state.h"
+#include "app/services/dialogs.h"
 #include "app/startup.h"
 #include "ipc/ipc.h"
 #include "support/protocol_server.h"

@@ -16,9 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "app/app_state.h"
+#include "app/services/app_state.h"
 #include "app/commands.h"
-#include "app/dialogs.h"
+#include "app/services/dialogs.h"
 #include "app/loading.h"
 #include "app/main_window.h"
 #include "app/startup.h"

@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "app/app_state.h"
+#include "app/services/app_state.h"
 #include "app/commands.h"
-#include "app/dialogs.h"
+#include "app/services/dialogs.h"
 #include "app/loading.h"
 #include "app/main_window.h"
-#include "app/menu.h"
+#include "app/services/menu.h"
 #include "app/startup.h"
 #include "io/raw_volume_file.h"
 #include "support/gui_support.h"

@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
+#include "app/services/app_state.h"
+#include "app/services/dialogs.h"
 #include "app/gradient_check_menu.h"
 #include "app/startup.h"
 #include "io/raw_volume_file.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
+#include "app/services/app_state.h"
+#include "app/services/dialogs.h"
 #include "app/startup.h"
 #include "support/test_support.h"
 

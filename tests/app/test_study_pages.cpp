@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "app/app_state.h"
-#include "app/dialogs.h"
+#include "app/services/app_state.h"
+#include "app/services/dialogs.h"
 #include "app/main_window.h"
 #include "app/object_commands.h"
 #include "app/startup.h"

@@ -13,9 +13,9 @@
 #include <string>
 #include <thread>
 
-#include "app/app_state.h"
+#include "app/services/app_state.h"
 #include "app/commands.h"
-#include "app/dialogs.h"
+#include "app/services/dialogs.h"
 #include "app/startup.h"
 #include "io/raw_volume_file.h"
 #include "ipc/ipc.h"

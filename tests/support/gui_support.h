@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "app/dialogs.h"
+#include "app/services/dialogs.h"
 
 namespace quorix_test {
 

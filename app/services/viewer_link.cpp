@@ -1,4 +1,4 @@
-#include "app/viewer_link.h"
+#include "app/services/viewer_link.h"
 
 #include <chrono>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "app/menu.h"
+#include "app/services/menu.h"
 
 #include <cstdio>
 #include <cstring>

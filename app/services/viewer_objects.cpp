@@ -1,11 +1,11 @@
-#include "app/viewer_objects.h"
+#include "app/services/viewer_objects.h"
 
 #include <cstdio>
 #include <map>
 
-#include "app/app_state.h"
-#include "app/main_window.h"
-#include "app/viewer_link.h"
+#include "app/services/app_state.h"
+#include "app/services/status_line.h"
+#include "app/services/viewer_link.h"
 #include "ipc/ipc.h"
 #include "study/roi_edit.h"
 

@@ -8,11 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "app/menu.h"
+#include "app/services/menu.h"
 #include "dti/dti_data.h"
 #include "study/work_session.h"
-#include "view/view_context.h"
 #include "vol/raw_volume.h"
+
+struct PcdViewContext;  // the views' drawing context (view/view_context.h)
 
 constexpr int32_t kPcdLevelSettingDefault = 254;
 
@@ -72,5 +73,8 @@ extern PcdAppState* pcd_app;
 // Allocates the record with its start-up values and makes it pcd_app. Null when memory
 // runs out (pcd_app is then null too).
 PcdAppState* PCD_NewAppState();
+// True when the DTI data's MPG setting is ready.
+bool PCD_MpgReady();
+
 // Frees pcd_app (only the record: its resources are released by clean-up first).
 void PCD_DeleteAppState();

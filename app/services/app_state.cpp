@@ -1,4 +1,4 @@
-#include "app/app_state.h"
+#include "app/services/app_state.h"
 
 #include <new>
 
@@ -15,3 +15,5 @@ void PCD_DeleteAppState() {
   delete pcd_app;
   pcd_app = nullptr;
 }
+
+bool PCD_MpgReady() { return pcd_app && pcd_app->session.dti && pcd_app->session.dti->isReady == 1; }

@@ -18,6 +18,7 @@ constexpr int kPcdDialogCancel = 0;  // every other answer
 constexpr int kPcdFileChosen = GTK_RESPONSE_ACCEPT;  // the file chooser's confirming answer
 
 constexpr char kPcdNoticeTitle[] = "Important Notice";
+constexpr char kPcdNotImplemented[] = "Not implemented yet.";
 constexpr char kPcdWarningTitle[] = "Warning";
 
 enum class PcdDialogKind { Notice, Confirm, Value, OpenFile, SaveFile, SelectFolder, About };

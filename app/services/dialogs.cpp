@@ -1,4 +1,4 @@
-#include "app/dialogs.h"
+#include "app/services/dialogs.h"
 
 #include <cstdio>
 #include <thread>
