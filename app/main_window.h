@@ -23,5 +23,10 @@ void PCD_SetStatus(const char* text);
 // Replaces the memo widget's content with pcd_app->memo.
 void PCD_RefreshMemo();
 
+// Gives a field the text of the label beside it (spaces and colons trimmed) as its
+// accessible name, so that screen readers, and tests that drive the program through
+// accessibility, tell the fields apart.
+void PCD_SetAccessibleName(GtkWidget* field, const char* label);
+
 // Leaves the toolkit's main loop if one is running.
 void PCD_LeaveMainLoop();
