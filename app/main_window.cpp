@@ -91,7 +91,7 @@ bool PCD_BuildMainWindow() {
   g_signal_connect(app->window, "destroy", G_CALLBACK(on_window_destroy), nullptr);
   g_signal_connect(app->window, "key-press-event", G_CALLBACK(on_window_key_press), nullptr);
   gtk_widget_set_size_request(app->window, kPcdWindowWidth, kPcdWindowHeight);
-  gtk_window_set_default_size(GTK_WINDOW(app->window), kPcdWindowWidth, kPcdWindowHeight);
+  gtk_window_set_default_size(GTK_WINDOW(app->window), kPcdWindowDefaultWidth, kPcdWindowHeight);
   gtk_window_set_title(GTK_WINDOW(app->window), kPcdWindowTitle);
 
   app->vbox = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);

@@ -712,6 +712,23 @@ TEST(SliceViews, ChannelsOpenInTheirOwnWindowAndTypedRoisRedrawAtOnce) {
   EXPECT_GT(nearNew, 0);
   Drain();
   SaveShot(pcd_views->window, "views-typed-sphere.png");
+
+  // the study list shows its labels whole: the label column lies inside the visible
+  // part of the list and is as wide as each label's text
+  GtkTreeView* list = GTK_TREE_VIEW(PCD_GetStudyPerformer()->list);
+  GtkTreeViewColumn* labels = gtk_tree_view_get_column(list, 4);
+  ASSERT_NE(labels, nullptr);
+  GdkRectangle shown;
+  gtk_tree_view_get_visible_rect(list, &shown);
+  EXPECT_LE(gtk_tree_view_column_get_x_offset(labels) + gtk_tree_view_column_get_width(labels), shown.width);
+  ASSERT_FALSE(pcd_app->session.studies.items.empty());
+  for (const auto& study : pcd_app->session.studies.items) {
+    PangoLayout* layout = gtk_widget_create_pango_layout(GTK_WIDGET(list), study->label);
+    int width = 0, height = 0;
+    pango_layout_get_pixel_size(layout, &width, &height);
+    g_object_unref(layout);
+    EXPECT_GE(gtk_tree_view_column_get_width(labels), width) << study->label;
+  }
 }
 
 }  // namespace
