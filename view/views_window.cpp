@@ -605,6 +605,18 @@ void PCDview_SetCursor(const PcdIntVector3D& cursor, bool tellViewer) {
   QueueDraw();
 }
 
+void PCDview_SetBoxVoi(const PcdIntVector3D& origin, const PcdIntSize3D& size) {
+  if (!pcd_views) return;
+  FollowDataSet();
+  const PcdIntVector3D first = Clamped(origin);
+  const PcdIntVector3D last = Clamped({origin.x + std::max(1, size.x) - 1, origin.y + std::max(1, size.y) - 1,
+                                       origin.z + std::max(1, size.z) - 1});
+  pcd_views->boxOrigin = first;
+  pcd_views->boxSize = {last.x - first.x + 1, last.y - first.y + 1, last.z - first.z + 1};
+  pcd_viewer_send_region(&pcd_views->boxOrigin, &pcd_views->boxSize);
+  QueueDraw();
+}
+
 void PCDview_SetChannel(int32_t channel) {
   if (!pcd_views) return;
   FollowDataSet();

@@ -80,6 +80,9 @@ void PCDview_Redraw();
 // Moves the cursor (clamped to the volume), redraws, writes the status line and, when
 // asked, sends the position to the viewer (request 464).
 void PCDview_SetCursor(const PcdIntVector3D& cursor, bool tellViewer);
+// Sets the box VOI (clipped to the volume), shows it and sends it to the viewer, as a
+// Ctrl-drag in a pane does.
+void PCDview_SetBoxVoi(const PcdIntVector3D& origin, const PcdIntSize3D& size);
 // The channel shown (clamped to the volume's channels).
 void PCDview_SetChannel(int32_t channel);
 int32_t PCDview_GetChannel();
