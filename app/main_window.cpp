@@ -1,5 +1,7 @@
 #include "app/main_window.h"
 
+#include <string>
+
 #include "app/app_state.h"
 #include "app/commands.h"
 #include "app/dialogs.h"
@@ -89,7 +91,7 @@ bool PCD_BuildMainWindow() {
   g_signal_connect(app->window, "destroy", G_CALLBACK(on_window_destroy), nullptr);
   g_signal_connect(app->window, "key-press-event", G_CALLBACK(on_window_key_press), nullptr);
   gtk_widget_set_size_request(app->window, kPcdWindowWidth, kPcdWindowHeight);
-  gtk_window_set_default_size(GTK_WINDOW(app->window), kPcdWindowWidth, kPcdWindowHeight);
+  gtk_window_set_default_size(GTK_WINDOW(app->window), kPcdWindowDefaultWidth, kPcdWindowHeight);
   gtk_window_set_title(GTK_WINDOW(app->window), kPcdWindowTitle);
 
   app->vbox = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
@@ -150,4 +152,14 @@ void PCD_RefreshMemo() {
 
 void PCD_LeaveMainLoop() {
   if (gtk_main_level() > 0) gtk_main_quit();
+}
+
+void PCD_SetAccessibleName(GtkWidget* field, const char* label) {
+  if (field == nullptr || label == nullptr) return;
+  std::string name = label;
+  const auto trimmed = [](char c) { return c == ' ' || c == ':' || c == '\t'; };
+  while (!name.empty() && trimmed(name.back())) name.pop_back();
+  size_t first = 0;
+  while (first < name.size() && trimmed(name[first])) ++first;
+  atk_object_set_name(gtk_widget_get_accessible(field), name.substr(first).c_str());
 }

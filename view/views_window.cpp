@@ -137,6 +137,7 @@ void FollowDataSet() {
   v->boxOrigin = {0, 0, 0};
   v->boxSize = {s.x, s.y, s.z};
   v->channelIndex = std::clamp(v->channelIndex, 0, std::max(0, s.channels - 1));
+  v->greyWindows.clear();
   PCDview_ClearRoiEditHistory(&v->history);
   PCDview_DropAllStudyFibers();
   PCDview_DropAllStudyGlyphs();
@@ -365,6 +366,7 @@ GtkWidget* Spin(double lower, double upper, double step, int digits, double valu
 GtkWidget* Labelled(GtkWidget* box, const char* label, GtkWidget* control) {
   GtkWidget* hbox = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 2);
   gtk_box_pack_start(GTK_BOX(hbox), gtk_label_new(label), FALSE, FALSE, 0);
+  PCD_SetAccessibleName(control, label);
   gtk_box_pack_start(GTK_BOX(hbox), control, FALSE, FALSE, 0);
   gtk_box_pack_start(GTK_BOX(box), hbox, FALSE, FALSE, 2);
   return hbox;
@@ -395,6 +397,13 @@ GtkWidget* BuildPane(PcdViewPane* p, int32_t firstKind) {
   Labelled(controls, "radius", p->radius);
   for (GtkWidget* w : {p->tilt, p->turn, p->radius}) g_signal_connect(w, "value-changed", G_CALLBACK(on_oblique_changed), p);
   g_signal_connect(p->alongE1, "toggled", G_CALLBACK(on_oblique_changed), p);
+  // four panes have the same controls: their names say which pane
+  const std::string pane = "pane " + std::to_string(p->index + 1) + " ";
+  PCD_SetAccessibleName(p->slice, (pane + "slice").c_str());
+  PCD_SetAccessibleName(p->tilt, (pane + "tilt").c_str());
+  PCD_SetAccessibleName(p->turn, (pane + "turn").c_str());
+  PCD_SetAccessibleName(p->radius, (pane + "radius").c_str());
+  PCD_SetAccessibleName(p->zoom, (pane + "zoom").c_str());
   gtk_box_pack_start(GTK_BOX(p->box), controls, FALSE, FALSE, 0);
 
   p->area = gtk_drawing_area_new();
@@ -545,14 +554,15 @@ PcdSliceScene PCDview_GetScene(const PcdViewPane* p) {
   const PcdViewsState* v = pcd_views;
   if (pcd_app) {
     scene.volume = pcd_app->session.volume;
-    scene.greyHigh = float(pcd_app->levelSetting);
     scene.greyMax = pcd_app->greyMax;
     const PcdDtiData* dti = pcd_app->session.dti;
     if (dti && dti->reserved > 0) scene.voxelMm = {dti->reserved, dti->reserved, dti->reserved};
   }
   scene.channel = v->channelIndex;
   scene.cursor = v->cursor;
-  scene.greyLow = v->greyLow;
+  const PcdGreyWindow grey = PCDview_GetGreyWindow(v->channelIndex);
+  scene.greyLow = grey.low;
+  scene.greyHigh = grey.high;
   scene.voxelsPerPixel = VoxelsPerPixel(p->pane.zoom);
   float fa = 0, adc = 0;
   if (p->pane.kind == PCD_PANE_OBLIQUE && p->pane.obliqueAlongE1) TensorAt(v->cursor, &fa, &adc, &scene.e1);
@@ -595,6 +605,18 @@ void PCDview_SetCursor(const PcdIntVector3D& cursor, bool tellViewer) {
   QueueDraw();
 }
 
+void PCDview_SetBoxVoi(const PcdIntVector3D& origin, const PcdIntSize3D& size) {
+  if (!pcd_views) return;
+  FollowDataSet();
+  const PcdIntVector3D first = Clamped(origin);
+  const PcdIntVector3D last = Clamped({origin.x + std::max(1, size.x) - 1, origin.y + std::max(1, size.y) - 1,
+                                       origin.z + std::max(1, size.z) - 1});
+  pcd_views->boxOrigin = first;
+  pcd_views->boxSize = {last.x - first.x + 1, last.y - first.y + 1, last.z - first.z + 1};
+  pcd_viewer_send_region(&pcd_views->boxOrigin, &pcd_views->boxSize);
+  QueueDraw();
+}
+
 void PCDview_SetChannel(int32_t channel) {
   if (!pcd_views) return;
   FollowDataSet();
@@ -602,6 +624,44 @@ void PCDview_SetChannel(int32_t channel) {
   pcd_views->channelIndex = std::clamp(channel, 0, std::max(0, s.channels - 1));
   UpdateControls();
   PCD_SetStatus(PCDview_DescribeCursor().c_str());
+  QueueDraw();
+}
+
+namespace {
+
+// The slot of a channel's window, fitted afresh when the channel is new or was replaced.
+PcdGreyWindow* GreyWindowSlot(int32_t channel) {
+  const PcdRawVolumeData* volume = pcd_app ? pcd_app->session.volume : nullptr;
+  if (!pcd_views || !volume || !volume->matrixSize || channel < 0 || channel >= volume->matrixSize->channels)
+    return nullptr;
+  std::vector<PcdGreyWindow>& windows = pcd_views->greyWindows;
+  if (windows.size() < size_t(volume->matrixSize->channels)) windows.resize(size_t(volume->matrixSize->channels));
+  PcdGreyWindow& w = windows[size_t(channel)];
+  if (w.data != volume->data[channel]) {
+    w = PcdGreyWindow{};
+    w.data = volume->data[channel];
+    w.high = float(pcd_app->levelSetting);  // an empty or colour channel keeps the plain mapping
+    PCDview_FitGreyMapping(volume, channel, &w.low, &w.high, 0.01, 0.99);
+  }
+  return &w;
+}
+
+}  // namespace
+
+PcdGreyWindow PCDview_GetGreyWindow(int32_t channel) {
+  const PcdGreyWindow* w = GreyWindowSlot(channel);
+  if (w) return *w;
+  PcdGreyWindow plain;
+  plain.high = pcd_app ? float(pcd_app->levelSetting) : 254.0f;
+  return plain;
+}
+
+void PCDview_SetGreyWindow(int32_t channel, float low, float high) {
+  PcdGreyWindow* w = GreyWindowSlot(channel);
+  if (!w) return;
+  w->low = low;
+  w->high = high > low ? high : low + 1.0f;
+  w->adjusted = true;
   QueueDraw();
 }
 

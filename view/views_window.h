@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "app/menu.h"
 #include "view/pane_render.h"
@@ -43,6 +44,15 @@ struct PcdViewPane {
   std::vector<PcdVector2D> contour;
 };
 
+// How one channel's values become greys: the user's adjustment once there is one, else
+// a window fitted to the channel's own values when it is first shown. data is the
+// channel's samples the window was made for (a channel computed anew is fitted anew).
+struct PcdGreyWindow {
+  float low = 0.0f, high = 0.0f;
+  const void* data = nullptr;
+  bool adjusted = false;
+};
+
 struct PcdViewsState {
   GtkWidget* window = nullptr;
   GtkWidget* channel = nullptr;  // shown channel (1-based in the spin button)
@@ -50,7 +60,7 @@ struct PcdViewsState {
   PcdViewPane panes[kPcdViewPaneCount];
   PcdIntVector3D cursor{0, 0, 0};
   int32_t channelIndex = 0;
-  float greyLow = 0.0f;
+  std::vector<PcdGreyWindow> greyWindows;  // by channel of the shown data set
   PcdIntVector3D boxOrigin{0, 0, 0};
   PcdIntSize3D boxSize{0, 0, 0};
   PcdRoiEditHistory history;
@@ -70,9 +80,17 @@ void PCDview_Redraw();
 // Moves the cursor (clamped to the volume), redraws, writes the status line and, when
 // asked, sends the position to the viewer (request 464).
 void PCDview_SetCursor(const PcdIntVector3D& cursor, bool tellViewer);
+// Sets the box VOI (clipped to the volume), shows it and sends it to the viewer, as a
+// Ctrl-drag in a pane does.
+void PCDview_SetBoxVoi(const PcdIntVector3D& origin, const PcdIntSize3D& size);
 // The channel shown (clamped to the volume's channels).
 void PCDview_SetChannel(int32_t channel);
 int32_t PCDview_GetChannel();
+// The grey window of a channel: the user's adjustment, else 1 % .. 99 % of the channel's
+// non-zero values, fitted once (so a 16-bit So of 8000 is not a white blob).
+PcdGreyWindow PCDview_GetGreyWindow(int32_t channel);
+// The user's adjustment of a channel's window, kept while the channel is there.
+void PCDview_SetGreyWindow(int32_t channel, float low, float high);
 // The status line text for the cursor: voxel, value and, with a ready data set, FA, ADC
 // and e1 there.
 std::string PCDview_DescribeCursor();

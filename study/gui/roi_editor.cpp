@@ -5,8 +5,10 @@
 #include <string>
 
 #include "app/app_state.h"
+#include "app/main_window.h"
 #include "app/viewer_objects.h"
 #include "study/roi_edit.h"
+#include "view/views_window.h"
 
 namespace {
 
@@ -160,6 +162,7 @@ GtkWidget* PCD_BuildRoiEditorPage() {
   g_signal_connect(e->visible, "toggled", G_CALLBACK(on_visible_toggled), nullptr);
   gtk_box_pack_start(GTK_BOX(e->page), e->visible, FALSE, FALSE, 0);
   e->label = gtk_entry_new();
+  PCD_SetAccessibleName(e->label, "ROI label");
   g_signal_connect(e->label, "changed", G_CALLBACK(on_label_changed), nullptr);
   gtk_box_pack_start(GTK_BOX(e->page), e->label, FALSE, FALSE, 0);
 
@@ -197,6 +200,7 @@ void PCD_RefreshRoiEditor() {
   PCD_SelectListId(e->list, kColId, roi ? roi->id : kPcdNoObject);
   e->filling = false;
   load_editors(e, roi);
+  PCDview_Redraw();  // a list that changed (new, deleted, loaded ROIs) shows in the panes at once
 }
 
 void PCD_SelectRoi(uint16_t id) {
@@ -219,4 +223,5 @@ void pcd_roi_changed_by_editor() {
   if (e == nullptr || e->filling) return;
   fill_summary(e, PCD_FindRoiObject(rois(), e->shownId));
   PCD_AutoUpdateRoi3DObjects();
+  PCDview_Redraw();  // a typed centre or radius moves the drawn ROI now
 }

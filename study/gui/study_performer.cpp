@@ -123,6 +123,7 @@ GtkWidget* PCD_BuildStudyPerformerPage() {
   g_signal_connect(p->visible, "released", G_CALLBACK(on_visible_released), nullptr);
   gtk_box_pack_start(GTK_BOX(row), p->visible, FALSE, FALSE, 0);
   p->label = gtk_entry_new();
+  PCD_SetAccessibleName(p->label, "study label");
   g_signal_connect(p->label, "changed", G_CALLBACK(on_label_changed), nullptr);
   gtk_box_pack_start(GTK_BOX(row), p->label, TRUE, TRUE, 0);
   gtk_box_pack_start(GTK_BOX(top), row, FALSE, FALSE, 0);
@@ -174,6 +175,7 @@ void PCD_RefreshStudyPerformer() {
   PCD_SelectListId(p->list, kColId, study ? study->id : kPcdNoObject);
   p->filling = false;
   load_panel(p, study);
+  PCDview_Redraw();  // regions, visibility and results of the listed studies show at once
 }
 
 void PCD_SelectStudy(uint16_t id) {
