@@ -176,6 +176,13 @@ void PCD_RefreshStudyPerformer() {
   load_panel(p, study);
 }
 
+void PCD_ReloadStudyPanel() {
+  PcdStudyPerformer* p = PCD_GetStudyPerformer();
+  if (p == nullptr || p->filling) return;
+  PCD_StoreStudyPanel();
+  load_panel(p, PCD_FindStudyObject(studies(), p->shownId));
+}
+
 void PCD_SelectStudy(uint16_t id) {
   PCD_StoreStudyPanel();
   if (PCD_FindStudyObject(studies(), id) == nullptr) return;
