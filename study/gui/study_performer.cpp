@@ -67,7 +67,10 @@ void on_row_selected(GtkTreeSelection*, gpointer) {
   PcdStudyPerformer* p = PCD_GetStudyPerformer();
   if (p == nullptr || p->filling) return;
   const uint16_t id = PCD_GetSelectedListId(p->list, kColId);
-  if (id != kPcdNoObject && id != p->shownId) PCD_SelectStudy(id);
+  if (id != kPcdNoObject && id != p->shownId) {
+    PCD_SelectStudy(id);
+    PCDview_Redraw();  // the views show the selected study's drawn regions
+  }
 }
 
 void on_label_changed(GtkEditable*, gpointer) {

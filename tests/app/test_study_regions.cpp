@@ -192,6 +192,15 @@ bool RadioOn(GtkWidget* page, const char* label) {
   return b != nullptr && gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(b));
 }
 
+void ClickRadio(GtkWidget* page, const char* label) {
+  GtkWidget* b = Find(page, [label](GtkWidget* w) {
+    return GTK_IS_RADIO_BUTTON(w) && gtk_button_get_label(GTK_BUTTON(w)) &&
+           std::string(gtk_button_get_label(GTK_BUTTON(w))) == label;
+  });
+  ASSERT_NE(b, nullptr) << label;
+  gtk_button_clicked(GTK_BUTTON(b));
+}
+
 // Ticks the "Use" box of a region page's ROI list in row n, as a click on it does.
 void TickRoi(GtkWidget* page, int n) {
   GtkWidget* list = Find(page, [](GtkWidget* w) { return GTK_IS_TREE_VIEW(w); });
@@ -456,8 +465,29 @@ TEST(SliceViews, StatisticsAndProfilesOverDrawnRoisAndDrawnRegions) {
   Analyze();
   summary = PCD_GetStudySummary(profile);
   EXPECT_NE(summary.find("/33 ("), std::string::npos) << summary;
+
+  // its region made "Freehand" in the panel, then drawn with a palette as a contour
+  // around the voxels x 4..11, y 14..16 of slice 5 on the x bundle: 24 symbols
+  GtkWidget* profileRoi = PanelPage(PCD_STUDY_DIFFUSION_PROFILE, 0);
+  ClickRadio(profileRoi, "Freehand");
+  PutCursor(8, 15, 5);
+  gtk_combo_box_set_active(GTK_COMBO_BOX(pcd_views->palette), 3);  // "avoidance": any palette will do
+  const double l = w + (4.2 - kX / 2.0) * kPixels, r = w + (11.8 - kX / 2.0) * kPixels;
+  const double t = h + (14.2 - kY / 2.0) * kPixels, b = h + (16.8 - kY / 2.0) * kPixels;
+  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, l, t);
+  SendMotion(Pane(0)->area, r, t);
+  SendMotion(Pane(0)->area, r, b);
+  SendMotion(Pane(0)->area, l, b);
+  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, l, b);
+  Drain(100);
+  EXPECT_EQ(profile->profile->region.kind, kPcdRegionFreehand);
+  EXPECT_EQ(profile->profile->region.shape->points.size(), 24u);
+  EXPECT_TRUE(RadioOn(profileRoi, "Freehand"));
+  Analyze();
+  summary = PCD_GetStudySummary(profile);
+  EXPECT_NE(summary.find("/24 ("), std::string::npos) << summary;
   PCDview_SetChannel(kColourChannel);
-  SaveShot(pcd_views->window, "regions-profile-listed.png");
+  SaveShot(pcd_views->window, "regions-profile-freehand.png");
 }
 
 }  // namespace
