@@ -331,6 +331,7 @@ int PCDview_SetRegionFreehand(PcdStudyObject* study, int32_t index, const PcdInt
   const int n = SetShapeFreehand(shape.get(), volume, g, contour);
   if (n < 0) return n;  // the region stays as it was
   region = DrawnRegion(study, index, kPcdRegionFreehand);
+  if (region == nullptr) return -1;
   region->shape = std::move(shape);
   return n;
 }

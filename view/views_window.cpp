@@ -204,7 +204,7 @@ void Continue(PcdViewPane* p, double x, double y) {
       p->contour.push_back({float(x), float(y)});
       break;
     case PcdViewPane::Gesture::RegionSphere: {
-      PcdStudyObject* study = PCD_FindStudyObject(&pcd_app->session.studies, p->regionStudy);
+      PcdStudyObject* study = pcd_app ? PCD_FindStudyObject(&pcd_app->session.studies, p->regionStudy) : nullptr;
       const PcdStudyRegion* region = PCD_GetStudyRegion(study, p->region);
       if (region == nullptr || !region->shape) return;
       const PcdVector3D c = region->shape->centre;
