@@ -79,6 +79,11 @@ gboolean on_window_key_press(GtkWidget* window, GdkEventKey* event, gpointer) {
   return FALSE;  // the window's own handling: accelerators, mnemonics, then the focus
 }
 
+// Back on the study performer, the region pages list the ROIs drawn in the meantime.
+void on_page_switched(GtkNotebook*, GtkWidget* page, guint, gpointer) {
+  if (pcd_app && page == pcd_app->studyPage) PCD_ReloadStudyPanel();
+}
+
 void append_page(GtkWidget* notebook, GtkWidget* page, const char* label) {
   gtk_notebook_append_page(GTK_NOTEBOOK(notebook), page, gtk_label_new(label));
 }
@@ -118,6 +123,7 @@ bool PCD_BuildMainWindow() {
   append_page(app->notebook, app->studyPage, kPcdStudyPageLabel);
   append_page(app->notebook, app->roiPage, kPcdRoiPageLabel);
   append_page(app->notebook, app->utilityPage, kPcdUtilityPageLabel);
+  g_signal_connect(app->notebook, "switch-page", G_CALLBACK(on_page_switched), nullptr);
   gtk_box_pack_start(GTK_BOX(app->vbox), app->notebook, TRUE, TRUE, 0);
 
   app->statusLabel = gtk_label_new("");

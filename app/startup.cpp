@@ -88,7 +88,13 @@ int PCD_InitializeApplication(int argc, char** argv) {
   PCDview_OpenViewsWindow();
   // what the mouse draws in the views shows at once in the ROI editor's list and controls
   pcd_view_roi_edited = [](PcdRoiObject*) { PCD_RefreshRoiEditor(); };
-  pcd_view_rois_added = [] { PCD_RefreshRoiEditor(); };
+  pcd_view_rois_added = [] {
+    PCD_RefreshRoiEditor();
+    PCD_ReloadStudyPanel();
+  };
+  // and a study region drawn there in the study performer's panel
+  pcd_view_study_edit_begins = [] { PCD_StoreStudyPanel(); };
+  pcd_view_study_edited = [](PcdStudyObject*) { PCD_RefreshStudyPerformer(); };
   PCD_ConnectCoreNotices();
   PCD_RefreshMemo();
   PCD_RefreshStudyPerformer();

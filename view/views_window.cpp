@@ -15,6 +15,8 @@
 PcdViewsState* pcd_views = nullptr;
 std::function<void(PcdRoiObject*)> pcd_view_roi_edited;
 std::function<void()> pcd_view_rois_added;
+std::function<void()> pcd_view_study_edit_begins;
+std::function<void(PcdStudyObject*)> pcd_view_study_edited;
 
 namespace {
 
@@ -199,8 +201,19 @@ void Continue(PcdViewPane* p, double x, double y) {
       break;
     }
     case PcdViewPane::Gesture::Freehand:
+    case PcdViewPane::Gesture::RegionFreehand:
       p->contour.push_back({float(x), float(y)});
       break;
+    case PcdViewPane::Gesture::RegionSphere: {
+      PcdStudyObject* study = pcd_app ? PCD_FindStudyObject(&pcd_app->session.studies, p->regionStudy) : nullptr;
+      const PcdStudyRegion* region = PCD_GetStudyRegion(study, p->region);
+      if (region == nullptr || !region->shape) return;
+      const PcdVector3D c = region->shape->centre;
+      const double r = std::sqrt(double(at.x - c.x) * (at.x - c.x) + double(at.y - c.y) * (at.y - c.y) +
+                                 double(at.z - c.z) * (at.z - c.z));
+      PCDview_SetRegionSphere(study, p->region, c, float(r));
+      break;
+    }
     case PcdViewPane::Gesture::Paint:
     case PcdViewPane::Gesture::Erase:
       if (!roi) return;
@@ -228,6 +241,16 @@ void Finish(PcdViewPane* p, double x, double y) {
     QueueDraw();
     return;
   }
+  if (gesture == PcdViewPane::Gesture::RegionSphere || gesture == PcdViewPane::Gesture::RegionFreehand) {
+    PcdStudyObject* study = PCD_FindStudyObject(&pcd_app->session.studies, p->regionStudy);
+    if (study && gesture == PcdViewPane::Gesture::RegionFreehand)
+      PCDview_SetRegionFreehand(study, p->region, VolumeSize3(), p->geometry, p->contour);
+    p->contour.clear();
+    PCDview_EndRegionEdit(&v->history, study);
+    if (study && pcd_view_study_edited) pcd_view_study_edited(study);
+    QueueDraw();
+    return;
+  }
   PcdRoiObject* roi = PCD_GetSelectedRoiObject(&pcd_app->session.rois);
   if (gesture == PcdViewPane::Gesture::Freehand && roi)
     PCDview_SetRoiFreehand(roi, VolumeSize3(), p->geometry, p->contour);
@@ -235,6 +258,31 @@ void Finish(PcdViewPane* p, double x, double y) {
   PCDview_EndRoiEdit(&v->history, roi);
   if (roi && pcd_view_roi_edited) pcd_view_roi_edited(roi);
   QueueDraw();
+}
+
+// With a study region palette chosen, a press starts drawing the selected study's
+// region of that palette: a freehand region takes a contour (in an axis-aligned pane),
+// any other becomes a sphere centred on the pressed voxel. False when there is nothing to
+// draw (no palette, no study, no such region).
+bool StartRegion(PcdViewPane* p, GdkEventButton* event, const PcdVector3D& at) {
+  PcdViewsState* v = pcd_views;
+  if (!pcd_app || v->regionPalette < 0) return false;
+  if (pcd_view_study_edit_begins) pcd_view_study_edit_begins();  // the panel's values first
+  PcdStudyObject* study = PCD_GetSelectedStudyObject(&pcd_app->session.studies);
+  const int32_t region = PCDview_RegionOfPalette(study, v->regionPalette);
+  if (region < 0 || !PCDview_BeginRegionEdit(&v->history, study, region)) return false;
+  p->regionStudy = study->id;
+  p->region = region;
+  if (PCDview_DrawnRegionKind(study, region) == kPcdRegionFreehand && PCDview_PaneNormalAxis(p->pane.kind) >= 0) {
+    p->contour.assign(1, PcdVector2D{float(event->x), float(event->y)});
+    p->gesture = PcdViewPane::Gesture::RegionFreehand;
+    return true;
+  }
+  const PcdIntVector3D c = Floor(at);
+  PCDview_SetRegionSphere(study, region, {c.x + 0.5f, c.y + 0.5f, c.z + 0.5f}, 1.0f);
+  p->gesture = PcdViewPane::Gesture::RegionSphere;
+  Continue(p, event->x, event->y);
+  return true;
 }
 
 // A press starts a gesture: Ctrl drags the box VOI; with the ROI editor current the
@@ -250,6 +298,7 @@ void Start(PcdViewPane* p, GdkEventButton* event) {
     QueueDraw();
     return;
   }
+  if (!RoiEditorIsCurrent() && planar && StartRegion(p, event, at)) return;
   PcdRoiObject* roi = pcd_app ? PCD_GetSelectedRoiObject(&pcd_app->session.rois) : nullptr;
   if (RoiEditorIsCurrent() && roi && planar && roi->shape) {
     if (!PCDview_BeginRoiEdit(&v->history, roi)) {
@@ -451,6 +500,10 @@ void on_views_destroy(GtkWidget*, gpointer) {
 
 void on_palette_clicked(GtkButton*, gpointer) { PCDview_OpenPaletteFrame(); }
 
+void on_region_palette_changed(GtkComboBox* combo, gpointer) {
+  if (pcd_views) pcd_views->regionPalette = gtk_combo_box_get_active(combo) - 1;  // "none" first
+}
+
 // The tensor at a voxel when the data set is ready for it (quietly: the status line asks
 // on every click, the console is not the place for the answer).
 bool TensorAt(const PcdIntVector3D& c, float* fa, float* adc, PcdVector3D* e1) {
@@ -491,6 +544,13 @@ bool PCDview_OpenViewsWindow() {
   g_signal_connect(v->channel, "value-changed", G_CALLBACK(on_channel_changed), nullptr);
   v->brush = Spin(0.5, 20, 0.5, 1, 1.5);
   Labelled(bar, "brush", v->brush);
+  // the study region palettes, as in the ROI palette frame
+  v->palette = gtk_combo_box_text_new();
+  for (const char* label : {"none", "seed", "target", "avoidance"})
+    gtk_combo_box_text_append_text(GTK_COMBO_BOX_TEXT(v->palette), label);
+  gtk_combo_box_set_active(GTK_COMBO_BOX(v->palette), 0);
+  g_signal_connect(v->palette, "changed", G_CALLBACK(on_region_palette_changed), nullptr);
+  Labelled(bar, "study region", v->palette);
   GtkWidget* palette = gtk_button_new_with_label("ROI palette frame");
   g_signal_connect(palette, "clicked", G_CALLBACK(on_palette_clicked), nullptr);
   gtk_box_pack_end(GTK_BOX(bar), palette, FALSE, FALSE, 0);
@@ -581,6 +641,8 @@ void PCDview_RenderPaneImage(PcdViewPane* p) {
   PcdPaneOverlays overlays;
   if (pcd_app) {
     overlays.rois = &pcd_app->session.rois;
+    PCDview_GetRegionOverlays(PCD_GetSelectedStudyObject(&pcd_app->session.studies), &pcd_views->regionOverlays);
+    overlays.regions = &pcd_views->regionOverlays;
     for (const auto& study : pcd_app->session.studies.items)
       if (study && study->visible == 1) {
         overlays.fibers.push_back(PCDview_GetStudyFibers(study->id));
@@ -692,18 +754,41 @@ std::string PCDview_DescribeCursor() {
   return text;
 }
 
-bool PCDview_Undo() {
-  if (!pcd_views || !pcd_app || !PCDview_UndoRoiEdit(&pcd_views->history, &pcd_app->session.rois)) return false;
-  if (pcd_view_roi_edited) pcd_view_roi_edited(PCD_GetSelectedRoiObject(&pcd_app->session.rois));
+namespace {
+
+// After an undo or redo: the page that shows what changed shows it again.
+void AfterHistoryStep(bool studied) {
+  if (studied) {
+    if (pcd_view_study_edited) pcd_view_study_edited(PCD_GetSelectedStudyObject(&pcd_app->session.studies));
+  } else if (pcd_view_roi_edited) {
+    pcd_view_roi_edited(PCD_GetSelectedRoiObject(&pcd_app->session.rois));
+  }
   QueueDraw();
+}
+
+}  // namespace
+
+bool PCDview_Undo() {
+  bool studied = false;
+  if (!pcd_views || !pcd_app ||
+      !PCDview_UndoRoiEdit(&pcd_views->history, &pcd_app->session.rois, &pcd_app->session.studies, &studied))
+    return false;
+  AfterHistoryStep(studied);
   return true;
 }
 
 bool PCDview_Redo() {
-  if (!pcd_views || !pcd_app || !PCDview_RedoRoiEdit(&pcd_views->history, &pcd_app->session.rois)) return false;
-  if (pcd_view_roi_edited) pcd_view_roi_edited(PCD_GetSelectedRoiObject(&pcd_app->session.rois));
-  QueueDraw();
+  bool studied = false;
+  if (!pcd_views || !pcd_app ||
+      !PCDview_RedoRoiEdit(&pcd_views->history, &pcd_app->session.rois, &pcd_app->session.studies, &studied))
+    return false;
+  AfterHistoryStep(studied);
   return true;
+}
+
+void PCDview_SetRegionPalette(int32_t palette) {
+  if (!pcd_views) return;
+  gtk_combo_box_set_active(GTK_COMBO_BOX(pcd_views->palette), std::clamp(palette, -1, 2) + 1);
 }
 
 bool PCDview_SavePanePng(const PcdViewPane* p, const char* path) {

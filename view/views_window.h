@@ -2,7 +2,9 @@
 // sagittal, coronal and oblique), each with its own 8-entry menu bar, slice and zoom
 // controls, sharing one 3D cursor, the shown channel and the grey mapping. A click moves
 // the cursor in every pane and tells the viewer; while the ROI editor is the current page
-// the mouse draws the selected ROI instead.
+// the mouse draws the selected ROI instead, and while a study region palette (seed,
+// target, avoidance) is chosen elsewhere it draws the selected study's region: a sphere
+// by a drag from its centre, or a closed contour when the region is a freehand one.
 #pragma once
 
 #include <gtk/gtk.h>
@@ -39,8 +41,11 @@ struct PcdViewPane {
   PcdGreyTable table;
   PcdPaneGeometry geometry;
   // a mouse gesture under way
-  enum class Gesture { None, Sphere, Freehand, Paint, Erase, Box } gesture = Gesture::None;
+  enum class Gesture { None, Sphere, Freehand, Paint, Erase, Box, RegionSphere, RegionFreehand } gesture =
+      Gesture::None;
   PcdVector3D pressVoxel{0, 0, 0};
+  uint16_t regionStudy = kPcdNoObject;  // the study and region being drawn
+  int32_t region = -1;
   std::vector<PcdVector2D> contour;
 };
 
@@ -57,6 +62,9 @@ struct PcdViewsState {
   GtkWidget* window = nullptr;
   GtkWidget* channel = nullptr;  // shown channel (1-based in the spin button)
   GtkWidget* brush = nullptr;    // brush radius for voxel groups, voxels
+  GtkWidget* palette = nullptr;  // the study region palette: none, seed, target, avoidance
+  int32_t regionPalette = -1;    // PCD_PALETTE_SEED, _TARGET, _AVOIDANCE; -1 for none
+  PcdRoiList regionOverlays;     // the selected study's drawn regions, as they are drawn
   PcdViewPane panes[kPcdViewPaneCount];
   PcdIntVector3D cursor{0, 0, 0};
   int32_t channelIndex = 0;
@@ -100,7 +108,10 @@ void PCDview_SetPaneKind(PcdViewPane* pane, int32_t kind);
 PcdSliceScene PCDview_GetScene(const PcdViewPane* pane);
 // Draws a pane into its image now (the draw handler does the same).
 void PCDview_RenderPaneImage(PcdViewPane* pane);
-// Undo and redo of ROI edits (Ctrl+Z, Ctrl+Y in the views window).
+// The study region palette the mouse draws with (-1 none, else PCD_PALETTE_SEED,
+// _TARGET or _AVOIDANCE); the window's palette choice follows.
+void PCDview_SetRegionPalette(int32_t palette);
+// Undo and redo of ROI and study region edits (Ctrl+Z, Ctrl+Y in the views window).
 bool PCDview_Undo();
 bool PCDview_Redo();
 // Writes what a pane shows as a PNG file; false when it cannot be written.
@@ -110,3 +121,7 @@ bool PCDview_SavePanePng(const PcdViewPane* pane, const char* path);
 // ROIs were added (its list); may be empty.
 extern std::function<void(PcdRoiObject*)> pcd_view_roi_edited;
 extern std::function<void()> pcd_view_rois_added;
+// Called before the mouse changes the selected study's region (the study performer
+// stores its panel into the study) and after (it shows the new region); may be empty.
+extern std::function<void()> pcd_view_study_edit_begins;
+extern std::function<void(PcdStudyObject*)> pcd_view_study_edited;

@@ -67,7 +67,10 @@ void on_row_selected(GtkTreeSelection*, gpointer) {
   PcdStudyPerformer* p = PCD_GetStudyPerformer();
   if (p == nullptr || p->filling) return;
   const uint16_t id = PCD_GetSelectedListId(p->list, kColId);
-  if (id != kPcdNoObject && id != p->shownId) PCD_SelectStudy(id);
+  if (id != kPcdNoObject && id != p->shownId) {
+    PCD_SelectStudy(id);
+    PCDview_Redraw();  // the views show the selected study's drawn regions
+  }
 }
 
 void on_label_changed(GtkEditable*, gpointer) {
@@ -176,6 +179,13 @@ void PCD_RefreshStudyPerformer() {
   p->filling = false;
   load_panel(p, study);
   PCDview_Redraw();  // regions, visibility and results of the listed studies show at once
+}
+
+void PCD_ReloadStudyPanel() {
+  PcdStudyPerformer* p = PCD_GetStudyPerformer();
+  if (p == nullptr || p->filling) return;
+  PCD_StoreStudyPanel();
+  load_panel(p, PCD_FindStudyObject(studies(), p->shownId));
 }
 
 void PCD_SelectStudy(uint16_t id) {
