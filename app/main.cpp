@@ -5,12 +5,17 @@
 // is saved as DIR/dialog-N.png and answered with its default, the main window is saved
 // as DIR/main-window.png once drawn, and the program quits (for demonstrations and
 // checks on machines without a user).
+//
+// With QUORIX_DEMO=1 (or =all) the program first runs the newcomer's demonstration on the
+// data set (see app/demo.h): with a display it stays open on that state; with the
+// autopilot it also saves its screenshots before it quits.
 #include <gtk/gtk.h>
 
 #include <clocale>
 #include <cstdlib>
 #include <string>
 
+#include "app/demo.h"
 #include "app/services/app_state.h"
 #include "app/services/dialogs.h"
 #include "app/main_window.h"
@@ -29,8 +34,11 @@ void SaveWindow(GtkWidget* widget, const std::string& path) {
 }
 
 std::string g_autopilot;
+std::string g_demo;
 
 gboolean SaveAndQuit(gpointer) {
+  if (!g_demo.empty()) PCD_RunDemo({.shotDir = g_autopilot, .allKinds = g_demo == "all"});
+  if (g_autopilot.empty()) return G_SOURCE_REMOVE;  // the demonstration stays on screen
   SaveWindow(pcd_app->window, g_autopilot + "/main-window.png");
   PCD_LeaveMainLoop();
   return G_SOURCE_REMOVE;
@@ -69,7 +77,8 @@ int main(int argc, char** argv) {
     StartAutopilot();
   }
   if (PCD_InitializeApplication(argc, argv) == 0) return 0;
-  if (!g_autopilot.empty()) {
+  if (const char* demo = std::getenv("QUORIX_DEMO")) g_demo = demo;
+  if (!g_autopilot.empty() || !g_demo.empty()) {
     g_signal_connect_after(pcd_app->window, "draw", G_CALLBACK(SaveOnceDrawn), nullptr);
     gtk_widget_queue_draw(pcd_app->window);  // drawn once more even if a dialog drew it already
   }

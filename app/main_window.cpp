@@ -1,5 +1,7 @@
 #include "app/main_window.h"
 
+#include <string>
+
 #include "app/services/app_state.h"
 #include "app/commands.h"
 #include "app/services/dialogs.h"
@@ -77,6 +79,11 @@ gboolean on_window_key_press(GtkWidget* window, GdkEventKey* event, gpointer) {
   return FALSE;  // the window's own handling: accelerators, mnemonics, then the focus
 }
 
+// Back on the study performer, the region pages list the ROIs drawn in the meantime.
+void on_page_switched(GtkNotebook*, GtkWidget* page, guint, gpointer) {
+  if (pcd_app && page == pcd_app->studyPage) PCD_ReloadStudyPanel();
+}
+
 void append_page(GtkWidget* notebook, GtkWidget* page, const char* label) {
   gtk_notebook_append_page(GTK_NOTEBOOK(notebook), page, gtk_label_new(label));
 }
@@ -89,7 +96,7 @@ bool PCD_BuildMainWindow() {
   g_signal_connect(app->window, "destroy", G_CALLBACK(on_window_destroy), nullptr);
   g_signal_connect(app->window, "key-press-event", G_CALLBACK(on_window_key_press), nullptr);
   gtk_widget_set_size_request(app->window, kPcdWindowWidth, kPcdWindowHeight);
-  gtk_window_set_default_size(GTK_WINDOW(app->window), kPcdWindowWidth, kPcdWindowHeight);
+  gtk_window_set_default_size(GTK_WINDOW(app->window), kPcdWindowDefaultWidth, kPcdWindowHeight);
   gtk_window_set_title(GTK_WINDOW(app->window), kPcdWindowTitle);
 
   app->vbox = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
@@ -116,6 +123,7 @@ bool PCD_BuildMainWindow() {
   append_page(app->notebook, app->studyPage, kPcdStudyPageLabel);
   append_page(app->notebook, app->roiPage, kPcdRoiPageLabel);
   append_page(app->notebook, app->utilityPage, kPcdUtilityPageLabel);
+  g_signal_connect(app->notebook, "switch-page", G_CALLBACK(on_page_switched), nullptr);
   gtk_box_pack_start(GTK_BOX(app->vbox), app->notebook, TRUE, TRUE, 0);
 
   app->statusLabel = gtk_label_new("");

@@ -90,10 +90,18 @@ int PCD_InitializeApplication(int argc, char** argv) {
   PCDview_OpenViewsWindow();
   // what the mouse draws in the views shows at once in the ROI editor's list and controls
   pcd_view_roi_edited = [](PcdRoiObject*) { PCD_RefreshRoiEditor(); };
-  pcd_view_rois_added = [] { PCD_RefreshRoiEditor(); };
+  pcd_view_rois_added = [] {
+    PCD_RefreshRoiEditor();
+    PCD_ReloadStudyPanel();
+  };
+  // and a study region drawn there in the study performer's panel
+  pcd_view_study_edit_begins = [] { PCD_StoreStudyPanel(); };
+  pcd_view_study_edited = [](PcdStudyObject*) { PCD_RefreshStudyPerformer(); };
   // a study's fibers and glyphs show in the slice views; "Box VOI" regions take the
   // views' box (the whole volume until one is dragged)
   pcd_notice_study_result = [] { PCDview_Redraw(); };
+  pcd_notice_rois_changed = [] { PCDview_Redraw(); };
+  pcd_notice_studies_changed = [] { PCDview_Redraw(); };
   pcd_notice_box_voi = [](PcdIntVector3D* origin, PcdIntSize3D* size) {
     if (pcd_views == nullptr || pcd_views->boxSize.x <= 0 || pcd_views->boxSize.y <= 0 || pcd_views->boxSize.z <= 0)
       return false;

@@ -115,34 +115,17 @@ void ComputeRowByVoxel(PcdChannelWork* work, PcdDiffusionTensorData* record, int
 // voxel, with the signals read row-wise from each channel block.
 void ComputeRowByBatch(PcdChannelWork* work, PcdDiffusionTensorData* record,
                        PcdTensorBatch* batch, size_t rowStart) {
-  const PcdDtiData* dti = work->dti;
-  int32_t lanes[kPcdTensorLanes];
-  auto flush = [&]() {
-    for (int32_t c = 0; c < dti->channelCount; ++c) {
-      const auto* block = static_cast<const int16_t*>(dti->volume->data[c]) + rowStart;
-      float* to = &batch->signal[static_cast<size_t>(c) * kPcdTensorLanes];
-      for (int32_t v = 0; v < batch->count; ++v) to[v] = static_cast<float>(block[lanes[v]]);
-    }
-    PCDdti_EstimateTensorBatch(dti, record, batch);
-    PCDdti_DiagonalizeTensorBatch(batch);
-    for (int32_t v = 0; v < batch->count; ++v) {
-      PCDdti_TakeDiagonalizedFromTensorBatch(batch, v, record);
-      const size_t at = rowStart + static_cast<size_t>(lanes[v]);
-      WriteVoxelMaps(work, record, at, work->soSignal[at]);
-    }
-    batch->count = 0;
-  };
-  batch->count = 0;
-  for (int32_t x = 0; x < work->sizeX; ++x) {
+  auto select = [&](int32_t x) {
     const size_t at = rowStart + static_cast<size_t>(x);
-    if (work->soSignal[at] <= work->threshold) {
-      ClearVoxelMaps(work, at);
-      continue;
-    }
-    lanes[batch->count++] = x;
-    if (batch->count == kPcdTensorLanes) flush();
-  }
-  if (batch->count > 0) flush();
+    if (work->soSignal[at] > work->threshold) return true;
+    ClearVoxelMaps(work, at);
+    return false;
+  };
+  auto take = [&](int32_t x) {
+    const size_t at = rowStart + static_cast<size_t>(x);
+    WriteVoxelMaps(work, record, at, work->soSignal[at]);
+  };
+  PCDdti_FitRowInTensorBatches(work->dti, record, batch, rowStart, work->sizeX, select, take);
 }
 
 }  // namespace

@@ -102,28 +102,9 @@ PcdDiffusionTensorStatistics* Begin(const PcdDtiData* dti, const PcdRawVolumeDat
 void AddRowByBatch(const PcdDtiData* dti, const uint8_t* maskRow, size_t rowStart, int32_t sizeX,
                    PcdDiffusionTensorData* record, PcdTensorBatch* batch,
                    PcdDiffusionTensorStatistics* s) {
-  int32_t lanes[kPcdTensorLanes];
-  auto flush = [&]() {
-    for (int32_t c = 0; c < dti->channelCount; ++c) {
-      const auto* block = static_cast<const int16_t*>(dti->volume->data[c]) + rowStart;
-      float* to = &batch->signal[static_cast<size_t>(c) * kPcdTensorLanes];
-      for (int32_t v = 0; v < batch->count; ++v) to[v] = static_cast<float>(block[lanes[v]]);
-    }
-    PCDdti_EstimateTensorBatch(dti, record, batch);
-    PCDdti_DiagonalizeTensorBatch(batch);
-    for (int32_t v = 0; v < batch->count; ++v) {
-      PCDdti_TakeDiagonalizedFromTensorBatch(batch, v, record);
-      AddVoxel(s, record);
-    }
-    batch->count = 0;
-  };
-  batch->count = 0;
-  for (int32_t x = 0; x < sizeX; ++x) {
-    if (maskRow[x] != 1) continue;
-    lanes[batch->count++] = x;
-    if (batch->count == kPcdTensorLanes) flush();
-  }
-  if (batch->count > 0) flush();
+  PCDdti_FitRowInTensorBatches(
+      dti, record, batch, rowStart, sizeX, [&](int32_t x) { return maskRow[x] == 1; },
+      [&](int32_t) { AddVoxel(s, record); });
 }
 
 void AddRowByVoxel(const PcdDtiData* dti, const uint8_t* maskRow, int32_t y, int32_t z,

@@ -127,6 +127,34 @@ void PCDdti_TakeFromTensorBatch(const PcdTensorBatch* batch, int32_t v,
                                 PcdDiffusionTensorData* record);
 void PCDdti_TakeDiagonalizedFromTensorBatch(const PcdTensorBatch* batch, int32_t v,
                                             PcdDiffusionTensorData* record);
+// Reads the signals of batch->count voxels of one row (element rowStart + lanes[v] of every
+// channel) into the batch, estimates and diagonalises them.
+void PCDdti_FitRowLanesInTensorBatch(const PcdDtiData* dti, const PcdDiffusionTensorData* record,
+                                     size_t rowStart, const int32_t* lanes, PcdTensorBatch* batch);
+
+// The voxels x of one row for which select(x) holds, fitted side by side in batches and
+// handed in x order to take(x) with the record holding the voxel's diagonalised tensor,
+// as the voxel-by-voxel path would leave it.
+template <class Select, class Take>
+void PCDdti_FitRowInTensorBatches(const PcdDtiData* dti, PcdDiffusionTensorData* record, PcdTensorBatch* batch,
+                                  size_t rowStart, int32_t sizeX, Select select, Take take) {
+  int32_t lanes[kPcdTensorLanes];
+  auto flush = [&]() {
+    PCDdti_FitRowLanesInTensorBatch(dti, record, rowStart, lanes, batch);
+    for (int32_t v = 0; v < batch->count; ++v) {
+      PCDdti_TakeDiagonalizedFromTensorBatch(batch, v, record);
+      take(lanes[v]);
+    }
+    batch->count = 0;
+  };
+  batch->count = 0;
+  for (int32_t x = 0; x < sizeX; ++x) {
+    if (!select(x)) continue;
+    lanes[batch->count++] = x;
+    if (batch->count == kPcdTensorLanes) flush();
+  }
+  if (batch->count > 0) flush();
+}
 
 PcdDiffusionTensorData* PCDdti_NewDiffusionTensorData(int32_t channelCount, int32_t soCount);
 void PCDdti_DeleteDiffusionTensorData(PcdDiffusionTensorData* record);

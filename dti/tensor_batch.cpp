@@ -211,3 +211,14 @@ void PCDdti_TakeDiagonalizedFromTensorBatch(const PcdTensorBatch* b, int32_t v,
     r->eigenvalues[i] = r->work[i] = b->values[v][i];
   }
 }
+
+void PCDdti_FitRowLanesInTensorBatch(const PcdDtiData* dti, const PcdDiffusionTensorData* record,
+                                     size_t rowStart, const int32_t* lanes, PcdTensorBatch* batch) {
+  for (int32_t c = 0; c < dti->channelCount; ++c) {
+    const auto* block = static_cast<const int16_t*>(dti->volume->data[c]) + rowStart;
+    float* to = &batch->signal[static_cast<size_t>(c) * kPcdTensorLanes];
+    for (int32_t v = 0; v < batch->count; ++v) to[v] = static_cast<float>(block[lanes[v]]);
+  }
+  PCDdti_EstimateTensorBatch(dti, record, batch);
+  PCDdti_DiagonalizeTensorBatch(batch);
+}

@@ -1,5 +1,6 @@
 #include "study/study_runner.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -272,6 +273,7 @@ int PCD_RunFiberModelingStudy(PcdWorkSession* session, PcdStudyObject* study,
 }
 
 std::vector<uint8_t> PCD_GetStudyRegionVoxels(const PcdStudyRegion* region,
+                                              const PcdRoiList* rois,
                                               const PcdIntSize3D* size,
                                               const PcdIntVector3D* boxOrigin,
                                               const PcdIntSize3D* boxSize) {
@@ -283,6 +285,16 @@ std::vector<uint8_t> PCD_GetStudyRegionVoxels(const PcdStudyRegion* region,
                                  region->kind == kPcdRegionSphere ? PCD_ROI_SPHERICAL : PCD_ROI_FREEHAND,
                                  size);
   std::vector<uint8_t> mask(voxels, 0);
+  if (region->kind == kPcdRegionListed) {
+    const int32_t count = std::clamp(region->idCount, 0, kPcdRegionMaxIds);
+    for (int32_t i = 0; i < count; ++i) {
+      const PcdRoiObject* roi = rois ? PCD_FindRoiObject(rois, region->ids[i]) : nullptr;
+      if (roi == nullptr) continue;
+      const std::vector<uint8_t> voxelsOfRoi = PCD_RasterizeRoiObject(roi, size);
+      for (size_t k = 0; k < voxelsOfRoi.size() && k < mask.size(); ++k) mask[k] |= voxelsOfRoi[k];
+    }
+    return mask;
+  }
   if (region->kind != kPcdRegionBoxVoi) return mask;
   // the box spans origin .. origin + size - 1, clipped to the volume; in 64 bits, since
   // the viewer's numbers are not ours to trust
@@ -307,7 +319,7 @@ namespace {
 std::vector<uint8_t> region_voxels(const PcdWorkSession* session, const PcdStudyRegion* region,
                                    const PcdStudyRunOptions& options) {
   const PcdIntSize3D size = PCD_GetSessionMatrixSize(session);
-  return PCD_GetStudyRegionVoxels(region, &size, options.hasBoxVoi ? &options.boxOrigin : nullptr,
+  return PCD_GetStudyRegionVoxels(region, &session->rois, &size, options.hasBoxVoi ? &options.boxOrigin : nullptr,
                                   options.hasBoxVoi ? &options.boxSize : nullptr);
 }
 

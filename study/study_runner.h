@@ -23,8 +23,9 @@
 //
 // Regions of diffusion profile and voxel statistics: a "Box VOI" region is the viewer's
 // box (origin to origin + size - 1 on each axis; the whole volume when the caller has no
-// box), "Sphere" and "Freehand" the region's own shape; any other kind, or a region whose
-// use code is not 432, holds no voxel.
+// box), "Sphere" and "Freehand" the region's own shape, "Listed" the union of the listed
+// ROIs that exist (each voxel counted once); any other kind, or a region whose use code
+// is not 432, holds no voxel.
 //
 // Fiber modeling takes its control tensors where the caller says, or else at the voxels
 // whose tensor is valid and passes the study's own FA minimum, ADC maximum and So range
@@ -95,8 +96,10 @@ struct PcdStudyRunOptions {
 };
 
 // The voxels (x fastest, 1 inside) of a diffusion profile or voxel statistics region in a
-// volume of this size; box is the viewer's box VOI or null.
+// volume of this size; box is the viewer's box VOI or null, rois the ROIs a listed region
+// names (may be null: no listed ROI then).
 std::vector<uint8_t> PCD_GetStudyRegionVoxels(const PcdStudyRegion* region,
+                                              const PcdRoiList* rois,
                                               const PcdIntSize3D* size,
                                               const PcdIntVector3D* boxOrigin,
                                               const PcdIntSize3D* boxSize);

@@ -50,6 +50,7 @@ const PcdChoice kVoxelRegions[] = {
     {kPcdRegionBoxVoi, "box", "Box VOI"},
     {kPcdRegionSphere, "sphere", "Sphere"},
     {kPcdRegionFreehand, "freehand", "Freehand"},
+    {kPcdRegionListed, "listed", "Listed"},  // the ROIs ticked in the region's list
 };
 const PcdChoice kSymbolDensities[] = {
     {kPcdSymbolDensityNormal, "normal", "normal"},

@@ -100,7 +100,7 @@ extern const PcdChoiceTable kPcdSeedSourceChoices;
 extern const PcdChoiceTable kPcdPrimitiveTypeChoices;
 extern const PcdChoiceTable kPcdFiberColoringChoices;
 extern const PcdChoiceTable kPcdTractRegionChoices;   // Sphere, Freehand, Listed
-extern const PcdChoiceTable kPcdVoxelRegionChoices;   // Box VOI, Sphere, Freehand
+extern const PcdChoiceTable kPcdVoxelRegionChoices;   // Box VOI, Sphere, Freehand, Listed
 extern const PcdChoiceTable kPcdSymbolDensityChoices;
 extern const PcdChoiceTable kPcdProfilePrimitiveChoices;
 extern const PcdChoiceTable kPcdProfileColoringChoices;

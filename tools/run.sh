@@ -2,9 +2,12 @@
 # Installs what is missing, builds Quorix.II and runs its main job on a data set it
 # generates: a DWI phantom with known tensors is written; quorix-batch computes its tensor
 # maps and tracks fibers in it; then pellucid-server (the viewer side) is started with the
-# phantom and the desktop program quorix attaches to it. With a display, quorix opens its
-# window (quit with Ctrl+Q); without one, it runs under Xvfb at depth 24, unattended, and
-# saves screenshots of its window and dialogs.
+# phantom and the desktop program quorix attaches to it. There it computes the maps, puts a
+# seed sphere in the straight bundle and runs a fiber tracking study from it and a voxel
+# statistics study over a box, as a user does with " Analyze and Display ". With a display,
+# quorix stays open on that state (quit with Ctrl+Q); without one, it runs under Xvfb at
+# depth 24, unattended, and saves screenshots: the fibers over the colour map, the summary,
+# the window and its dialogs.
 # Usage: tools/run.sh [WORK_DIR]   (default: ./quorix-demo)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -37,9 +40,9 @@ server=$!
 trap 'kill $server 2>/dev/null; wait $server 2>/dev/null || true' EXIT
 sleep 0.5
 if [ -n "${DISPLAY:-}" ]; then
-  "$bin/quorix" "$number"
+  QUORIX_DEMO=1 "$bin/quorix" "$number"
 else
-  QUORIX_AUTOPILOT="$work/screenshots" xvfb-run -a -s "-screen 0 1280x1024x24" "$bin/quorix" "$number"
+  QUORIX_DEMO=1 QUORIX_AUTOPILOT="$work/screenshots" xvfb-run -a -s "-screen 0 1280x1024x24" "$bin/quorix" "$number"
   echo "== screenshots of the window and its dialogs: $work/screenshots"
   ls "$work/screenshots"
 fi

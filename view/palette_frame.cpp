@@ -182,8 +182,9 @@ void cmd_palette_upload(gpointer, guint, GtkWidget*) {
 void cmd_palette_adjust_greyscale(gpointer, guint, GtkWidget*) {
   float low = 0, high = 0;
   if (!pcd_app || !pcd_views || !PCDview_FitGreyMapping(pcd_app->session.volume, PCDview_GetChannel(), &low, &high)) return;
-  pcd_views->greyLow = low;
+  // the user's adjustment of this channel, kept when other channels are shown
   pcd_app->levelSetting = int32_t(std::ceil(high));
+  PCDview_SetGreyWindow(PCDview_GetChannel(), low, high);
   PCDview_Redraw();
 }
 

@@ -32,6 +32,7 @@ PcdPaneGeometry PCDview_RenderPane(cairo_surface_t* image, const PcdSlicePane& p
   PCDview_RenderSection(image, g, scene, table);
   cairo_t* cr = cairo_create(image);
   PCDview_DrawRoiOverlays(cr, g, overlays.rois);
+  PCDview_DrawRoiOverlays(cr, g, overlays.regions);
   for (const PcdFiberLayer* layer : overlays.fibers)
     if (layer) {
       cairo_surface_flush(image);

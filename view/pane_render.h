@@ -14,6 +14,7 @@
 
 struct PcdPaneOverlays {
   const PcdRoiList* rois = nullptr;
+  const PcdRoiList* regions = nullptr;  // a study's drawn regions, drawn over the ROIs
   std::vector<const PcdFiberLayer*> fibers;
   std::vector<const PcdGlyphLayer*> glyphs;
   bool showBox = false;

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <tuple>
 
+#include "study/byte_cursor.h"
+
 namespace {
 
 std::vector<uint8_t> Snapshot(const PcdRoiObject* roi) {
@@ -22,6 +24,44 @@ bool Restore(PcdRoiList* rois, uint16_t id, const std::vector<uint8_t>& bytes) {
   roi->shape = std::move(saved->shape);
   roi->voxelGroup = std::move(saved->voxelGroup);
   delete_roi_object(saved);
+  return true;
+}
+
+// A region's state as bytes: use, kind, the setting that follows the kind (the seed
+// source of a tracking seed region, the mode of a statistics region, else 0), the shape.
+int32_t* FollowerOf(PcdStudyObject* study, int32_t region) {
+  if (study->tract && region == 0) return &study->tract->seedSource;
+  if (study->statistics) return &study->statistics->mode;
+  return nullptr;
+}
+
+std::vector<uint8_t> RegionSnapshot(const PcdStudyObject* study, int32_t index) {
+  const PcdStudyRegion* region = PCD_GetStudyRegion(study, index);
+  if (region == nullptr) return {};
+  const int32_t* follower = FollowerOf(const_cast<PcdStudyObject*>(study), index);
+  PcdRoiShape none;
+  const PcdRoiShape& shape = region->shape ? *region->shape : none;
+  std::vector<uint8_t> bytes(12 + PCD_GetSerializedSizeOfRoiShape(&shape));
+  PcdByteWriter w{bytes.data()};
+  w.Int32(region->use);
+  w.Int32(region->kind);
+  w.Int32(follower ? *follower : 0);
+  PCD_SerializeRoiShape(&shape, w.at);
+  return bytes;
+}
+
+bool RestoreRegion(PcdStudyList* studies, uint16_t id, int32_t index, const std::vector<uint8_t>& bytes) {
+  PcdStudyObject* study = studies ? PCD_FindStudyObject(studies, id) : nullptr;
+  PcdStudyRegion* region = study ? PCD_GetStudyRegion(study, index) : nullptr;
+  if (region == nullptr) return false;
+  PcdByteReader r{bytes.data(), bytes.size()};
+  const int32_t use = r.Int32(), kind = r.Int32(), follows = r.Int32();
+  std::unique_ptr<PcdRoiShape> shape = PCD_ReadRoiShape(&r);
+  if (!shape || !r.ok()) return false;
+  region->use = use;
+  region->kind = kind;
+  if (int32_t* follower = FollowerOf(study, index)) *follower = follows;
+  region->shape = std::move(shape);
   return true;
 }
 
@@ -67,12 +107,13 @@ bool PCDview_BeginRoiEdit(PcdRoiEditHistory* h, const PcdRoiObject* roi) {
   }
   h->open = true;
   h->openId = roi->id;
+  h->openRegion = -1;
   h->openBefore = Snapshot(roi);
   return true;
 }
 
 void PCDview_EndRoiEdit(PcdRoiEditHistory* h, const PcdRoiObject* roi) {
-  if (!h->open || roi == nullptr || roi->id != h->openId) {
+  if (!h->open || roi == nullptr || roi->id != h->openId || h->openRegion >= 0) {
     h->open = false;
     return;
   }
@@ -83,20 +124,31 @@ void PCDview_EndRoiEdit(PcdRoiEditHistory* h, const PcdRoiObject* roi) {
   h->redo.clear();
 }
 
-bool PCDview_UndoRoiEdit(PcdRoiEditHistory* h, PcdRoiList* rois) {
+namespace {
+
+bool Apply(const PcdRoiEditHistory::Step& step, const std::vector<uint8_t>& bytes, PcdRoiList* rois,
+           PcdStudyList* studies, bool* studied) {
+  if (studied) *studied = step.region >= 0;
+  return step.region >= 0 ? RestoreRegion(studies, step.roiId, step.region, bytes)
+                          : Restore(rois, step.roiId, bytes);
+}
+
+}  // namespace
+
+bool PCDview_UndoRoiEdit(PcdRoiEditHistory* h, PcdRoiList* rois, PcdStudyList* studies, bool* studied) {
   if (h->undo.empty()) return false;
   PcdRoiEditHistory::Step step = std::move(h->undo.back());
   h->undo.pop_back();
-  if (!Restore(rois, step.roiId, step.before)) return false;
+  if (!Apply(step, step.before, rois, studies, studied)) return false;
   h->redo.push_back(std::move(step));
   return true;
 }
 
-bool PCDview_RedoRoiEdit(PcdRoiEditHistory* h, PcdRoiList* rois) {
+bool PCDview_RedoRoiEdit(PcdRoiEditHistory* h, PcdRoiList* rois, PcdStudyList* studies, bool* studied) {
   if (h->redo.empty()) return false;
   PcdRoiEditHistory::Step step = std::move(h->redo.back());
   h->redo.pop_back();
-  if (!Restore(rois, step.roiId, step.after)) return false;
+  if (!Apply(step, step.after, rois, studies, studied)) return false;
   h->undo.push_back(std::move(step));
   return true;
 }
@@ -150,10 +202,12 @@ int PCDview_PaintRoiVoxels(PcdRoiObject* roi, const PcdIntSize3D& volume, const 
   return changed;
 }
 
-int PCDview_SetRoiFreehand(PcdRoiObject* roi, const PcdIntSize3D& volume, const PcdPaneGeometry& g,
-                           const std::vector<PcdVector2D>& contour) {
+namespace {
+
+int SetShapeFreehand(PcdRoiShape* shape, const PcdIntSize3D& volume, const PcdPaneGeometry& g,
+                     const std::vector<PcdVector2D>& contour) {
   const int axis = PCDview_PaneNormalAxis(g.kind);
-  if (roi == nullptr || !roi->shape || roi->type != PCD_ROI_FREEHAND || !UsableSize(volume)) return -1;
+  if (shape == nullptr || !UsableSize(volume)) return -1;
   if (axis < 0) {
     std::fputs("Warning: a freehand ROI is drawn in an axial, sagittal or coronal pane\n", stderr);
     return -1;
@@ -195,6 +249,110 @@ int PCDview_SetRoiFreehand(PcdRoiObject* roi, const PcdIntSize3D& volume, const 
   std::sort(points.begin(), points.end(), [](const PcdRoiPoint& p, const PcdRoiPoint& q) {
     return std::tie(p.z, p.y, p.x) < std::tie(q.z, q.y, q.x);
   });
-  roi->shape->points = std::move(points);
-  return int(roi->shape->points.size());
+  shape->points = std::move(points);
+  return int(shape->points.size());
+}
+
+}  // namespace
+
+int PCDview_SetRoiFreehand(PcdRoiObject* roi, const PcdIntSize3D& volume, const PcdPaneGeometry& g,
+                           const std::vector<PcdVector2D>& contour) {
+  if (roi == nullptr || !roi->shape || roi->type != PCD_ROI_FREEHAND) return -1;
+  return SetShapeFreehand(roi->shape.get(), volume, g, contour);
+}
+
+int32_t PCDview_RegionOfPalette(const PcdStudyObject* study, int32_t palette) {
+  if (study == nullptr || palette < 0 || palette > 2) return -1;  // seed, target, avoidance
+  if (study->tract) return palette;
+  return study->statistics || study->profile ? 0 : -1;
+}
+
+int32_t PCDview_DrawnRegionKind(const PcdStudyObject* study, int32_t index) {
+  const PcdStudyRegion* region = PCD_GetStudyRegion(study, index);
+  if (region == nullptr) return 0;
+  if (study->tract && index == 0)
+    return study->tract->seedSource == kPcdSeedFromFreehand || study->tract->seedSource == kPcdSeedFromFreehandToo
+               ? kPcdRegionFreehand
+               : kPcdRegionSphere;
+  return region->kind == kPcdRegionFreehand ? kPcdRegionFreehand : kPcdRegionSphere;
+}
+
+bool PCDview_BeginRegionEdit(PcdRoiEditHistory* h, const PcdStudyObject* study, int32_t region) {
+  if (PCD_GetStudyRegion(study, region) == nullptr) return false;
+  h->open = true;
+  h->openId = study->id;
+  h->openRegion = region;
+  h->openBefore = RegionSnapshot(study, region);
+  return true;
+}
+
+void PCDview_EndRegionEdit(PcdRoiEditHistory* h, const PcdStudyObject* study) {
+  const int32_t region = h->openRegion;
+  h->open = false;
+  h->openRegion = -1;
+  if (study == nullptr || study->id != h->openId || region < 0) return;
+  std::vector<uint8_t> after = RegionSnapshot(study, region);
+  if (after == h->openBefore) return;
+  h->undo.push_back({study->id, std::move(h->openBefore), std::move(after), region});
+  h->redo.clear();
+}
+
+namespace {
+
+// The region takes part as a drawn region of this kind; what follows the kind follows.
+PcdStudyRegion* DrawnRegion(PcdStudyObject* study, int32_t index, int32_t kind) {
+  PcdStudyRegion* region = PCD_GetStudyRegion(study, index);
+  if (region == nullptr) return nullptr;
+  if (!region->shape) region->shape = PCD_NewRoiShape();
+  if (!region->shape) return nullptr;
+  region->use = kPcdRegionInUse;
+  region->kind = kind;
+  if (study->tract && index == 0)
+    study->tract->seedSource = kind == kPcdRegionFreehand ? kPcdSeedFromFreehand : kPcdSeedFromSphere;
+  if (study->statistics) study->statistics->mode = kind;
+  return region;
+}
+
+}  // namespace
+
+void PCDview_SetRegionSphere(PcdStudyObject* study, int32_t index, const PcdVector3D& centre, float radius) {
+  PcdStudyRegion* region = DrawnRegion(study, index, kPcdRegionSphere);
+  if (region == nullptr) return;
+  region->shape->centre = centre;
+  region->shape->radius = std::clamp(radius, 1.0f, 256.0f);
+}
+
+int PCDview_SetRegionFreehand(PcdStudyObject* study, int32_t index, const PcdIntSize3D& volume,
+                              const PcdPaneGeometry& g, const std::vector<PcdVector2D>& contour) {
+  PcdStudyRegion* region = PCD_GetStudyRegion(study, index);
+  if (region == nullptr) return -1;
+  auto shape = region->shape ? std::make_unique<PcdRoiShape>(*region->shape) : PCD_NewRoiShape();
+  if (!shape) return -1;
+  const int n = SetShapeFreehand(shape.get(), volume, g, contour);
+  if (n < 0) return n;  // the region stays as it was
+  region = DrawnRegion(study, index, kPcdRegionFreehand);
+  if (region == nullptr) return -1;
+  region->shape = std::move(shape);
+  return n;
+}
+
+void PCDview_GetRegionOverlays(const PcdStudyObject* study, PcdRoiList* out) {
+  out->items.clear();
+  out->selectedId = kPcdNoObject;
+  if (study == nullptr) return;
+  static const uint8_t kRoleColours[4][3] = {{25, 230, 25}, {51, 102, 255}, {255, 38, 38}, {255, 230, 25}};
+  for (int32_t i = 0; i < PCD_GetStudyRegionCount(study); ++i) {
+    const PcdStudyRegion* region = PCD_GetStudyRegion(study, i);
+    if (region->use != kPcdRegionInUse || !region->shape) continue;
+    const bool drawn = study->tract && i == 0 ? study->tract->seedSource != kPcdSeedFromList
+                                              : region->kind == kPcdRegionSphere || region->kind == kPcdRegionFreehand;
+    if (!drawn) continue;
+    auto roi = std::make_unique<PcdRoiObject>();
+    roi->id = uint16_t(i);
+    roi->type = PCDview_DrawnRegionKind(study, i) == kPcdRegionFreehand ? PCD_ROI_FREEHAND : PCD_ROI_SPHERICAL;
+    roi->shape = std::make_unique<PcdRoiShape>(*region->shape);
+    const uint8_t* rgb = kRoleColours[study->tract ? i : 3];
+    roi->red = uint16_t(rgb[0] << 8), roi->green = uint16_t(rgb[1] << 8), roi->blue = uint16_t(rgb[2] << 8);
+    out->items.push_back(std::move(roi));
+  }
 }

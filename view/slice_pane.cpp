@@ -281,7 +281,7 @@ void PCDview_RenderSection(cairo_surface_t* image, const PcdPaneGeometry& g,
 }
 
 bool PCDview_FitGreyMapping(const PcdRawVolumeData* volume, int32_t channel, float* low,
-                            float* high) {
+                            float* high, double lowQuantile, double highQuantile) {
   if (volume == nullptr || volume->matrixSize == nullptr || channel < 0 ||
       channel >= volume->matrixSize->channels || volume->colorFormat[channel] == 2)
     return false;
@@ -299,8 +299,8 @@ bool PCDview_FitGreyMapping(const PcdRawVolumeData* volume, int32_t channel, flo
     std::nth_element(values.begin(), values.begin() + long(k), values.end());
     return values[k];
   };
-  *low = at(0.005);
-  *high = at(0.995);
+  *low = at(lowQuantile);
+  *high = at(highQuantile);
   if (*high <= *low) *high = *low + 1.0f;
   return true;
 }

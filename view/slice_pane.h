@@ -92,7 +92,7 @@ void PCDview_PrepareGreyTable(PcdGreyTable* table, int32_t dataType, float low, 
 void PCDview_RenderSection(cairo_surface_t* image, const PcdPaneGeometry& g,
                            const PcdSliceScene& scene, PcdGreyTable* table);
 
-// Robust grey mapping of a channel: the 0.5 and 99.5 percentiles of its non-zero values
-// (low and high); false for an empty or colour channel.
+// Robust grey mapping of a channel: the lowQuantile and highQuantile percentiles of its
+// non-zero values (low and high); false for an empty or colour channel.
 bool PCDview_FitGreyMapping(const PcdRawVolumeData* volume, int32_t channel, float* low,
-                            float* high);
+                            float* high, double lowQuantile = 0.005, double highQuantile = 0.995);

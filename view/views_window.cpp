@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "app/services/accessible.h"
 #include "app/services/app_state.h"
 #include "app/services/dialogs.h"
 #include "app/services/status_line.h"
@@ -136,6 +137,7 @@ void FollowDataSet() {
   v->boxOrigin = {0, 0, 0};
   v->boxSize = {s.x, s.y, s.z};
   v->channelIndex = std::clamp(v->channelIndex, 0, std::max(0, s.channels - 1));
+  v->greyWindows.clear();
   PCDview_ClearRoiEditHistory(&v->history);
   PCDview_DropAllStudyFibers();
   PCDview_DropAllStudyGlyphs();
@@ -197,8 +199,19 @@ void Continue(PcdViewPane* p, double x, double y) {
       break;
     }
     case PcdViewPane::Gesture::Freehand:
+    case PcdViewPane::Gesture::RegionFreehand:
       p->contour.push_back({float(x), float(y)});
       break;
+    case PcdViewPane::Gesture::RegionSphere: {
+      PcdStudyObject* study = pcd_app ? PCD_FindStudyObject(&pcd_app->session.studies, p->regionStudy) : nullptr;
+      const PcdStudyRegion* region = PCD_GetStudyRegion(study, p->region);
+      if (region == nullptr || !region->shape) return;
+      const PcdVector3D c = region->shape->centre;
+      const double r = std::sqrt(double(at.x - c.x) * (at.x - c.x) + double(at.y - c.y) * (at.y - c.y) +
+                                 double(at.z - c.z) * (at.z - c.z));
+      PCDview_SetRegionSphere(study, p->region, c, float(r));
+      break;
+    }
     case PcdViewPane::Gesture::Paint:
     case PcdViewPane::Gesture::Erase:
       if (!roi) return;
@@ -226,6 +239,16 @@ void Finish(PcdViewPane* p, double x, double y) {
     QueueDraw();
     return;
   }
+  if (gesture == PcdViewPane::Gesture::RegionSphere || gesture == PcdViewPane::Gesture::RegionFreehand) {
+    PcdStudyObject* study = PCD_FindStudyObject(&pcd_app->session.studies, p->regionStudy);
+    if (study && gesture == PcdViewPane::Gesture::RegionFreehand)
+      PCDview_SetRegionFreehand(study, p->region, VolumeSize3(), p->geometry, p->contour);
+    p->contour.clear();
+    PCDview_EndRegionEdit(&v->history, study);
+    if (study && pcd_view_study_edited) pcd_view_study_edited(study);
+    QueueDraw();
+    return;
+  }
   PcdRoiObject* roi = PCD_GetSelectedRoiObject(&pcd_app->session.rois);
   if (gesture == PcdViewPane::Gesture::Freehand && roi)
     PCDview_SetRoiFreehand(roi, VolumeSize3(), p->geometry, p->contour);
@@ -233,6 +256,31 @@ void Finish(PcdViewPane* p, double x, double y) {
   PCDview_EndRoiEdit(&v->history, roi);
   if (roi && pcd_view_roi_edited) pcd_view_roi_edited(roi);
   QueueDraw();
+}
+
+// With a study region palette chosen, a press starts drawing the selected study's
+// region of that palette: a freehand region takes a contour (in an axis-aligned pane),
+// any other becomes a sphere centred on the pressed voxel. False when there is nothing to
+// draw (no palette, no study, no such region).
+bool StartRegion(PcdViewPane* p, GdkEventButton* event, const PcdVector3D& at) {
+  PcdViewsState* v = pcd_views;
+  if (!pcd_app || v->regionPalette < 0) return false;
+  if (pcd_view_study_edit_begins) pcd_view_study_edit_begins();  // the panel's values first
+  PcdStudyObject* study = PCD_GetSelectedStudyObject(&pcd_app->session.studies);
+  const int32_t region = PCDview_RegionOfPalette(study, v->regionPalette);
+  if (region < 0 || !PCDview_BeginRegionEdit(&v->history, study, region)) return false;
+  p->regionStudy = study->id;
+  p->region = region;
+  if (PCDview_DrawnRegionKind(study, region) == kPcdRegionFreehand && PCDview_PaneNormalAxis(p->pane.kind) >= 0) {
+    p->contour.assign(1, PcdVector2D{float(event->x), float(event->y)});
+    p->gesture = PcdViewPane::Gesture::RegionFreehand;
+    return true;
+  }
+  const PcdIntVector3D c = Floor(at);
+  PCDview_SetRegionSphere(study, region, {c.x + 0.5f, c.y + 0.5f, c.z + 0.5f}, 1.0f);
+  p->gesture = PcdViewPane::Gesture::RegionSphere;
+  Continue(p, event->x, event->y);
+  return true;
 }
 
 // A press starts a gesture: Ctrl drags the box VOI; with the ROI editor current the
@@ -248,6 +296,7 @@ void Start(PcdViewPane* p, GdkEventButton* event) {
     QueueDraw();
     return;
   }
+  if (!RoiEditorIsCurrent() && planar && StartRegion(p, event, at)) return;
   PcdRoiObject* roi = pcd_app ? PCD_GetSelectedRoiObject(&pcd_app->session.rois) : nullptr;
   if (RoiEditorIsCurrent() && roi && planar && roi->shape) {
     if (!PCDview_BeginRoiEdit(&v->history, roi)) {
@@ -364,6 +413,7 @@ GtkWidget* Spin(double lower, double upper, double step, int digits, double valu
 GtkWidget* Labelled(GtkWidget* box, const char* label, GtkWidget* control) {
   GtkWidget* hbox = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 2);
   gtk_box_pack_start(GTK_BOX(hbox), gtk_label_new(label), FALSE, FALSE, 0);
+  PCD_SetAccessibleName(control, label);
   gtk_box_pack_start(GTK_BOX(hbox), control, FALSE, FALSE, 0);
   gtk_box_pack_start(GTK_BOX(box), hbox, FALSE, FALSE, 2);
   return hbox;
@@ -394,6 +444,13 @@ GtkWidget* BuildPane(PcdViewPane* p, int32_t firstKind) {
   Labelled(controls, "radius", p->radius);
   for (GtkWidget* w : {p->tilt, p->turn, p->radius}) g_signal_connect(w, "value-changed", G_CALLBACK(on_oblique_changed), p);
   g_signal_connect(p->alongE1, "toggled", G_CALLBACK(on_oblique_changed), p);
+  // four panes have the same controls: their names say which pane
+  const std::string pane = "pane " + std::to_string(p->index + 1) + " ";
+  PCD_SetAccessibleName(p->slice, (pane + "slice").c_str());
+  PCD_SetAccessibleName(p->tilt, (pane + "tilt").c_str());
+  PCD_SetAccessibleName(p->turn, (pane + "turn").c_str());
+  PCD_SetAccessibleName(p->radius, (pane + "radius").c_str());
+  PCD_SetAccessibleName(p->zoom, (pane + "zoom").c_str());
   gtk_box_pack_start(GTK_BOX(p->box), controls, FALSE, FALSE, 0);
 
   p->area = gtk_drawing_area_new();
@@ -443,6 +500,10 @@ void on_palette_clicked(GtkButton*, gpointer) {
   if (pcd_views_palette.open) pcd_views_palette.open();
 }
 
+void on_region_palette_changed(GtkComboBox* combo, gpointer) {
+  if (pcd_views) pcd_views->regionPalette = gtk_combo_box_get_active(combo) - 1;  // "none" first
+}
+
 // The tensor at a voxel when the data set is ready for it (quietly: the status line asks
 // on every click, the console is not the place for the answer).
 bool TensorAt(const PcdIntVector3D& c, float* fa, float* adc, PcdVector3D* e1) {
@@ -483,6 +544,13 @@ bool PCDview_OpenViewsWindow() {
   g_signal_connect(v->channel, "value-changed", G_CALLBACK(on_channel_changed), nullptr);
   v->brush = Spin(0.5, 20, 0.5, 1, 1.5);
   Labelled(bar, "brush", v->brush);
+  // the study region palettes, as in the ROI palette frame
+  v->palette = gtk_combo_box_text_new();
+  for (const char* label : {"none", "seed", "target", "avoidance"})
+    gtk_combo_box_text_append_text(GTK_COMBO_BOX_TEXT(v->palette), label);
+  gtk_combo_box_set_active(GTK_COMBO_BOX(v->palette), 0);
+  g_signal_connect(v->palette, "changed", G_CALLBACK(on_region_palette_changed), nullptr);
+  Labelled(bar, "study region", v->palette);
   GtkWidget* palette = gtk_button_new_with_label("ROI palette frame");
   g_signal_connect(palette, "clicked", G_CALLBACK(on_palette_clicked), nullptr);
   gtk_box_pack_end(GTK_BOX(bar), palette, FALSE, FALSE, 0);
@@ -546,14 +614,15 @@ PcdSliceScene PCDview_GetScene(const PcdViewPane* p) {
   const PcdViewsState* v = pcd_views;
   if (pcd_app) {
     scene.volume = pcd_app->session.volume;
-    scene.greyHigh = float(pcd_app->levelSetting);
     scene.greyMax = pcd_app->greyMax;
     const PcdDtiData* dti = pcd_app->session.dti;
     if (dti && dti->reserved > 0) scene.voxelMm = {dti->reserved, dti->reserved, dti->reserved};
   }
   scene.channel = v->channelIndex;
   scene.cursor = v->cursor;
-  scene.greyLow = v->greyLow;
+  const PcdGreyWindow grey = PCDview_GetGreyWindow(v->channelIndex);
+  scene.greyLow = grey.low;
+  scene.greyHigh = grey.high;
   scene.voxelsPerPixel = VoxelsPerPixel(p->pane.zoom);
   float fa = 0, adc = 0;
   if (p->pane.kind == PCD_PANE_OBLIQUE && p->pane.obliqueAlongE1) TensorAt(v->cursor, &fa, &adc, &scene.e1);
@@ -572,6 +641,8 @@ void PCDview_RenderPaneImage(PcdViewPane* p) {
   PcdPaneOverlays overlays;
   if (pcd_app) {
     overlays.rois = &pcd_app->session.rois;
+    PCDview_GetRegionOverlays(PCD_GetSelectedStudyObject(&pcd_app->session.studies), &pcd_views->regionOverlays);
+    overlays.regions = &pcd_views->regionOverlays;
     for (const auto& study : pcd_app->session.studies.items)
       if (study && study->visible == 1) {
         overlays.fibers.push_back(PCDview_GetStudyFibers(study->id));
@@ -596,6 +667,18 @@ void PCDview_SetCursor(const PcdIntVector3D& cursor, bool tellViewer) {
   QueueDraw();
 }
 
+void PCDview_SetBoxVoi(const PcdIntVector3D& origin, const PcdIntSize3D& size) {
+  if (!pcd_views) return;
+  FollowDataSet();
+  const PcdIntVector3D first = Clamped(origin);
+  const PcdIntVector3D last = Clamped({origin.x + std::max(1, size.x) - 1, origin.y + std::max(1, size.y) - 1,
+                                       origin.z + std::max(1, size.z) - 1});
+  pcd_views->boxOrigin = first;
+  pcd_views->boxSize = {last.x - first.x + 1, last.y - first.y + 1, last.z - first.z + 1};
+  pcd_viewer_send_region(&pcd_views->boxOrigin, &pcd_views->boxSize);
+  QueueDraw();
+}
+
 void PCDview_SetChannel(int32_t channel) {
   if (!pcd_views) return;
   FollowDataSet();
@@ -603,6 +686,44 @@ void PCDview_SetChannel(int32_t channel) {
   pcd_views->channelIndex = std::clamp(channel, 0, std::max(0, s.channels - 1));
   UpdateControls();
   PCD_SetStatus(PCDview_DescribeCursor().c_str());
+  QueueDraw();
+}
+
+namespace {
+
+// The slot of a channel's window, fitted afresh when the channel is new or was replaced.
+PcdGreyWindow* GreyWindowSlot(int32_t channel) {
+  const PcdRawVolumeData* volume = pcd_app ? pcd_app->session.volume : nullptr;
+  if (!pcd_views || !volume || !volume->matrixSize || channel < 0 || channel >= volume->matrixSize->channels)
+    return nullptr;
+  std::vector<PcdGreyWindow>& windows = pcd_views->greyWindows;
+  if (windows.size() < size_t(volume->matrixSize->channels)) windows.resize(size_t(volume->matrixSize->channels));
+  PcdGreyWindow& w = windows[size_t(channel)];
+  if (w.data != volume->data[channel]) {
+    w = PcdGreyWindow{};
+    w.data = volume->data[channel];
+    w.high = float(pcd_app->levelSetting);  // an empty or colour channel keeps the plain mapping
+    PCDview_FitGreyMapping(volume, channel, &w.low, &w.high, 0.01, 0.99);
+  }
+  return &w;
+}
+
+}  // namespace
+
+PcdGreyWindow PCDview_GetGreyWindow(int32_t channel) {
+  const PcdGreyWindow* w = GreyWindowSlot(channel);
+  if (w) return *w;
+  PcdGreyWindow plain;
+  plain.high = pcd_app ? float(pcd_app->levelSetting) : 254.0f;
+  return plain;
+}
+
+void PCDview_SetGreyWindow(int32_t channel, float low, float high) {
+  PcdGreyWindow* w = GreyWindowSlot(channel);
+  if (!w) return;
+  w->low = low;
+  w->high = high > low ? high : low + 1.0f;
+  w->adjusted = true;
   QueueDraw();
 }
 
@@ -633,18 +754,41 @@ std::string PCDview_DescribeCursor() {
   return text;
 }
 
-bool PCDview_Undo() {
-  if (!pcd_views || !pcd_app || !PCDview_UndoRoiEdit(&pcd_views->history, &pcd_app->session.rois)) return false;
-  if (pcd_view_roi_edited) pcd_view_roi_edited(PCD_GetSelectedRoiObject(&pcd_app->session.rois));
+namespace {
+
+// After an undo or redo: the page that shows what changed shows it again.
+void AfterHistoryStep(bool studied) {
+  if (studied) {
+    if (pcd_view_study_edited) pcd_view_study_edited(PCD_GetSelectedStudyObject(&pcd_app->session.studies));
+  } else if (pcd_view_roi_edited) {
+    pcd_view_roi_edited(PCD_GetSelectedRoiObject(&pcd_app->session.rois));
+  }
   QueueDraw();
+}
+
+}  // namespace
+
+bool PCDview_Undo() {
+  bool studied = false;
+  if (!pcd_views || !pcd_app ||
+      !PCDview_UndoRoiEdit(&pcd_views->history, &pcd_app->session.rois, &pcd_app->session.studies, &studied))
+    return false;
+  AfterHistoryStep(studied);
   return true;
 }
 
 bool PCDview_Redo() {
-  if (!pcd_views || !pcd_app || !PCDview_RedoRoiEdit(&pcd_views->history, &pcd_app->session.rois)) return false;
-  if (pcd_view_roi_edited) pcd_view_roi_edited(PCD_GetSelectedRoiObject(&pcd_app->session.rois));
-  QueueDraw();
+  bool studied = false;
+  if (!pcd_views || !pcd_app ||
+      !PCDview_RedoRoiEdit(&pcd_views->history, &pcd_app->session.rois, &pcd_app->session.studies, &studied))
+    return false;
+  AfterHistoryStep(studied);
   return true;
+}
+
+void PCDview_SetRegionPalette(int32_t palette) {
+  if (!pcd_views) return;
+  gtk_combo_box_set_active(GTK_COMBO_BOX(pcd_views->palette), std::clamp(palette, -1, 2) + 1);
 }
 
 bool PCDview_SavePanePng(const PcdViewPane* p, const char* path) {

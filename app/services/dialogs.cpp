@@ -4,6 +4,7 @@
 #include <thread>
 #include <utility>
 
+#include "app/services/accessible.h"
 #include "io/notice.h"
 
 namespace {
@@ -158,6 +159,7 @@ int PCD_AskValue(const char* title, const char* label, const char* initialText,
   gtk_container_set_border_width(GTK_CONTAINER(row), 8);
   gtk_box_pack_start(GTK_BOX(row), gtk_label_new(label), FALSE, FALSE, 0);
   GtkWidget* entry = gtk_entry_new();
+  PCD_SetAccessibleName(entry, label);
   gtk_entry_set_text(GTK_ENTRY(entry), initialText ? initialText : "");
   gtk_entry_set_activates_default(GTK_ENTRY(entry), TRUE);
   gtk_box_pack_start(GTK_BOX(row), entry, TRUE, TRUE, 0);

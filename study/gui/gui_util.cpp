@@ -53,8 +53,10 @@ GtkWidget* PCD_NewObjectList(const char* const* titles, int count, GtkWidget** v
     if (i + 1 < count) g_object_set(cell, "xalign", 0.5f, nullptr);
     GtkTreeViewColumn* column = gtk_tree_view_column_new_with_attributes(titles[i], cell, "text", i, nullptr);
     gtk_tree_view_column_set_alignment(column, i + 1 < count ? 0.5f : 0.0f);
+    if (i + 1 == count) gtk_tree_view_column_set_expand(column, TRUE);
     gtk_tree_view_append_column(GTK_TREE_VIEW(*view), column);
   }
+  gtk_tree_view_set_tooltip_column(GTK_TREE_VIEW(*view), count - 1);  // a label too long for the row
   gtk_tree_selection_set_mode(gtk_tree_view_get_selection(GTK_TREE_VIEW(*view)), GTK_SELECTION_SINGLE);
   GtkWidget* scroll = gtk_scrolled_window_new(nullptr, nullptr);
   gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scroll), GTK_POLICY_AUTOMATIC, GTK_POLICY_AUTOMATIC);

@@ -1,7 +1,9 @@
 // The "Diffusion profile" panel: its region ("ROI"), the symbols and the "Show if"
 // ranges ("Setting"), and the summary.
 #include <memory>
+#include <string>
 
+#include "app/services/accessible.h"
 #include "study/gui/gui_util.h"
 #include "study/gui/region_page.h"
 #include "study/gui/study_performer.h"
@@ -26,6 +28,7 @@ const RangeRow kRows[] = {
      &PcdProfileSettings::SoMax, 1.0f},
 };
 constexpr int kRowCount = 3;
+const char* const kRowNames[kRowCount] = {"FA", "ADC (x1k)", "So"};  // the fields' accessible names
 
 struct ProfileControls {
   std::unique_ptr<PcdRegionPage> region;
@@ -44,6 +47,7 @@ GtkWidget* build_show_if(ProfileControls* c) {
       c->checks[i][side] = gtk_check_button_new();
       c->entries[i][side] = gtk_entry_new();
       gtk_entry_set_width_chars(GTK_ENTRY(c->entries[i][side]), 6);
+      PCD_SetAccessibleName(c->entries[i][side], (std::string(kRowNames[i]) + (side == 0 ? " min" : " max")).c_str());
     }
     gtk_grid_attach(GTK_GRID(grid), c->checks[i][0], 0, i, 1, 1);
     gtk_grid_attach(GTK_GRID(grid), c->entries[i][0], 1, i, 1, 1);

@@ -18,6 +18,8 @@ void on_use_toggled(GtkCellRendererToggle*, gchar* pathText, gpointer data) {
   gboolean use = FALSE;
   gtk_tree_model_get(GTK_TREE_MODEL(page->store), &iter, kUse, &use, -1);
   gtk_list_store_set(page->store, &iter, kUse, !use, -1);
+  // a ROI ticked is a ROI the user wants the region to be: the kind follows
+  if (!use) PCD_SetRadioCode(page->kind, kPcdRegionListed);
   PCD_StoreStudyPanel();
   PCD_AnnounceStudyRois();
 }
@@ -34,7 +36,7 @@ std::unique_ptr<PcdRegionPage> PCD_NewRegionPage(bool listed, bool withUse) {
   }
   page->kind = PCD_NewRadioGroup(nullptr, listed ? kPcdTractRegionChoices : kPcdVoxelRegionChoices, false);
   gtk_box_pack_start(GTK_BOX(box), page->kind.widget, FALSE, FALSE, 0);
-  if (listed) {
+  {  // every region kind table offers "Listed": the ROIs ticked here
     page->store = gtk_list_store_new(4, G_TYPE_BOOLEAN, G_TYPE_STRING, G_TYPE_STRING, G_TYPE_UINT);
     page->list = gtk_tree_view_new_with_model(GTK_TREE_MODEL(page->store));
     g_object_unref(page->store);

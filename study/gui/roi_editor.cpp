@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <string>
 
+#include "app/services/accessible.h"
 #include "app/services/app_state.h"
+#include "app/services/notices.h"
 #include "app/services/viewer_objects.h"
 #include "study/roi_edit.h"
 
@@ -160,6 +162,7 @@ GtkWidget* PCD_BuildRoiEditorPage() {
   g_signal_connect(e->visible, "toggled", G_CALLBACK(on_visible_toggled), nullptr);
   gtk_box_pack_start(GTK_BOX(e->page), e->visible, FALSE, FALSE, 0);
   e->label = gtk_entry_new();
+  PCD_SetAccessibleName(e->label, "ROI label");
   g_signal_connect(e->label, "changed", G_CALLBACK(on_label_changed), nullptr);
   gtk_box_pack_start(GTK_BOX(e->page), e->label, FALSE, FALSE, 0);
 
@@ -197,6 +200,7 @@ void PCD_RefreshRoiEditor() {
   PCD_SelectListId(e->list, kColId, roi ? roi->id : kPcdNoObject);
   e->filling = false;
   load_editors(e, roi);
+  PCD_NoticeRoisChanged();  // a list that changed (new, deleted, loaded ROIs) shows in the panes at once
 }
 
 void PCD_SelectRoi(uint16_t id) {
@@ -219,4 +223,5 @@ void pcd_roi_changed_by_editor() {
   if (e == nullptr || e->filling) return;
   fill_summary(e, PCD_FindRoiObject(rois(), e->shownId));
   PCD_AutoUpdateRoi3DObjects();
+  PCD_NoticeRoisChanged();  // a typed centre or radius moves the drawn ROI now
 }

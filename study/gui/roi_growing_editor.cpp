@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "app/services/accessible.h"
 #include "app/services/app_state.h"
 #include "study/gui/roi_editor.h"
 #include "study/roi_edit.h"
@@ -55,6 +56,7 @@ GtkWidget* pcd_build_growing_editor(PcdRoiEditor* e) {
     gtk_label_set_xalign(GTK_LABEL(label), 1.0f);
     e->growEntries[i] = gtk_entry_new();
     gtk_entry_set_width_chars(GTK_ENTRY(e->growEntries[i]), 9);
+    PCD_SetAccessibleName(e->growEntries[i], kEntryLabels[i]);
     gtk_grid_attach(GTK_GRID(entries), label, 0, i, 1, 1);
     gtk_grid_attach(GTK_GRID(entries), e->growEntries[i], 1, i, 1, 1);
   }

@@ -1,4 +1,5 @@
 // " Spherical ROI ": the centre and radius of a spherical ROI by spin buttons.
+#include "app/services/accessible.h"
 #include "app/services/app_state.h"
 #include "study/gui/roi_editor.h"
 
@@ -34,6 +35,7 @@ GtkWidget* pcd_build_sphere_editor(PcdRoiEditor* e) {
     e->sphere[i] = gtk_spin_button_new(adjustment, r.climb, 1);
     gtk_spin_button_set_numeric(GTK_SPIN_BUTTON(e->sphere[i]), TRUE);
     g_signal_connect(e->sphere[i], "value-changed", G_CALLBACK(on_value_changed), nullptr);
+    PCD_SetAccessibleName(e->sphere[i], r.label);
     GtkWidget* label = gtk_label_new(r.label);
     gtk_label_set_xalign(GTK_LABEL(label), 1.0f);
     gtk_grid_attach(GTK_GRID(grid), label, 0, i, 1, 1);

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "app/services/accessible.h"
 #include "app/services/app_state.h"
 #include "app/services/dialogs.h"
 #include "app/services/status_line.h"
@@ -67,7 +68,10 @@ void on_row_selected(GtkTreeSelection*, gpointer) {
   PcdStudyPerformer* p = PCD_GetStudyPerformer();
   if (p == nullptr || p->filling) return;
   const uint16_t id = PCD_GetSelectedListId(p->list, kColId);
-  if (id != kPcdNoObject && id != p->shownId) PCD_SelectStudy(id);
+  if (id != kPcdNoObject && id != p->shownId) {
+    PCD_SelectStudy(id);
+    PCD_NoticeStudiesChanged();  // the views show the selected study's drawn regions
+  }
 }
 
 void on_label_changed(GtkEditable*, gpointer) {
@@ -123,6 +127,7 @@ GtkWidget* PCD_BuildStudyPerformerPage() {
   g_signal_connect(p->visible, "released", G_CALLBACK(on_visible_released), nullptr);
   gtk_box_pack_start(GTK_BOX(row), p->visible, FALSE, FALSE, 0);
   p->label = gtk_entry_new();
+  PCD_SetAccessibleName(p->label, "study label");
   g_signal_connect(p->label, "changed", G_CALLBACK(on_label_changed), nullptr);
   gtk_box_pack_start(GTK_BOX(row), p->label, TRUE, TRUE, 0);
   gtk_box_pack_start(GTK_BOX(top), row, FALSE, FALSE, 0);
@@ -174,6 +179,14 @@ void PCD_RefreshStudyPerformer() {
   PCD_SelectListId(p->list, kColId, study ? study->id : kPcdNoObject);
   p->filling = false;
   load_panel(p, study);
+  PCD_NoticeStudiesChanged();  // regions, visibility and results of the listed studies show at once
+}
+
+void PCD_ReloadStudyPanel() {
+  PcdStudyPerformer* p = PCD_GetStudyPerformer();
+  if (p == nullptr || p->filling) return;
+  PCD_StoreStudyPanel();
+  load_panel(p, PCD_FindStudyObject(studies(), p->shownId));
 }
 
 void PCD_SelectStudy(uint16_t id) {

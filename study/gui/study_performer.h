@@ -58,6 +58,8 @@ void PCD_StoreStudyPanel();
 // Rebuilds the list, selects the selected study's row and fills its panel.
 void PCD_RefreshStudyPerformer();
 void PCD_SelectStudy(uint16_t id);
+// Stores the shown panel and fills it again: its region pages list the ROIs there are now.
+void PCD_ReloadStudyPanel();
 // New study of a type: store, create (with its viewer object group), show.
 PcdStudyObject* PCD_NewStudyFromPerformer(int32_t type);
 // Analyses the selected study (dump: "Analyze and dump result") and shows its summary.

@@ -2,6 +2,7 @@
 // scheme ("Tracking" / "Modeling"), the display choices ("Display") and the summary.
 #include <memory>
 
+#include "app/services/accessible.h"
 #include "study/gui/gui_util.h"
 #include "study/gui/region_page.h"
 #include "study/gui/study_performer.h"
@@ -55,6 +56,7 @@ GtkWidget* build_stop_frame(TractControls* c) {
     *check = gtk_check_button_new_with_label(label);
     *entry = gtk_entry_new();
     gtk_entry_set_width_chars(GTK_ENTRY(*entry), 8);
+    PCD_SetAccessibleName(*entry, label);
     gtk_grid_attach(GTK_GRID(grid), *check, 0, row, 1, 1);
     gtk_grid_attach(GTK_GRID(grid), *entry, 1, row, 1, 1);
   };

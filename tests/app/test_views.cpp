@@ -17,8 +17,10 @@
 #include "app/commands.h"
 #include "app/services/dialogs.h"
 #include "app/startup.h"
+#include "gui_find.h"
 #include "io/raw_volume_file.h"
 #include "ipc/ipc.h"
+#include "study/gui/roi_editor.h"
 #include "study/gui/study_performer.h"
 #include "study/study_runner.h"
 #include "support/gui_support.h"
@@ -136,10 +138,10 @@ TEST(SliceViews, FourPanesWithTheirMenusShowTheMapsWhereTheBundlesAre) {
   }
   EXPECT_STREQ(kPcdPaneMenus[PCD_PANE_SPHERICAL][0].path, "/Spherical");
 
-  // FA x 1000 through a grey mapping of 0 .. 1000: the grey is FA x 255
+  // FA x 1000 through a grey window the user set to 0 .. 1000: the grey is FA x 255
   const PcdIntVector3D strong = StrongestVoxel(s.truth);
   ASSERT_GT(s.truth.fa[s.At(strong.x, strong.y, strong.z)], 0.6f);
-  pcd_app->levelSetting = 1000;
+  PCDview_SetGreyWindow(s.faChannel, 0, 1000);
   PCDview_SetChannel(s.faChannel);
   PCDview_SetCursor(strong, false);
   Drain();
@@ -455,6 +457,7 @@ TEST(SliceViews, ATrackingStudySeededFromADrawnSphereShowsItsFibersOverTheBundle
   ASSERT_FALSE(glyphs.empty());
   PCDview_SetStudyGlyphs(profile, std::move(glyphs));
   study->visible = 0;
+  PCDview_SetGreyWindow(0, 0, 1);  // the user's window: the whole head white under the glyphs
   PCDview_SetChannel(0);
   Drain();
   SaveShot(pcd_views->window, "views-glyphs.png");
@@ -527,6 +530,14 @@ TEST(SliceViews, PaletteFrameCommandsAndAcceleratorsLeaveTypingAlone) {
   PressKeyOn(pcd_views->window, GDK_KEY_G);
   EXPECT_GT(pcd_app->levelSetting, 600);
   EXPECT_LT(pcd_app->levelSetting, 1000);
+  const PcdGreyWindow fitted = PCDview_GetGreyWindow(s.faChannel);
+  EXPECT_TRUE(fitted.adjusted);
+  EXPECT_EQ(int32_t(std::ceil(fitted.high)), pcd_app->levelSetting);
+  // the adjustment is the FA channel's: another channel shown and back, it is still there
+  PCDview_SetChannel(0);
+  EXPECT_FALSE(PCDview_GetGreyWindow(0).adjusted);
+  PCDview_SetChannel(s.faChannel);
+  EXPECT_EQ(PCDview_GetGreyWindow(s.faChannel).high, fitted.high);
   // Ctrl+U sends the shown channel to the viewer, which saves it
   testing::internal::CaptureStderr();
   PressKeyOn(pcd_views->window, GDK_KEY_u, GDK_CONTROL_MASK);
@@ -557,6 +568,110 @@ TEST(SliceViews, PaletteFrameCommandsAndAcceleratorsLeaveTypingAlone) {
   EXPECT_EQ(std::count(mask.begin(), mask.end(), 1), 1);
   EXPECT_EQ(mask[s.At(3, 4, pcd_views->cursor.z)], 1);
   EXPECT_EQ(CountVoxels(target), 1);
+}
+
+TEST(SliceViews, ChannelsOpenInTheirOwnWindowAndTypedRoisRedrawAtOnce) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  ViewsSession s;
+  ASSERT_TRUE(s.ok);
+  // The So channel is 16-bit: 6400 in tissue, 8000 in the bundles, 9600 in the fluid
+  // (the phantom's classes, told apart by the true maps). Tissue is most of the head,
+  // so 1 % of the non-zero voxels lies in it; 99 % is the fluid's So when the fluid is
+  // more than 1 % of the head, else the bundles'.
+  size_t head = 0, fluid = 0;
+  for (size_t i = 0; i < s.truth.adc.size(); ++i) {
+    head += s.truth.adc[i] > 0;
+    fluid += std::fabs(s.truth.adc[i] - 2.5e-3f) < 1e-6f;
+  }
+  ASSERT_GT(head, 0u);
+  const double high = fluid * 100 > head ? 9600.0 : 8000.0, low = 6400.0;
+  const PcdIntVector3D strong = StrongestVoxel(s.truth);
+  PCDview_SetChannel(0);
+  PCDview_SetCursor(strong, false);
+  Drain();
+  SaveShot(pcd_views->window, "views-so-window.png");
+  int white = 0, inHead = 0;
+  for (int y = 0; y < kY; ++y)
+    for (int x = 0; x < kX; ++x) {
+      if (s.truth.adc[s.At(x, y, strong.z)] <= 0) continue;
+      double px, py;
+      VoxelPixel(PCD_PANE_AXIAL, Pane(0), x, y, strong.z, &px, &py);
+      const uint32_t pixel = PixelAt(Pane(0)->image, px + 2, py + 2);
+      ++inHead;
+      white += (pixel & 255) == 255;
+    }
+  EXPECT_LT(white * 2, inHead) << "the head is a white blob";
+  {
+    double px, py;
+    VoxelPixel(PCD_PANE_AXIAL, Pane(0), strong.x, strong.y, strong.z, &px, &py);
+    const uint32_t bundle = PixelAt(Pane(0)->image, px + 3, py + 3);
+    EXPECT_NEAR(int(bundle & 255), (8000.0 - low) * 255 / (high - low), 1.5);
+  }
+  // a channel of another range (FA x 1000, colour) has a window of its own, and So's is kept
+  PCDview_SetChannel(s.faChannel);
+  EXPECT_LT(PCDview_GetGreyWindow(s.faChannel).high, 1001.0f);
+  EXPECT_NEAR(PCDview_GetGreyWindow(0).high, high, 0.5);
+
+  // Typing a spherical ROI's centre into the ROI editor moves it in the views at once.
+  // The field is found by its accessible name, as a screen reader finds it.
+  PcdRoiObject* sphere = nullptr;
+  for (const auto& roi : pcd_app->session.rois.items)
+    if (roi->type == PCD_ROI_SPHERICAL) sphere = roi.get();
+  ASSERT_NE(sphere, nullptr);
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 1);
+  PCD_SelectRoi(sphere->id);
+  PCDview_SetChannel(0);
+  PCDview_SetCursor({16, 16, int32_t(std::floor(sphere->shape->centre.z))}, false);
+  Drain();
+  GtkWidget* x = quorix_test::FindByAccessibleName(pcd_app->window, "x");
+  ASSERT_NE(x, nullptr);
+  ASSERT_TRUE(GTK_IS_SPIN_BUTTON(x));
+  EXPECT_EQ(quorix_test::FindByAccessibleName(pcd_app->window, "radius"), PCD_GetRoiEditor()->sphere[3]);
+  EXPECT_NE(quorix_test::FindByAccessibleName(pcd_views->window, "pane 2 slice"), nullptr);
+  const int drawn = pcd_views->redraws;
+  cairo_surface_t* before = cairo_surface_create_similar_image(Pane(0)->image, CAIRO_FORMAT_ARGB32,
+                                                               Pane(0)->geometry.width, Pane(0)->geometry.height);
+  {
+    cairo_t* cr = cairo_create(before);
+    cairo_set_source_surface(cr, Pane(0)->image, 0, 0);
+    cairo_paint(cr);
+    cairo_destroy(cr);
+  }
+  gtk_widget_grab_focus(x);
+  gtk_editable_select_region(GTK_EDITABLE(x), 0, -1);
+  for (guint key : {GDK_KEY_2, GDK_KEY_4, GDK_KEY_period, GDK_KEY_5, GDK_KEY_Return}) PressKeyOn(pcd_app->window, key);
+  Drain();
+  EXPECT_FLOAT_EQ(sphere->shape->centre.x, 24.5f);
+  EXPECT_GT(pcd_views->redraws, drawn) << "typing did not redraw the panes";
+  // the pixels that changed lie around the new centre (and the old one)
+  double cx, cy;
+  VoxelPixel(PCD_PANE_AXIAL, Pane(0), 24, int(std::floor(sphere->shape->centre.y)), pcd_views->cursor.z, &cx, &cy);
+  const double reach = (sphere->shape->radius + 1.5) * kPixels;
+  int nearNew = 0;
+  for (int py = 0; py < Pane(0)->geometry.height; ++py)
+    for (int px = 0; px < Pane(0)->geometry.width; ++px)
+      if (PixelAt(before, px, py) != PixelAt(Pane(0)->image, px, py) && std::hypot(px - cx, py - cy) < reach) ++nearNew;
+  cairo_surface_destroy(before);
+  EXPECT_GT(nearNew, 0);
+  Drain();
+  SaveShot(pcd_views->window, "views-typed-sphere.png");
+
+  // the study list shows its labels whole: the label column lies inside the visible
+  // part of the list and is as wide as each label's text
+  GtkTreeView* list = GTK_TREE_VIEW(PCD_GetStudyPerformer()->list);
+  GtkTreeViewColumn* labels = gtk_tree_view_get_column(list, 4);
+  ASSERT_NE(labels, nullptr);
+  GdkRectangle shown;
+  gtk_tree_view_get_visible_rect(list, &shown);
+  EXPECT_LE(gtk_tree_view_column_get_x_offset(labels) + gtk_tree_view_column_get_width(labels), shown.width);
+  ASSERT_FALSE(pcd_app->session.studies.items.empty());
+  for (const auto& study : pcd_app->session.studies.items) {
+    PangoLayout* layout = gtk_widget_create_pango_layout(GTK_WIDGET(list), study->label);
+    int width = 0, height = 0;
+    pango_layout_get_pixel_size(layout, &width, &height);
+    g_object_unref(layout);
+    EXPECT_GE(gtk_tree_view_column_get_width(labels), width) << study->label;
+  }
 }
 
 }  // namespace

@@ -327,6 +327,24 @@ TEST(StatisticsStudy, SummaryOfAHandMadeSetMatchesTheNumbersWorkedOutByHand) {
   region.use = 0;  // a region that takes no part holds nothing
   RunQuietly(&s, study, options, &status);
   EXPECT_PRED2(Begins, PCD_GetStudySummary(study), "Tensors: 0\nValid Tensors: 0\n");
+
+  // listed ROIs: their union, a voxel two of them share counted once, an id that no ROI
+  // holds skipped. Freehand ROIs {(0,0,0), (1,0,0)} and {(1,0,0), (0,1,0)}: the oval, the
+  // So 800 oval and the voxel along x
+  region.use = kPcdRegionInUse;
+  region.kind = kPcdRegionListed;
+  const PcdIntSize3D size{2, 2, 2};
+  PcdRoiObject* a = PCD_NewRoiObject(&s.rois, PCD_ROI_FREEHAND, &size);
+  PcdRoiObject* b = PCD_NewRoiObject(&s.rois, PCD_ROI_FREEHAND, &size);
+  a->shape->points = {{0, 0, 0}, {1, 0, 0}};
+  b->shape->points = {{1, 0, 0}, {0, 1, 0}};
+  const uint16_t ids[3] = {a->id, 77, b->id};
+  ASSERT_EQ(PCD_SetStudyRegionIds(study, 0, ids, 3), 0);
+  RunQuietly(&s, study, options, &status);
+  EXPECT_PRED2(Begins, PCD_GetStudySummary(study),
+               "Tensors: 3\nValid Tensors: 3\nStatistics: min. - max. (mean/stdev.)\n"
+               "  So: 800.00 - 1000.00 ");
+  EXPECT_NE(PCD_GetStudySummary(study).find("  FA:  0.20 - 0.80 "), std::string::npos);
 }
 
 TEST(ProfileStudy, RangesApplyInPairsAndTheSummaryCountsTheDrawnSymbols) {

@@ -34,6 +34,13 @@ TEST(BatchTool, HelpListsEveryCommandAndWrongLinesFailWithUsageStatus) {
   EXPECT_EQ(RunCommand(Batch("info"), &out), 2);
   EXPECT_EQ(RunCommand(Batch("convert a.raw -o b.txt"), &out), 2);
   EXPECT_EQ(RunCommand(Batch("channels a.raw --threads 0 -o b.raw"), &out), 2);
+  // an option given twice, in either spelling, and one without its value
+  EXPECT_EQ(RunCommand(Batch("track a.raw --seed-box 1,1,1,2,2,2 --seed-box=3,3,3,4,4,4"), &out), 2);
+  EXPECT_TRUE(quorix_test::HasLine(out, "Err: track: option --seed-box given twice")) << out;
+  EXPECT_EQ(RunCommand(Batch("model a.raw --seed-box"), &out), 2);
+  EXPECT_TRUE(quorix_test::HasLine(out, "Err: model: option --seed-box needs a value")) << out;
+  EXPECT_EQ(RunCommand(Batch("track a.raw --seed-box 1,1,1,2,2,2 --seed-mask m.raw"), &out), 2);
+  EXPECT_TRUE(quorix_test::HasLine(out, "Err: track: needs exactly one of --seed-mask and --seed-box")) << out;
   EXPECT_EQ(RunCommand(Batch("info /nonexistent.raw"), &out), 1);
   EXPECT_TRUE(quorix_test::HasLine(out, "Err: "));
 }

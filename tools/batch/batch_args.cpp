@@ -68,31 +68,10 @@ bool BatchArgs::TakeFlag(std::initializer_list<const char*> names) {
 }
 
 std::optional<std::string> BatchArgs::TakeValue(std::initializer_list<const char*> names) {
-  std::optional<std::string> value;
-  for (size_t i = 0; i < tokens_.size();) {
-    const Token token = tokens_[i];
-    std::optional<std::string> found;
-    for (const char* name : names)
-      if (!found && token.isOption) found = inline_value(token.text, name);
-    const bool separate = token.isOption && is_one_of(token.text, names);
-    if (!found && !separate) {
-      ++i;
-      continue;
-    }
-    tokens_.erase(tokens_.begin() + static_cast<std::ptrdiff_t>(i));
-    if (separate) {
-      // The value is the next word, which must not itself be an option.
-      if (i >= tokens_.size() || tokens_[i].isOption) {
-        Fail("option " + token.text + " needs a value");
-        continue;
-      }
-      found = tokens_[i].text;
-      tokens_.erase(tokens_.begin() + static_cast<std::ptrdiff_t>(i));
-    }
-    if (value) Fail("option " + std::string(*names.begin()) + " given twice");
-    value = found;
-  }
-  return value;
+  const std::vector<std::string> values = TakeValues(names);
+  if (values.size() > 1) Fail("option " + std::string(*names.begin()) + " given twice");
+  if (values.empty()) return std::nullopt;
+  return values.back();
 }
 
 std::vector<std::string> BatchArgs::TakeValues(std::initializer_list<const char*> names) {

@@ -84,13 +84,8 @@ int32_t leading_dti_channels(const PcdRawVolumeData* volume) {
   return count;
 }
 
-bool load_raw_volume(const std::string& path, bool mapBody, BatchDataSet* set) {
-  set->volume = mapBody ? ReadRawVolumeFileMapped(path.c_str(), &set->information)
-                        : ReadRawVolumeFile(path.c_str(), &set->information);
-  if (set->volume == nullptr) {
-    std::fprintf(stderr, "Err: cannot read the raw volume file %s\n", path.c_str());
-    return false;
-  }
+// The DTI record over a volume read without one: its leading DWI channels, one So.
+bool attach_default_dti(BatchDataSet* set) {
   const int32_t count = leading_dti_channels(set->volume);
   set->dti = PCDdti_NewDiffusionTensorImageData(set->volume, count);
   if (set->dti == nullptr) {
@@ -99,6 +94,16 @@ bool load_raw_volume(const std::string& path, bool mapBody, BatchDataSet* set) {
   }
   PCDdti_SetPropertiesOfDiffusionTensorImageDataAsSingleSoDefault(set->dti, count);
   return true;
+}
+
+bool load_raw_volume(const std::string& path, bool mapBody, BatchDataSet* set) {
+  set->volume = mapBody ? ReadRawVolumeFileMapped(path.c_str(), &set->information)
+                        : ReadRawVolumeFile(path.c_str(), &set->information);
+  if (set->volume == nullptr) {
+    std::fprintf(stderr, "Err: cannot read the raw volume file %s\n", path.c_str());
+    return false;
+  }
+  return attach_default_dti(set);
 }
 
 bool load_dti_file(const std::string& path, BatchDataSet* set) {
@@ -128,13 +133,7 @@ bool load_dicom(const std::string& path, const BatchInputOptions& options, Batch
     std::fprintf(stderr, "Err: cannot import the DICOM directory %s\n", path.c_str());
     return false;
   }
-  const int32_t count = leading_dti_channels(set->volume);
-  set->dti = PCDdti_NewDiffusionTensorImageData(set->volume, count);
-  if (set->dti == nullptr) {
-    std::fputs("Err: failed to create DTI data\n", stderr);
-    return false;
-  }
-  PCDdti_SetPropertiesOfDiffusionTensorImageDataAsSingleSoDefault(set->dti, count);
+  if (!attach_default_dti(set)) return false;
   PCD_SetDicomMpgSetting(set->dti, series);
   set->dti->reserved = series.voxelSize;
   set->geometry = series.geometry;  // xformCode 0 (a default follows) without orientation
