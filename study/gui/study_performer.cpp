@@ -186,7 +186,13 @@ void PCD_ReloadStudyPanel() {
   PcdStudyPerformer* p = PCD_GetStudyPerformer();
   if (p == nullptr || p->filling) return;
   PCD_StoreStudyPanel();
-  load_panel(p, PCD_FindStudyObject(studies(), p->shownId));
+  // the settings only: a summary page being edited keeps its text
+  const PcdStudyObject* study = PCD_FindStudyObject(studies(), p->shownId);
+  PcdStudyPanel* panel = panel_of(p, study);
+  if (panel == nullptr) return;
+  p->filling = true;
+  panel->load(study);
+  p->filling = false;
 }
 
 void PCD_SelectStudy(uint16_t id) {

@@ -105,9 +105,10 @@ TEST(DesktopProgram, StartsOnTheViewersVolumeAndRunsItsCommands) {
 
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
-  ASSERT_EQ(PCD_InitializeApplication(2, argv), 1);
+  const int started = PCD_InitializeApplication(2, argv);
   std::string err = testing::internal::GetCapturedStderr();
   std::string out = testing::internal::GetCapturedStdout();
+  ASSERT_EQ(started, 1) << out << err;
   EXPECT_EQ(err.rfind("IPC available (IPC Client initialization succeeded)\n>> Establishing connection ... OK\n", 0), 0u) << err;
   EXPECT_EQ(out, "");
   EXPECT_EQ(pcd_app->viewerSessionNumber, server.number);
@@ -243,9 +244,10 @@ TEST(DesktopProgram, LoadsAndExportsThroughItsDialogs) {
   char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
-  ASSERT_EQ(PCD_InitializeApplication(2, argv), 1);
-  testing::internal::GetCapturedStdout();
-  testing::internal::GetCapturedStderr();
+  const int started = PCD_InitializeApplication(2, argv);
+  const std::string startOut = testing::internal::GetCapturedStdout();
+  const std::string startErr = testing::internal::GetCapturedStderr();
+  ASSERT_EQ(started, 1) << startOut << startErr;
   const auto chosen = [](const std::string& path) { return PcdDialogAnswer{kPcdFileChosen, path}; };
 
   // exports, each through the file chooser with its default name

@@ -71,9 +71,10 @@ TEST(DesktopDicomImport, MenuCommandImportsADirectoryThroughTheLoadingWorkflow) 
   char* argv[] = {const_cast<char*>("quorix"), number.data(), nullptr};
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
-  ASSERT_EQ(PCD_InitializeApplication(2, argv), 1);
-  testing::internal::GetCapturedStdout();
-  testing::internal::GetCapturedStderr();
+  const int started = PCD_InitializeApplication(2, argv);
+  const std::string startOut = testing::internal::GetCapturedStdout();
+  const std::string startErr = testing::internal::GetCapturedStderr();
+  ASSERT_EQ(started, 1) << startOut << startErr;
   ASSERT_TRUE(PCD_MpgReady());
   const auto chosen = [](const std::string& path) { return PcdDialogAnswer{kPcdFileChosen, path}; };
   Console console;
