@@ -343,6 +343,9 @@ TEST(SliceViews, AClickMovesTheCursorEverywhereAndTellsTheViewer) {
   testing::internal::GetCapturedStderr();
   const std::string summary = PCD_GetStudySummary(stats);
   EXPECT_EQ(summary.rfind("Tensors: 672\n", 0), 0u) << summary;
+  Drain();
+  SaveShot(pcd_app->window, "statistics-box-summary.png");
+  SaveShot(pcd_views->window, "views-box.png");
 }
 
 TEST(SliceViews, TheMouseDrawsRoisAndCtrlZTakesEditsBack) {
