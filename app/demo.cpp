@@ -46,7 +46,8 @@ void Analyze(PcdStudyObject* study) {
   const auto start = std::chrono::steady_clock::now();
   gtk_button_clicked(GTK_BUTTON(pcd_app->analyzeButton));
   const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  std::fprintf(stderr, "Demo: %s: %.2f s\n", study->label, s);
+  const std::string summary = PCD_GetStudySummary(study);
+  std::fprintf(stderr, "Demo: %s: %.2f s (%s)\n", study->label, s, summary.substr(0, summary.find('\n')).c_str());
 }
 
 void UseListedSeed(PcdStudyObject* study, uint16_t roiId) {
