@@ -371,10 +371,31 @@ TEST(StudyPages, SphereSeedTracksTheBundleAndTheSessionComesBack) {
   EXPECT_NE(err.find("Requesting removal of Object 2\n"), std::string::npos) << err;
   ASSERT_TRUE(Start(server.number));
   console.Take();
+  // the views look at the seed sphere's section before the session comes back
+  ASSERT_NE(pcd_views, nullptr);
+  PCDview_SetCursor({10, 15, 5}, false);
+  Drain(250);
+  PcdViewPane* axial = &pcd_views->panes[0];
+  double sx = 0, sy = 0;
+  ASSERT_TRUE(PCDview_VoxelToPixel(axial->geometry, {10.5f, 15.5f, 5.5f}, &sx, &sy, nullptr));
+  const auto aroundSeed = [&] {  // the pixels within a voxel of the sphere's centre
+    std::vector<uint32_t> pixels;
+    cairo_surface_flush(axial->image);
+    const uint8_t* data = cairo_image_surface_get_data(axial->image);
+    const int stride = cairo_image_surface_get_stride(axial->image);
+    for (int y = int(sy) - 8; y <= int(sy) + 8; ++y)
+      for (int x = int(sx) - 8; x <= int(sx) + 8; ++x)
+        pixels.push_back(*reinterpret_cast<const uint32_t*>(data + y * stride + x * 4));
+    return pixels;
+  };
+  const std::vector<uint32_t> withoutSphere = aroundSeed();
   g_seen.clear();
   g_answers = {{kPcdConfirmYes, ""}, Chosen(dir.file("work.qws"))};
   Activate(pcd_app->mainMenu, "/File/Open work data");
   err = console.Take();
+  // its ROIs show in the views at once, with no other action
+  Drain(250);
+  EXPECT_NE(aroundSeed(), withoutSphere) << "the opened session's sphere is not drawn";
   ASSERT_EQ(g_seen.size(), 3u);
   EXPECT_EQ(g_seen[0].text, "Discard current session data?");
   EXPECT_EQ(g_seen[2].title, "Notice");
