@@ -16,6 +16,7 @@
 #include "app/app_state.h"
 #include "app/commands.h"
 #include "app/dialogs.h"
+#include "app/main_window.h"
 #include "app/startup.h"
 #include "gui_find.h"
 #include "io/raw_volume_file.h"
@@ -715,6 +716,19 @@ TEST(SliceViews, ChannelsOpenInTheirOwnWindowAndTypedRoisRedrawAtOnce) {
   EXPECT_GT(nearNew, 0);
   Drain();
   SaveShot(pcd_views->window, "views-typed-sphere.png");
+
+  // the views window lies beside the main window, not over it
+  gint mainX = 0, mainY = 0, mainW = 0, mainH = 0, viewsX = 0, viewsY = 0;
+  gtk_window_get_position(GTK_WINDOW(pcd_app->window), &mainX, &mainY);
+  gtk_window_get_size(GTK_WINDOW(pcd_app->window), &mainW, &mainH);
+  gtk_window_get_position(GTK_WINDOW(pcd_views->window), &viewsX, &viewsY);
+  EXPECT_GE(viewsX, mainX + mainW);
+  // and stays there: a long status line does not widen the main window under the views
+  PCD_SetStatus(std::string(40, 'x').append(" a status line far longer than the window is wide ").append(200, 'y').c_str());
+  Drain();
+  gint widthAfter = 0, heightAfter = 0;
+  gtk_window_get_size(GTK_WINDOW(pcd_app->window), &widthAfter, &heightAfter);
+  EXPECT_EQ(widthAfter, mainW);
 
   // the study list shows its labels whole: the label column lies inside the visible
   // part of the list and is as wide as each label's text
