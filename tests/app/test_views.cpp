@@ -15,6 +15,7 @@
 
 #include "app/app_state.h"
 #include "app/commands.h"
+#include "app/demo.h"
 #include "app/dialogs.h"
 #include "app/main_window.h"
 #include "app/startup.h"
@@ -629,6 +630,41 @@ TEST(SliceViews, PaletteFrameCommandsAndAcceleratorsLeaveTypingAlone) {
   EXPECT_EQ(std::count(mask.begin(), mask.end(), 1), 1);
   EXPECT_EQ(mask[s.At(3, 4, pcd_views->cursor.z)], 1);
   EXPECT_EQ(CountVoxels(target), 1);
+}
+
+// The newcomer's demonstration (tools/run.sh): a tracking study seeded in the straight
+// bundle, statistics over the 8 x 6 x 4 box around the seed voxel (32 / 5 = 6, 16, 6:
+// x 2..9, y 13..18, z 4..7, inside the volume: 192 voxels), the colour map shown.
+TEST(SliceViews, TheDemonstrationTracksTheBundleAndCountsItsBox) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  ViewsSession s;
+  ASSERT_TRUE(s.ok);
+  const int32_t channels = pcd_app->session.volume->matrixSize->channels;
+  testing::internal::CaptureStderr();
+  const bool ran = PCD_RunDemo({});
+  const std::string console = testing::internal::GetCapturedStderr();
+  ASSERT_TRUE(ran) << console;
+  EXPECT_EQ(pcd_app->session.volume->matrixSize->channels, channels);  // the maps were there
+  EXPECT_EQ(PCDview_GetChannel(), s.colourChannel);
+  EXPECT_EQ(pcd_views->boxOrigin.x, 2);
+  EXPECT_EQ(pcd_views->boxOrigin.y, 13);
+  EXPECT_EQ(pcd_views->boxOrigin.z, 4);
+  const PcdStudyObject* tracking = nullptr;
+  const PcdStudyObject* statistics = nullptr;
+  for (const auto& study : pcd_app->session.studies.items) {
+    if (study->type == PCD_STUDY_FIBER_TRACKING && !tracking) tracking = study.get();
+    if (study->type == PCD_STUDY_VOXEL_STATISTICS && !statistics) statistics = study.get();
+  }
+  ASSERT_NE(tracking, nullptr);
+  ASSERT_NE(statistics, nullptr);
+  EXPECT_EQ(PCD_GetStudySummary(statistics).rfind("Tensors: 192\n", 0), 0u) << PCD_GetStudySummary(statistics);
+  // the seed voxel lies in the bundle along x, and its fibers are drawn
+  EXPECT_GT(s.truth.fa[s.At(6, 16, 6)], 0.6f);
+  EXPECT_GT(std::fabs(s.truth.direction[s.At(6, 16, 6)].x), 0.9f);
+  const PcdFiberLayer* fibers = PCDview_GetStudyFibers(tracking->id);
+  ASSERT_NE(fibers, nullptr) << console;
+  EXPECT_GT(fibers->fiberStart.size(), 1u);
+  EXPECT_NE(console.find("Demo: Fiber tracking 1: "), std::string::npos) << console;
 }
 
 TEST(SliceViews, ChannelsOpenInTheirOwnWindowAndTypedRoisRedrawAtOnce) {
