@@ -46,7 +46,8 @@ void Analyze(PcdStudyObject* study) {
   const auto start = std::chrono::steady_clock::now();
   gtk_button_clicked(GTK_BUTTON(pcd_app->analyzeButton));
   const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  std::fprintf(stderr, "Demo: %s: %.2f s\n", study->label, s);
+  const std::string summary = PCD_GetStudySummary(study);
+  std::fprintf(stderr, "Demo: %s: %.2f s (%s)\n", study->label, s, summary.substr(0, summary.find('\n')).c_str());
 }
 
 void UseListedSeed(PcdStudyObject* study, uint16_t roiId) {
@@ -76,7 +77,9 @@ bool PCD_RunDemo(const PcdDemoOptions& options) {
     std::fputs("Warning: the demonstration needs a DWI data set with its MPG setting.\n", stderr);
     return false;
   }
-  cmd_add_computational_channels(nullptr, 0, nullptr);
+  const PcdDtiData* dti = pcd_app->session.dti;
+  if (dti && pcd_app->session.volume->matrixSize->channels <= dti->channelCount)  // no maps yet
+    cmd_add_computational_channels(nullptr, 0, nullptr);
   const PcdIntSize4D size = *pcd_app->session.volume->matrixSize;
   // the straight bundle runs along x through the middle; the seed sits a fifth of the way in
   const PcdIntVector3D at{size.x / 5, size.y / 2, size.z / 2};

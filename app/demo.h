@@ -12,6 +12,6 @@ struct PcdDemoOptions {
   bool allKinds = false;   // fiber modeling and a diffusion profile too (the bench's run)
 };
 
-// Runs the demonstration's studies; prints "Demo: <study label>: <seconds> s" for each
-// on the console. False (with a "Warning: " line) when the data set is not ready for it.
+// Runs the demonstration's studies; prints "Demo: <study label>: <seconds> s (<first line
+// of its summary>)" for each on the console. False (with a "Warning: " line) when the data set is not ready for it.
 bool PCD_RunDemo(const PcdDemoOptions& options);

@@ -571,9 +571,12 @@ bool PCDview_OpenViewsWindow() {
   // ones no longer count
   gtk_window_resize(GTK_WINDOW(v->window), 1, 1);
   if (pcd_app && pcd_app->window) {
-    gint x = 0, y = 0;
+    gint x = 0, y = 0, width = 0, height = 0;
     gtk_window_get_position(GTK_WINDOW(pcd_app->window), &x, &y);
-    gtk_window_move(GTK_WINDOW(v->window), x + gtk_widget_get_allocated_width(pcd_app->window) + 8, y);
+    // before its first allocation the main window's width is the size it asks for
+    gtk_window_get_size(GTK_WINDOW(pcd_app->window), &width, &height);
+    width = std::max(width, gtk_widget_get_allocated_width(pcd_app->window));
+    gtk_window_move(GTK_WINDOW(v->window), x + width + 8, y);
   }
   FollowDataSet();
   return true;

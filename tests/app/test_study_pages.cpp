@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -26,6 +27,8 @@
 #include "support/gui_support.h"
 #include "support/test_support.h"
 #include "tools/phantom/phantom.h"
+#include "view/fiber_overlay.h"
+#include "view/views_window.h"
 
 
 namespace {
@@ -303,10 +306,31 @@ TEST(StudyPages, SphereSeedTracksTheBundleAndTheSessionComesBack) {
   EXPECT_NE(err.find("Requesting removal of Object 2\n"), std::string::npos) << err;
   ASSERT_TRUE(Start(server.number));
   console.Take();
+  // the views look at the seed sphere's section before the session comes back
+  ASSERT_NE(pcd_views, nullptr);
+  PCDview_SetCursor({10, 15, 5}, false);
+  Drain(250);
+  PcdViewPane* axial = &pcd_views->panes[0];
+  double sx = 0, sy = 0;
+  ASSERT_TRUE(PCDview_VoxelToPixel(axial->geometry, {10.5f, 15.5f, 5.5f}, &sx, &sy, nullptr));
+  const auto aroundSeed = [&] {  // the pixels within a voxel of the sphere's centre
+    std::vector<uint32_t> pixels;
+    cairo_surface_flush(axial->image);
+    const uint8_t* data = cairo_image_surface_get_data(axial->image);
+    const int stride = cairo_image_surface_get_stride(axial->image);
+    for (int y = int(sy) - 8; y <= int(sy) + 8; ++y)
+      for (int x = int(sx) - 8; x <= int(sx) + 8; ++x)
+        pixels.push_back(*reinterpret_cast<const uint32_t*>(data + y * stride + x * 4));
+    return pixels;
+  };
+  const std::vector<uint32_t> withoutSphere = aroundSeed();
   g_seen.clear();
   g_answers = {{kPcdConfirmYes, ""}, Chosen(dir.file("work.qws"))};
   Activate(pcd_app->mainMenu, "/File/Open work data");
   err = console.Take();
+  // its ROIs show in the views at once, with no other action
+  Drain(250);
+  EXPECT_NE(aroundSeed(), withoutSphere) << "the opened session's sphere is not drawn";
   ASSERT_EQ(g_seen.size(), 3u);
   EXPECT_EQ(g_seen[0].text, "Discard current session data?");
   EXPECT_EQ(g_seen[2].title, "Notice");
@@ -588,6 +612,118 @@ TEST(StudyPages, MenusPanelsAndEditorsAsTheUserSeesThem) {
 
   PCD_CleanUpApplication();
   PCD_SetDialogResponder(nullptr);
+}
+
+// A fiber modeling study with its default settings, as a user makes it: imported from a
+// study object file, seeded from a sphere typed into the ROI editor in the straight
+// bundle of the noisy 64 x 64 x 24 phantom, run with " Analyze and Display ". It must
+// finish, and its fibers must follow the phantom's true directions: every segment in a
+// voxel with one true direction within 30 degrees of it, every node in the bundles' slab
+// and hardly any in isotropic tissue.
+TEST(StudyPages, ADefaultModelingStudyOnNoisyDataFinishesOnTheBundle) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  TempDir dir;
+  std::filesystem::create_directory(dir.path() / "saved");
+  constexpr int kX = 64, kY = 64, kZ = 24;
+  PcdPhantomTruth truth;
+  {
+    PcdDtiData* dti = PCD_MakeDwiPhantom({.sizeX = kX, .sizeY = kY, .sizeZ = kZ, .noise = 0.02f}, &truth);
+    ASSERT_NE(dti, nullptr);
+    WriteRawVolumeFile(dti->volume, dir.file("noisy.raw").c_str());
+    PCD_DeleteRawVolumeData(dti->volume);
+    std::free(dti);
+    PcdWorkSession other;
+    PCD_NewStudyObject(&other.studies, PCD_STUDY_FIBER_MODELING, nullptr);
+    const PcdIntSize3D size{kX, kY, kZ};
+    ASSERT_EQ(PCD_SaveStudyObjectFile(other.studies.items[0].get(), &size, dir.file("model.study").c_str()), 0);
+  }
+  quorix_test::ServerProcess server({"--volume", dir.file("noisy.raw"), "--voxel-size", "2", "--save-dir",
+                                     dir.file("saved")});
+  AnswerDialogs();
+  Console console;
+  struct CleanUp {  // also when an assertion ends the test early
+    ~CleanUp() {
+      PCD_CleanUpApplication();
+      PCD_SetDialogResponder(nullptr);
+    }
+  } cleanUp;
+  ASSERT_TRUE(Start(server.number));
+  PcdRoiEditor* e = Editor();
+  PcdStudyPerformer* p = Performer();
+  Activate(pcd_app->mainMenu, "/Special/Add computational channels");
+
+  // the seed: a sphere of radius 1.5 at voxel (12, 31, 11), in the bundle along x
+  // (y 27..36, z 9..14) and away from the crossing (x 27..36)
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 1);
+  ClickRow(e->list, 0);
+  Type(e->sphere[0], "12.5");
+  Type(e->sphere[1], "31.5");
+  Type(e->sphere[2], "11.5");
+  Type(e->sphere[3], "1.5");
+  ASSERT_GT(truth.fa[12 + kX * (31 + kY * 11)], 0.6f);
+
+  g_answers = {Chosen(dir.file("model.study"))};
+  Activate(pcd_app->mainMenu, "/File/Import/Study object");
+  gtk_notebook_set_current_page(GTK_NOTEBOOK(pcd_app->notebook), 0);
+  ASSERT_EQ(Rows(p->store).back(), "3|Fiber modeling|o|-|Fiber modeling 1");
+  ClickRow(p->list, 3);
+  PcdStudyPanel* modeling = p->panels[PCD_STUDY_FIBER_MODELING].get();
+  ASSERT_TRUE(gtk_widget_get_visible(modeling->widget));
+  ShowTab(modeling->notebook, "Seed");
+  GtkWidget* seedPage = gtk_notebook_get_nth_page(GTK_NOTEBOOK(modeling->notebook), 0);
+  gtk_button_clicked(GTK_BUTTON(Button(seedPage, "Listed")));
+  GtkWidget* roiList = Find(seedPage, [](GtkWidget* w) { return GTK_IS_TREE_VIEW(w); });
+  ASSERT_NE(roiList, nullptr);
+  GList* cells = gtk_cell_layout_get_cells(GTK_CELL_LAYOUT(gtk_tree_view_get_column(GTK_TREE_VIEW(roiList), 0)));
+  g_signal_emit_by_name(cells->data, "toggled", "0");  // the sphere's box
+  g_list_free(cells);
+  const PcdStudyObject* study = PCD_GetSelectedStudyObject(&pcd_app->session.studies);
+  ASSERT_EQ(study->type, PCD_STUDY_FIBER_MODELING);
+  ASSERT_EQ(study->tract->regions[0].idCount, 1);
+  console.Take();
+
+  gtk_button_clicked(GTK_BUTTON(p->analyze));
+  const std::string err = console.Take();
+  const std::string summary = TextOf(SummaryView());
+  EXPECT_EQ(summary.rfind("Seed Points:   19\n", 0), 0u) << summary << err;
+  const PcdFiberLayer* fibers = PCDview_GetStudyFibers(study->id);
+  ASSERT_NE(fibers, nullptr) << err;
+  ASSERT_GT(fibers->fiberStart.size(), 10u) << summary;
+  int along = 0, across = 0, offBundles = 0, inBand = 0, nodes = 0;
+  const auto voxel = [&](const PcdFiberNode& n, size_t* at) {
+    const double x = std::floor(n.x), y = std::floor(n.y), z = std::floor(n.z);
+    if (x < 0 || y < 0 || z < 0 || x >= kX || y >= kY || z >= kZ) return false;
+    *at = size_t(x) + kX * (size_t(y) + kY * size_t(z));
+    return true;
+  };
+  for (size_t f = 0; f + 1 < fibers->fiberStart.size(); ++f)
+    for (uint32_t k = fibers->fiberStart[f]; k < fibers->fiberStart[f + 1]; ++k) {
+      const PcdFiberNode& n = fibers->nodes[k];
+      size_t at = 0;
+      if (!voxel(n, &at)) continue;
+      ++nodes;
+      // isotropic tissue (not the fluid rim where the bundles end, not the crossing,
+      // whose voxels have no single true direction) is off the bundles
+      const bool tissue = truth.adc[at] > 0 && truth.fa[at] < 0.05f && std::fabs(truth.adc[at] - 2.5e-3f) > 1e-6f;
+      offBundles += tissue;
+      inBand += std::fabs(n.z - 12.0) <= 4.0;  // the bundles' slab: z 9..14
+      const PcdVector3D d = truth.direction[at];
+      if (k + 1 >= fibers->fiberStart[f + 1] || (d.x == 0 && d.y == 0 && d.z == 0)) continue;
+      const PcdFiberNode& m = fibers->nodes[k + 1];
+      const double sx = m.x - n.x, sy = m.y - n.y, sz = m.z - n.z;
+      const double length = std::sqrt(sx * sx + sy * sy + sz * sz);
+      if (length == 0) continue;
+      (std::fabs(sx * d.x + sy * d.y + sz * d.z) >= 0.866 * length ? along : across) += 1;
+    }
+  EXPECT_GT(along, 100);
+  EXPECT_EQ(across, 0);
+  EXPECT_LE(offBundles * 100, nodes * 2) << offBundles << " of " << nodes << " nodes in isotropic tissue";
+  EXPECT_EQ(inBand, nodes);
+  // the fibers over the colour map, the cursor on the seed
+  PCDview_SetChannel(31);  // So + 30 DWIs, then colour
+  PCDview_SetCursor({12, 31, 11}, false);
+  Screenshot(pcd_views->window, "views-modeling.png");
+  Screenshot(pcd_app->window, "study-modeling-analyzed.png");
 }
 
 }  // namespace

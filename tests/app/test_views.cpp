@@ -15,6 +15,8 @@
 
 #include "app/services/app_state.h"
 #include "app/commands.h"
+#include "app/demo.h"
+#include "app/main_window.h"
 #include "app/services/dialogs.h"
 #include "app/startup.h"
 #include "gui_find.h"
@@ -286,6 +288,9 @@ TEST(SliceViews, AClickMovesTheCursorEverywhereAndTellsTheViewer) {
   testing::internal::GetCapturedStderr();
   const std::string summary = PCD_GetStudySummary(stats);
   EXPECT_EQ(summary.rfind("Tensors: 672\n", 0), 0u) << summary;
+  Drain();
+  SaveShot(pcd_app->window, "statistics-box-summary.png");
+  SaveShot(pcd_views->window, "views-box.png");
 }
 
 TEST(SliceViews, TheMouseDrawsRoisAndCtrlZTakesEditsBack) {
@@ -570,6 +575,41 @@ TEST(SliceViews, PaletteFrameCommandsAndAcceleratorsLeaveTypingAlone) {
   EXPECT_EQ(CountVoxels(target), 1);
 }
 
+// The newcomer's demonstration (tools/run.sh): a tracking study seeded in the straight
+// bundle, statistics over the 8 x 6 x 4 box around the seed voxel (32 / 5 = 6, 16, 6:
+// x 2..9, y 13..18, z 4..7, inside the volume: 192 voxels), the colour map shown.
+TEST(SliceViews, TheDemonstrationTracksTheBundleAndCountsItsBox) {
+  ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
+  ViewsSession s;
+  ASSERT_TRUE(s.ok);
+  const int32_t channels = pcd_app->session.volume->matrixSize->channels;
+  testing::internal::CaptureStderr();
+  const bool ran = PCD_RunDemo({});
+  const std::string console = testing::internal::GetCapturedStderr();
+  ASSERT_TRUE(ran) << console;
+  EXPECT_EQ(pcd_app->session.volume->matrixSize->channels, channels);  // the maps were there
+  EXPECT_EQ(PCDview_GetChannel(), s.colourChannel);
+  EXPECT_EQ(pcd_views->boxOrigin.x, 2);
+  EXPECT_EQ(pcd_views->boxOrigin.y, 13);
+  EXPECT_EQ(pcd_views->boxOrigin.z, 4);
+  const PcdStudyObject* tracking = nullptr;
+  const PcdStudyObject* statistics = nullptr;
+  for (const auto& study : pcd_app->session.studies.items) {
+    if (study->type == PCD_STUDY_FIBER_TRACKING && !tracking) tracking = study.get();
+    if (study->type == PCD_STUDY_VOXEL_STATISTICS && !statistics) statistics = study.get();
+  }
+  ASSERT_NE(tracking, nullptr);
+  ASSERT_NE(statistics, nullptr);
+  EXPECT_EQ(PCD_GetStudySummary(statistics).rfind("Tensors: 192\n", 0), 0u) << PCD_GetStudySummary(statistics);
+  // the seed voxel lies in the bundle along x, and its fibers are drawn
+  EXPECT_GT(s.truth.fa[s.At(6, 16, 6)], 0.6f);
+  EXPECT_GT(std::fabs(s.truth.direction[s.At(6, 16, 6)].x), 0.9f);
+  const PcdFiberLayer* fibers = PCDview_GetStudyFibers(tracking->id);
+  ASSERT_NE(fibers, nullptr) << console;
+  EXPECT_GT(fibers->fiberStart.size(), 1u);
+  EXPECT_NE(console.find("Demo: Fiber tracking 1: "), std::string::npos) << console;
+}
+
 TEST(SliceViews, ChannelsOpenInTheirOwnWindowAndTypedRoisRedrawAtOnce) {
   ASSERT_TRUE(gtk_init_check(nullptr, nullptr)) << "no display (run under xvfb-run)";
   ViewsSession s;
@@ -655,6 +695,19 @@ TEST(SliceViews, ChannelsOpenInTheirOwnWindowAndTypedRoisRedrawAtOnce) {
   EXPECT_GT(nearNew, 0);
   Drain();
   SaveShot(pcd_views->window, "views-typed-sphere.png");
+
+  // the views window lies beside the main window, not over it
+  gint mainX = 0, mainY = 0, mainW = 0, mainH = 0, viewsX = 0, viewsY = 0;
+  gtk_window_get_position(GTK_WINDOW(pcd_app->window), &mainX, &mainY);
+  gtk_window_get_size(GTK_WINDOW(pcd_app->window), &mainW, &mainH);
+  gtk_window_get_position(GTK_WINDOW(pcd_views->window), &viewsX, &viewsY);
+  EXPECT_GE(viewsX, mainX + mainW);
+  // and stays there: a long status line does not widen the main window under the views
+  PCD_SetStatus(std::string(40, 'x').append(" a status line far longer than the window is wide ").append(200, 'y').c_str());
+  Drain();
+  gint widthAfter = 0, heightAfter = 0;
+  gtk_window_get_size(GTK_WINDOW(pcd_app->window), &widthAfter, &heightAfter);
+  EXPECT_EQ(widthAfter, mainW);
 
   // the study list shows its labels whole: the label column lies inside the visible
   // part of the list and is as wide as each label's text
