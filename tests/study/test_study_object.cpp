@@ -165,6 +165,10 @@ TEST(StudySerialization, TrackingStudyRegionsAndShapesInOrder) {
   t.seedSource = kPcdSeedFromList;
   const uint16_t seeds[] = {5};
   PCD_SetStudyRegionIds(study, 0, seeds, 1);
+  // a count outside 0..max or a region that does not exist changes nothing
+  EXPECT_EQ(PCD_SetStudyRegionIds(study, 0, seeds, -1), -1);
+  EXPECT_EQ(PCD_SetStudyRegionIds(study, 0, seeds, kPcdRegionMaxIds + 1), -1);
+  EXPECT_EQ(PCD_SetStudyRegionIds(study, 3, seeds, 1), -1);
   t.regions[2].shape->points = {{1, 2, 3}};
   PCD_SetStudyLabel(study, "L. Pyramidal Tract");
 
