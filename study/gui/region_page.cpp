@@ -24,6 +24,12 @@ void on_use_toggled(GtkCellRendererToggle*, gchar* pathText, gpointer data) {
   PCD_AnnounceStudyRois();
 }
 
+// A region switched on or off, or given another kind, shows as such in the views at once.
+void on_region_setting_toggled(GtkToggleButton* button, gpointer) {
+  const bool radio = GTK_IS_RADIO_BUTTON(button);
+  if (!radio || gtk_toggle_button_get_active(button)) PCD_StudyPanelEdited();
+}
+
 }  // namespace
 
 std::unique_ptr<PcdRegionPage> PCD_NewRegionPage(bool listed, bool withUse) {
@@ -36,6 +42,9 @@ std::unique_ptr<PcdRegionPage> PCD_NewRegionPage(bool listed, bool withUse) {
   }
   page->kind = PCD_NewRadioGroup(nullptr, listed ? kPcdTractRegionChoices : kPcdVoxelRegionChoices, false);
   gtk_box_pack_start(GTK_BOX(box), page->kind.widget, FALSE, FALSE, 0);
+  for (GtkWidget* button : page->kind.buttons)
+    g_signal_connect(button, "toggled", G_CALLBACK(on_region_setting_toggled), nullptr);
+  if (page->use) g_signal_connect(page->use, "toggled", G_CALLBACK(on_region_setting_toggled), nullptr);
   {  // every region kind table offers "Listed": the ROIs ticked here
     page->store = gtk_list_store_new(4, G_TYPE_BOOLEAN, G_TYPE_STRING, G_TYPE_STRING, G_TYPE_UINT);
     page->list = gtk_tree_view_new_with_model(GTK_TREE_MODEL(page->store));

@@ -182,6 +182,13 @@ void PCD_RefreshStudyPerformer() {
   PCD_NoticeStudiesChanged();  // regions, visibility and results of the listed studies show at once
 }
 
+void PCD_StudyPanelEdited() {
+  PcdStudyPerformer* p = PCD_GetStudyPerformer();
+  if (p == nullptr || p->filling) return;
+  PCD_StoreStudyPanel();
+  PCD_NoticeStudiesChanged();
+}
+
 void PCD_ReloadStudyPanel() {
   PcdStudyPerformer* p = PCD_GetStudyPerformer();
   if (p == nullptr || p->filling) return;

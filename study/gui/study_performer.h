@@ -60,6 +60,9 @@ void PCD_RefreshStudyPerformer();
 void PCD_SelectStudy(uint16_t id);
 // Stores the shown panel and fills it again: its region pages list the ROIs there are now.
 void PCD_ReloadStudyPanel();
+// The user changed a setting of the shown panel that the views draw (a region's kind or
+// use): the study takes the panel's settings and the views show them at once.
+void PCD_StudyPanelEdited();
 // New study of a type: store, create (with its viewer object group), show.
 PcdStudyObject* PCD_NewStudyFromPerformer(int32_t type);
 // Analyses the selected study (dump: "Analyze and dump result") and shows its summary.

@@ -279,7 +279,33 @@ TEST(SliceViews, ASeedSphereDrawnWithTheSeedPaletteSeedsTrackingThere) {
   EXPECT_FLOAT_EQ(study->tract->regions[1].shape->radius, 2.0f);
   Drain();
   SaveShot(pcd_views->window, "regions-seed-and-target.png");
-  PressKey(GDK_KEY_z, GDK_CONTROL_MASK);
+  // the target's centre pixel in the axial pane: its blue while the region takes part; the
+  // user's unticking " use this region " takes it out of the views at once, ticking it back in
+  auto targetBlue = [] {
+    const PcdViewPane* p = Pane(0);
+    double cx = 0, cy = 0, depth = 0;
+    if (!PCDview_VoxelToPixel(p->geometry, {24.5f, 15.5f, 5.5f}, &cx, &cy, &depth)) return false;
+    const uint32_t pixel = PixelAt(p->image, cx + 3, cy + 3);
+    const int r = pixel >> 16 & 255, g = pixel >> 8 & 255, b = pixel & 255;
+    return b > r + 40 && b > g + 40;
+  };
+  PCDview_SetChannel(0);  // grey So beneath, as for the seed above
+  Drain();
+  EXPECT_TRUE(targetBlue());
+  GtkWidget* targetUse = Find(PanelPage(PCD_STUDY_FIBER_TRACKING, 1), [](GtkWidget* w) {
+    return GTK_IS_CHECK_BUTTON(w) && gtk_button_get_label(GTK_BUTTON(w)) &&
+           std::string(gtk_button_get_label(GTK_BUTTON(w))) == " use this region ";
+  });
+  ASSERT_NE(targetUse, nullptr);
+  gtk_button_clicked(GTK_BUTTON(targetUse));
+  Drain();
+  EXPECT_NE(study->tract->regions[1].use, kPcdRegionInUse);
+  EXPECT_FALSE(targetBlue());
+  gtk_button_clicked(GTK_BUTTON(targetUse));
+  Drain();
+  EXPECT_EQ(study->tract->regions[1].use, kPcdRegionInUse);
+  EXPECT_TRUE(targetBlue());
+  PressKey(GDK_KEY_z, GDK_CONTROL_MASK);  // back to before the target was drawn
   EXPECT_NE(study->tract->regions[1].use, kPcdRegionInUse);
   EXPECT_FLOAT_EQ(seed.shape->radius, 1.5f);  // the seed stays
 
