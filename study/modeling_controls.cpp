@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "study/study_runner.h"
-
 int32_t PCD_OtsuThreshold(const int16_t* values, size_t count) {
   if (values == nullptr || count == 0) return 0;
   std::vector<int64_t> histogram(65536, 0);
@@ -91,5 +89,38 @@ PcdRawVolumeData* PCD_NewBoundedModelingControlVolume(const PcdDtiData* dti,
   const std::vector<uint8_t> around = PCD_DilateMask(near, size, kPcdModelingNeighbourhood);
   auto* bytes = static_cast<uint8_t*>(controls->data[0]);
   for (size_t i = 0; i < voxels; ++i) bytes[i] = bytes[i] != 0 && head[i] != 0 && around[i] != 0 ? 1 : 0;
+  return controls;
+}
+
+PcdRawVolumeData* PCD_NewModelingControlVolume(const PcdDtiData* dti,
+                                               const PcdDiffusionTensorLimits* limits) {
+  const PcdIntSize4D& s = *dti->volume->matrixSize;
+  const PcdIntSize3D size{s.x, s.y, s.z};
+  PcdRawVolumeData* controls = PCD_NewSingleChannelRawVolumeData(&size, UINT8, PCD_MONOCHROME);
+  PcdDiffusionTensorData* record = PCDdti_NewDiffusionTensorData(dti->channelCount, dti->soCount);
+  if (controls == nullptr || record == nullptr) {
+    std::fputs("insufficient memory\n", stderr);
+    PCD_DeleteRawVolumeData(controls);
+    PCDdti_DeleteDiffusionTensorData(record);
+    return nullptr;
+  }
+  auto* bytes = static_cast<uint8_t*>(controls->data[0]);
+  size_t at = 0;
+  for (int32_t z = 0; z < s.z; ++z)
+    for (int32_t y = 0; y < s.y; ++y)
+      for (int32_t x = 0; x < s.x; ++x, ++at) {
+        const PcdIntVector3D voxel{x, y, z};
+        bytes[at] = 0;
+        if (PCDdti_CalcAndDiagnalizeDiffusionTensorAtVoxel(dti, record, &voxel) == 0 ||
+            PCDdti_CheckDiffusionTensorIsValid(record) != 1)
+          continue;
+        const float fa = PCDdti_GetFA(record), adc = PCDdti_GetADC(record), so = PCDdti_GetSo(record);
+        const bool pass = !(limits->useFAmin == 1 && fa < limits->FAmin) &&
+                          !(limits->useADCmax == 1 && adc > limits->ADCmax) &&
+                          !(limits->useSoMin == 1 && so < limits->SoMin) &&
+                          !(limits->useSoMax == 1 && so > limits->SoMax);
+        bytes[at] = pass ? 1 : 0;
+      }
+  PCDdti_DeleteDiffusionTensorData(record);
   return controls;
 }

@@ -18,6 +18,12 @@
 // target regions.
 constexpr int kPcdModelingNeighbourhood = 16;
 
+// The default control-location volume of a modeling study: one byte a voxel, 1 where the
+// tensor is valid and passes the limits' FA minimum, ADC maximum, So minimum and So
+// maximum (each when its enable word is 1). Null when memory runs out.
+PcdRawVolumeData* PCD_NewModelingControlVolume(const PcdDtiData* dti,
+                                               const PcdDiffusionTensorLimits* limits);
+
 // Otsu's threshold of the values: the smallest t that maximises the between-class
 // variance of {v <= t} and {v > t}. The foreground is v > t; when all values are equal
 // the threshold is one below them, so everything is foreground.

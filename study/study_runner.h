@@ -104,12 +104,6 @@ std::vector<uint8_t> PCD_GetStudyRegionVoxels(const PcdStudyRegion* region,
                                               const PcdIntVector3D* boxOrigin,
                                               const PcdIntSize3D* boxSize);
 
-// The default control-location volume of a modeling study: one byte a voxel, 1 where the
-// tensor is valid and passes the limits' FA minimum, ADC maximum, So minimum and So
-// maximum (each when its enable word is 1). Null when memory runs out.
-PcdRawVolumeData* PCD_NewModelingControlVolume(const PcdDtiData* dti,
-                                               const PcdDiffusionTensorLimits* limits);
-
 // Runs a fiber tracking study on the session's data set and writes its summary
 // ("Seed Points:   %d\n", "Tracked Lines:   %d\n", "Drawn Lines:   %d\n",
 // "Buffer Size:   %3.1f Mb\n") into the study, which becomes analysed; with dump, the

@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "fiber/tracking.h"
+#include "study/modeling_controls.h"
 #include "study/study_runner.h"
 #include "support/test_support.h"
 #include "tools/phantom/phantom.h"
-#include "support/test_support.h"
 
 namespace {
 
