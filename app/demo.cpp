@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <functional>
 
 #include "app/services/app_state.h"
 #include "app/commands.h"
@@ -48,6 +49,15 @@ void Analyze(PcdStudyObject* study) {
   const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const std::string summary = PCD_GetStudySummary(study);
   std::fprintf(stderr, "Demo: %s: %.2f s (%s)\n", study->label, s, summary.substr(0, summary.find('\n')).c_str());
+}
+
+// The demonstration writes its settings into the study, not into its panel: the study is
+// shown first (the panel of the one shown before goes back into that one), then edited,
+// then shown again, so that " Analyze and Display " stores the edited settings back.
+void Edit(PcdStudyObject* study, const std::function<void()>& edit) {
+  PCD_SelectStudy(study->id);
+  edit();
+  PCD_RefreshStudyPerformer();
 }
 
 void UseListedSeed(PcdStudyObject* study, uint16_t roiId) {
@@ -95,15 +105,17 @@ bool PCD_RunDemo(const PcdDemoOptions& options) {
 
   PcdStudyObject* tracking = StudyOfType(PCD_STUDY_FIBER_TRACKING);
   if (tracking == nullptr) return false;
-  UseListedSeed(tracking, seed->id);
-  tracking->tract->coloring = kPcdColorUniform;  // yellow over the colour map
+  Edit(tracking, [&] {
+    UseListedSeed(tracking, seed->id);
+    tracking->tract->coloring = kPcdColorUniform;  // yellow over the colour map
+  });
   Analyze(tracking);
 
   // the box: 8 x 6 x 4 voxels around the seed
   PCDview_SetBoxVoi({at.x - 4, at.y - 3, at.z - 2}, {8, 6, 4});
   PcdStudyObject* statistics = StudyOfType(PCD_STUDY_VOXEL_STATISTICS);
   if (statistics == nullptr) return false;
-  UseBox(&statistics->statistics->region);
+  Edit(statistics, [&] { UseBox(&statistics->statistics->region); });
   Analyze(statistics);
   SaveShot(pcd_app->window, options.shotDir, "summary.png");
 
@@ -111,10 +123,12 @@ bool PCD_RunDemo(const PcdDemoOptions& options) {
     PcdStudyObject* modeling = StudyOfType(PCD_STUDY_FIBER_MODELING);
     PcdStudyObject* profile = StudyOfType(PCD_STUDY_DIFFUSION_PROFILE);
     if (modeling == nullptr || profile == nullptr) return false;
-    UseListedSeed(modeling, seed->id);
+    Edit(modeling, [&] { UseListedSeed(modeling, seed->id); });
     Analyze(modeling);
-    UseBox(&profile->profile->region);
-    profile->profile->useSoMax = 0;  // So of this data set lies far above the default 900
+    Edit(profile, [&] {
+      UseBox(&profile->profile->region);
+      profile->profile->useSoMax = 0;  // So of this data set lies far above the default 900
+    });
     Analyze(profile);
   }
 
