@@ -584,7 +584,9 @@ TEST(SliceViews, TheDemonstrationTracksTheBundleAndCountsItsBox) {
   ASSERT_TRUE(s.ok);
   const int32_t channels = pcd_app->session.volume->matrixSize->channels;
   testing::internal::CaptureStderr();
-  const bool ran = PCD_RunDemo({});
+  PcdDemoOptions everyKind;
+  everyKind.allKinds = true;
+  const bool ran = PCD_RunDemo(everyKind);
   const std::string console = testing::internal::GetCapturedStderr();
   ASSERT_TRUE(ran) << console;
   EXPECT_EQ(pcd_app->session.volume->matrixSize->channels, channels);  // the maps were there
@@ -608,6 +610,16 @@ TEST(SliceViews, TheDemonstrationTracksTheBundleAndCountsItsBox) {
   ASSERT_NE(fibers, nullptr) << console;
   EXPECT_GT(fibers->fiberStart.size(), 1u);
   EXPECT_NE(console.find("Demo: Fiber tracking 1: "), std::string::npos) << console;
+  // tracking and modeling seed from the same listed sphere of radius 2 around a voxel
+  // centre: the voxels at distance 0, 1, sqrt 2, sqrt 3 and 2, 1 + 6 + 12 + 8 + 6
+  int fiberStudies = 0;
+  for (const auto& study : pcd_app->session.studies.items) {
+    if (study->type != PCD_STUDY_FIBER_TRACKING && study->type != PCD_STUDY_FIBER_MODELING) continue;
+    ++fiberStudies;
+    EXPECT_EQ(PCD_GetStudySummary(study.get()).rfind("Seed Points:   33\n", 0), 0u)
+        << study->label << ": " << PCD_GetStudySummary(study.get());
+  }
+  EXPECT_EQ(fiberStudies, 2);
 }
 
 TEST(SliceViews, ChannelsOpenInTheirOwnWindowAndTypedRoisRedrawAtOnce) {
