@@ -10,7 +10,6 @@
 #include <type_traits>
 #include <utility>
 
-#include "dti/tensor.h"
 
 namespace pcd_eigen {
 

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "io/dicom_directory.h"
+#include "io/dicom_series.h"
 #include "vol/raw_volume.h"
 
 // One series of a directory, as `quorix-batch info DIR` lists it.
