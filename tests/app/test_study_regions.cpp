@@ -105,6 +105,19 @@ void Drag(double x0, double y0, double x1, double y1) {
   Drain(100);
 }
 
+// A closed contour in the axial pane through the corners of the voxel rectangle
+// x0..x1, y0..y1 (voxel coordinates, corners a fifth of a voxel inside).
+void DrawRectangle(double x0, double x1, double y0, double y1) {
+  const double w = Pane(0)->geometry.width / 2.0, h = Pane(0)->geometry.height / 2.0;
+  const double l = w + (x0 - kX / 2.0) * kPixels, r = w + (x1 - kX / 2.0) * kPixels;
+  const double t = h + (y0 - kY / 2.0) * kPixels, b = h + (y1 - kY / 2.0) * kPixels;
+  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, l, t);
+  SendMotion(Pane(0)->area, r, t);
+  SendMotion(Pane(0)->area, r, b);
+  SendMotion(Pane(0)->area, l, b);
+  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, l, b);
+}
+
 void PressKey(guint keyval, guint modifiers) { quorix_test::PressKey(pcd_views->window, keyval, modifiers); }
 
 void Activate(const PcdMenuBar& menu, const char* path) {
@@ -347,14 +360,7 @@ TEST(SliceViews, StatisticsAndProfilesOverDrawnRoisAndDrawnRegions) {
   const int sphereRow = int(pcd_app->session.rois.items.size()) - 1;
   // a freehand ROI around the voxels x 20..23, y 20..22 of the same slice: 12 voxels
   Activate(editor->menu, "/ROI/New/Freehand");
-  const double w = Pane(0)->geometry.width / 2.0, h = Pane(0)->geometry.height / 2.0;
-  const double left = w + (20.2 - kX / 2.0) * kPixels, right = w + (23.8 - kX / 2.0) * kPixels;
-  const double top = h + (20.2 - kY / 2.0) * kPixels, bottom = h + (22.8 - kY / 2.0) * kPixels;
-  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, left, top);
-  SendMotion(Pane(0)->area, right, top);
-  SendMotion(Pane(0)->area, right, bottom);
-  SendMotion(Pane(0)->area, left, bottom);
-  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, left, bottom);
+  DrawRectangle(20.2, 23.8, 20.2, 22.8);
   ASSERT_EQ(PCD_GetSelectedRoiObject(&pcd_app->session.rois)->shape->points.size(), 12u);
   const int freehandRow = sphereRow + 1;
   Drain();
@@ -427,13 +433,7 @@ TEST(SliceViews, StatisticsAndProfilesOverDrawnRoisAndDrawnRegions) {
   ClickRadio(profileRoi, "Freehand");
   PutCursor(8, 15, 5);
   gtk_combo_box_set_active(GTK_COMBO_BOX(pcd_views->palette), 3);  // "avoidance": any palette will do
-  const double l = w + (4.2 - kX / 2.0) * kPixels, r = w + (11.8 - kX / 2.0) * kPixels;
-  const double t = h + (14.2 - kY / 2.0) * kPixels, b = h + (16.8 - kY / 2.0) * kPixels;
-  SendButton(Pane(0)->area, GDK_BUTTON_PRESS, l, t);
-  SendMotion(Pane(0)->area, r, t);
-  SendMotion(Pane(0)->area, r, b);
-  SendMotion(Pane(0)->area, l, b);
-  SendButton(Pane(0)->area, GDK_BUTTON_RELEASE, l, b);
+  DrawRectangle(4.2, 11.8, 14.2, 16.8);
   Drain(100);
   EXPECT_EQ(profile->profile->region.kind, kPcdRegionFreehand);
   EXPECT_EQ(profile->profile->region.shape->points.size(), 24u);
