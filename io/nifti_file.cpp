@@ -561,6 +561,18 @@ PcdDtiData* ReadNiftiDwiFile(const char* fileName, const char* bvalFile, const c
   return dti;
 }
 
+bool PCD_NiftiCanHold(const PcdIntSize3D& size, int32_t count, const char* fileName) {
+  // the NIfTI-1 header keeps each dimension in 16 bits; a larger one would wrap there and
+  // the image's size with it
+  constexpr int32_t kMaxDim = 32767;
+  if (size.x >= 1 && size.y >= 1 && size.z >= 1 && count >= 1 && size.x <= kMaxDim && size.y <= kMaxDim &&
+      size.z <= kMaxDim && count <= kMaxDim)
+    return true;
+  std::fprintf(stderr, "Err: %s: NIfTI-1 holds 1 to %d voxels along an axis; the volume is %d x %d x %d x %d\n",
+               fileName, kMaxDim, size.x, size.y, size.z, count);
+  return false;
+}
+
 int WriteNiftiChannels(const PcdRawVolumeData* volume, const int32_t* channels, int32_t count,
                        const PcdWorldGeometry* geometry, const char* fileName, float sclSlope) {
   if (fileName == nullptr) return -1;
@@ -591,15 +603,7 @@ int WriteNiftiChannels(const PcdRawVolumeData* volume, const int32_t* channels, 
     return -1;
   }
 
-  // the NIfTI-1 header keeps each dimension in 16 bits; a larger one would wrap there and
-  // the image's size with it
-  constexpr int32_t kMaxDim = 32767;
-  if (size.x < 1 || size.y < 1 || size.z < 1 || size.x > kMaxDim || size.y > kMaxDim || size.z > kMaxDim ||
-      count > kMaxDim) {
-    std::fprintf(stderr, "Err: %s: NIfTI-1 holds 1 to %d voxels along an axis; the volume is %d x %d x %d x %d\n",
-                 fileName, kMaxDim, size.x, size.y, size.z, count);
-    return -1;
-  }
+  if (!PCD_NiftiCanHold(PcdIntSize3D{size.x, size.y, size.z}, count, fileName)) return -1;
   const int dims[8] = {count > 1 ? 4 : 3, size.x, size.y, size.z, count, 1, 1, 1};
   nifti_set_debug_level(0);
   NiftiPtr nim(nifti_make_new_nim(dims, datatype, 1));

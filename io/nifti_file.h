@@ -66,6 +66,10 @@ PcdRawVolumeData* ReadNiftiVolumeFile(const char* fileName, PcdWorldGeometry* ge
 PcdDtiData* ReadNiftiDwiFile(const char* fileName, const char* bvalFile, const char* bvecFile,
                              PcdWorldGeometry* geometry, std::string* information);
 
+// Whether a NIfTI-1 header can describe COUNT volumes of SIZE (16-bit dimensions); when it
+// cannot, an "Err: " line naming fileName says so. Lets a command refuse before its work.
+bool PCD_NiftiCanHold(const PcdIntSize3D& size, int32_t count, const char* fileName);
+
 // Writes the listed channels (all of one data type and colour format) as one 3D or 4D
 // image. A packed RGBA channel is written as RGB24 (alpha dropped). sclSlope, when
 // non-zero, is stored so that other tools show value * sclSlope (e.g. 0.001 for FA x

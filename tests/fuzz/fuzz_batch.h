@@ -13,7 +13,8 @@
 // thrown away; its exit status.
 inline int PCDfuzz_RunBatch(const std::string& name, std::vector<std::string> args) {
   // the harness's memory limit is below half the machine's: sizes are checked against it
-  static bool quiet = std::freopen("/dev/null", "w", stdout) != nullptr && setenv("QUORIX_MEMORY_LIMIT_MB", "512", 1) == 0;
+  // (a harness may have set a lower one first)
+  static bool quiet = std::freopen("/dev/null", "w", stdout) != nullptr && setenv("QUORIX_MEMORY_LIMIT_MB", "512", 0) == 0;
   (void)quiet;
   const BatchCommand* command = FindBatchCommand(name);
   if (command == nullptr) __builtin_trap();

@@ -88,6 +88,8 @@ int run_export(BatchArgs& args, const RoiOptions& options) {
                  size.y, size.z);
     return kBatchFailed;
   }
+  // a mask that the output cannot hold is refused before it is drawn
+  if (!BatchEndsWith(*output, ".raw") && !PCD_NiftiCanHold(size, 1, output->c_str())) return kBatchFailed;
   // the mask overlays its data in other tools only with the data's voxel-to-world matrix
   PcdWorldGeometry geometry;
   PCD_SetDefaultWorldGeometry(&geometry, voxelSize);
