@@ -11,9 +11,9 @@
 #include "study/roi_object.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  // a head may claim any matrix; masks of up to 64 MB are drawn and written, larger ones
+  // a head may claim any matrix; masks of up to 4 MB are drawn and written, larger ones
   // refused by the same checks, so a run spends its time on many inputs, not a few huge ones
-  static bool quiet = (PCD_SetNoticeHandler([](const PcdNotice&) {}), setenv("QUORIX_MEMORY_LIMIT_MB", "64", 1) == 0);
+  static bool quiet = (PCD_SetNoticeHandler([](const PcdNotice&) {}), setenv("QUORIX_MEMORY_LIMIT_MB", "4", 1) == 0);
   (void)quiet;
   const std::string magic(kPcdRoiFileMagic);
   const bool isRoi = size >= magic.size() && std::string(reinterpret_cast<const char*>(data), magic.size()) == magic;
